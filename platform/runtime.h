@@ -221,6 +221,10 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+/* Shader-interface handles (interfaces, frame-buffer sets, string options)
+   obtained and not yet given back. */
+MI_API int shader_interface_outstanding();
+
 /* The Context a state belongs to. */
 MI_API Context *context_of(miState *state);
 
