@@ -1,0 +1,535 @@
+// Constants, messages, user-data chains, scratch allocators and stacks, camera
+// origin, colour conversion and the motion time sampler.
+#include "DruxShaderSDK.h"
+#include "runtime.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace {
+
+uint32_t bits(float f)
+{
+    uint32_t u;
+    std::memcpy(&u, &f, 4);
+    return u;
+}
+
+void expectColor(const miColor &c, float r, float g, float b, float a)
+{
+    EXPECT_FLOAT_EQ(c.r, r);
+    EXPECT_FLOAT_EQ(c.g, g);
+    EXPECT_FLOAT_EQ(c.b, b);
+    EXPECT_FLOAT_EQ(c.a, a);
+}
+
+// ------------------------------------------------------------ constants
+
+TEST(Constants, FloatBitPatterns)
+{
+    EXPECT_EQ(bits(KELU_EPS), 0x3727C5ACu);
+    EXPECT_EQ(static_cast<double>(KELU_EPS), 0.00000999999974737875163555145263671875);
+    EXPECT_EQ(bits(KELU_LUMINANCE_RED), 0x3E99999Au);
+    EXPECT_EQ(bits(KELU_LUMINANCE_GREEN), 0x3F170A3Du);
+    EXPECT_EQ(bits(KELU_LUMINANCE_BLUE), 0x3DE147AEu);
+    EXPECT_EQ(bits(TRANSLUCENCE_ANGLE_FAC), 0xC1380000u);
+    EXPECT_EQ(bits(TRANSLUCENCE_FADE), 0x3E19999Au);
+}
+
+TEST(Constants, IntegersAndBits)
+{
+    EXPECT_EQ(KELU_MAGIC, 0x4B656C75);
+    const unsigned char le[4] = {0x75, 0x6C, 0x65, 0x4B};
+    EXPECT_EQ(std::memcmp(&KELU_MAGIC, le, 4), 0) << "little-endian bytes of 'Kelu'";
+    EXPECT_EQ(KELU_CUBE_SIDE, 32);
+    const int seq[] = {KELU_BIT_BUMP2D, KELU_BIT_IMAGEPLANE, KELU_BIT_ENVLIGHTFOG, KELU_BIT_VOLUMEFOG,
+                       KELU_BIT_FLUID,  KELU_BIT_NOAF,       KELU_BIT_MOTION};
+    for (int i = 0; i < 7; ++i)
+        EXPECT_EQ(seq[i], 1 << i) << "bit " << i;
+    EXPECT_EQ(miRAY_MRFM_DISPLACE, 66);
+}
+
+TEST(Constants, ColoursMatricesKeys)
+{
+    expectColor(BLACK, 0, 0, 0, 0);
+    expectColor(WHITE, 1, 1, 1, 1);
+    EXPECT_EQ(std::memcmp(&KELU_BLACK, &BLACK, sizeof(miColor)), 0);
+    EXPECT_EQ(std::memcmp(&KELU_WHITE, &WHITE, sizeof(miColor)), 0);
+    for (int i = 0; i < 16; ++i) {
+        EXPECT_EQ(KELU_NULL_MATRIX[i], 0.0f);
+        EXPECT_EQ(KELU_IDENTITY_MATRIX[i], (i % 5 == 0) ? 1.0f : 0.0f) << i;
+    }
+    EXPECT_STREQ(KELU_FRAMEBUFFER_DATA_SUFFIX, ":fbdata");
+    EXPECT_STREQ(PASS_TYPE_INFO_KEY, "druxPassState");
+    EXPECT_STREQ(FRAME_BUFFER_INFO_KEY, "druxFBInfo");
+    EXPECT_STREQ(FRAME_BUFFER_STATE_KEY, "druxFBState");
+}
+
+TEST(Constants, DefaultLightData)
+{
+    static_assert(sizeof(LightData) == 48, "48 bytes");
+    const unsigned char *raw = reinterpret_cast<const unsigned char *>(&defaultLightDataArray);
+    int ints[4];
+    std::memcpy(ints, raw, 16);
+    EXPECT_EQ(ints[0], 0);
+    EXPECT_EQ(ints[1], 1);
+    EXPECT_EQ(ints[2], 1);
+    EXPECT_EQ(ints[3], 0);
+    miColor c;
+    std::memcpy(&c, raw + 16, 16);
+    expectColor(c, 1, 1, 1, 1);
+    void *corners;
+    std::memcpy(&corners, raw + 32, 8);
+    EXPECT_EQ(corners, nullptr);
+    for (int i = 40; i < 48; ++i)
+        EXPECT_EQ(raw[i], 0) << "byte " << i;
+}
+
+// ------------------------------------------------------------ messages
+
+TEST(Messages, VerbatimWithLevels)
+{
+    mirt::clear_messages();
+    druxError("100% done %s %d");
+    druxWarning("w%n");
+    druxInfo("info\n");
+    auto msgs = mirt::messages();
+    ASSERT_EQ(msgs.size(), 3u);
+    EXPECT_EQ(msgs[0].level, mirt::Level::Error);
+    EXPECT_EQ(msgs[0].text, "100% done %s %d");
+    EXPECT_EQ(msgs[1].level, mirt::Level::Warning);
+    EXPECT_EQ(msgs[1].text, "w%n");
+    EXPECT_EQ(msgs[2].level, mirt::Level::Info);
+    EXPECT_EQ(msgs[2].text, "info\n");
+}
+
+TEST(Messages, FatalDoesNotReturn)
+{
+    mirt::clear_messages();
+    bool returned = false;
+    try {
+        druxFatal("stop 5%");
+        returned = true;
+    } catch (const mirt::FatalError &e) {
+        EXPECT_EQ(e.text, "stop 5%");
+    }
+    EXPECT_FALSE(returned);
+    auto msgs = mirt::messages();
+    ASSERT_EQ(msgs.size(), 1u);
+    EXPECT_EQ(msgs[0].level, mirt::Level::Fatal);
+}
+
+// ------------------------------------------------------------ user data
+
+constexpr int FBUF = 0x46427566;
+constexpr int SWAPPED_FBUF = 0x66754246;
+
+struct Chain : ::testing::Test {
+    std::vector<miTag> blocks;
+    miTag block(int magic, int payload, miTag next)
+    {
+        int words[2] = {magic, payload};
+        miTag t = mirt::db_create_userdata(words, sizeof words, next);
+        blocks.push_back(t);
+        return t;
+    }
+    miTag object(miTag userdata)
+    {
+        miTag t = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
+        static_cast<miObject *>(mirt::db_data(t))->userdata = userdata;
+        return t;
+    }
+    miTag instance(miTag item)
+    {
+        miTag t = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
+        static_cast<miInstance *>(mirt::db_data(t))->item = item;
+        return t;
+    }
+    void TearDown() override { EXPECT_EQ(mirt::db_total_pins(), 0); }
+};
+
+int payloadOf(void *params) { return static_cast<int *>(params)[1]; }
+
+TEST_F(Chain, FindsByMagicAndLeavesOnlyTheMatchPinned)
+{
+    miTag c = block(KELU_MAGIC, 3, 0);
+    miTag b = block(SWAPPED_FBUF, 2, c);
+    miTag a = block(0x12345678, 1, b);
+
+    miTag found = 0;
+    int swapped = -1;
+    void *p = get_userdata(KELU_MAGIC, miSCENE_USERDATA, a, &found, &swapped);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(payloadOf(p), 3);
+    EXPECT_EQ(found, c);
+    EXPECT_EQ(swapped, 0);
+    EXPECT_EQ(mirt::db_pin_count(c), 1);
+    EXPECT_EQ(mirt::db_pin_count(a), 0);
+    EXPECT_EQ(mirt::db_pin_count(b), 0);
+    mi_db_unpin(c);
+}
+
+TEST_F(Chain, SwappedMagicOnlyWithSwapPointer)
+{
+    miTag kelu = block(KELU_MAGIC, 9, 0);
+    miTag swappedBlock = block(SWAPPED_FBUF, 7, kelu);
+    miTag first = block(0x1, 0, swappedBlock);
+
+    miTag found = 0;
+    int swapped = -1;
+    void *p = get_userdata(FBUF, miSCENE_USERDATA, first, &found, &swapped);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(payloadOf(p), 7);
+    EXPECT_EQ(swapped, 1);
+    EXPECT_EQ(found, swappedBlock);
+    mi_db_unpin(found);
+
+    // Without a swap pointer the byte-reversed block does not match and the
+    // walk ends without a match.
+    found = 0;
+    EXPECT_EQ(get_userdata(FBUF, miSCENE_USERDATA, first, &found, nullptr), nullptr);
+    EXPECT_EQ(found, 0u);
+}
+
+TEST_F(Chain, ObjectsAndInstances)
+{
+    miTag ud = block(KELU_MAGIC, 5, 0);
+    miTag obj = object(ud);
+    miTag inst = instance(obj);
+    miTag found = 0;
+
+    void *p = get_userdata(KELU_MAGIC, miSCENE_OBJECT, obj, &found, nullptr);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(payloadOf(p), 5);
+    mi_db_unpin(found);
+
+    p = get_userdata(KELU_MAGIC, miSCENE_OBJECT, inst, &found, nullptr);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(payloadOf(p), 5);
+    EXPECT_EQ(found, ud);
+    mi_db_unpin(found);
+
+    // An instance of something that is not an object (a light, a camera).
+    miTag light = mirt::db_create(miSCENE_LIGHT, sizeof(miLight));
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_OBJECT, instance(light), &found, nullptr), nullptr);
+    // Asking for an instance type: the element is not an object.
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_INSTANCE, inst, &found, nullptr), nullptr);
+    // An object without user data, tag 0, an unknown tag.
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_OBJECT, object(0), &found, nullptr), nullptr);
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_USERDATA, 0, &found, nullptr), nullptr);
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_OBJECT, 0, &found, nullptr), nullptr);
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_OBJECT, 0x7fffff00u, &found, nullptr), nullptr);
+}
+
+TEST_F(Chain, BrokenChainsAndMissingMagic)
+{
+    // A chain that runs into an item that is not user data.
+    miTag text = mirt::db_create_string("not user data");
+    miTag a = block(0x11, 0, text);
+    static_cast<miUserdata *>(mirt::db_data(a))->next_data = text;
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_USERDATA, a, nullptr, nullptr), nullptr);
+    // A chain that points at a deleted item.
+    miTag gone = block(KELU_MAGIC, 0, 0);
+    miTag b = block(0x22, 0, gone);
+    mirt::db_delete(gone);
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_USERDATA, b, nullptr, nullptr), nullptr);
+    // A complete chain without the magic.
+    miTag c = block(0x33, 0, block(0x44, 0, 0));
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_USERDATA, c, nullptr, nullptr), nullptr);
+    // An object given as type 34 is not a user-data block.
+    EXPECT_EQ(get_userdata(KELU_MAGIC, miSCENE_USERDATA, object(c), nullptr, nullptr), nullptr);
+}
+
+// ------------------------------------------------------------ scratch allocators and stacks
+
+struct Scratch : ::testing::Test {
+    miLock lock = nullptr;
+    void SetUp() override { mi_init_lock(&lock); }
+    void TearDown() override
+    {
+        clr_tla_list(lock);
+        EXPECT_EQ(mirt::mem_live_bytes("SDK/druxKeluState"), 0);
+        mi_delete_lock(&lock);
+    }
+};
+
+TEST_F(Scratch, OneAllocatorPerThreadAndSize)
+{
+    miMemblk *a = get_tla(lock, 0, 64);
+    EXPECT_EQ(get_tla(lock, 0, 64), a);
+    EXPECT_NE(get_tla(lock, 1, 64), a);
+    EXPECT_NE(get_tla(lock, 0, 32), a);
+    EXPECT_GT(mirt::mem_live_bytes("SDK/druxKeluState"), 0);
+}
+
+TEST_F(Scratch, ConcurrentThreadsGetTheirOwnAllocators)
+{
+    constexpr int kThreads = 8;
+    std::vector<miMemblk *> first(kThreads), second(kThreads);
+    std::vector<std::thread> pool;
+    for (int t = 0; t < kThreads; ++t)
+        pool.emplace_back([&, t] {
+            first[t] = get_tla(lock, t, 48);
+            // Each thread works its allocator while the list grows.
+            void *p = mi_mem_blkfallocate(first[t]);
+            std::memset(p, t, 48);
+            mi_mem_blkfrelease(first[t], p);
+            second[t] = get_tla(lock, t, 48);
+        });
+    for (auto &th : pool)
+        th.join();
+    std::set<miMemblk *> distinct(first.begin(), first.end());
+    EXPECT_EQ(distinct.size(), static_cast<size_t>(kThreads));
+    EXPECT_EQ(first, second);
+}
+
+struct Elem {
+    void *link;
+    int value;
+};
+
+TEST_F(Scratch, StackPushPop)
+{
+    mirt::Context ctx;
+    miState *state = ctx.begin_state(3);
+    state->global_lock = lock;
+    ScratchStack st{};
+    miMemblk *blk = stack_create(state, &st, sizeof(Elem));
+    EXPECT_EQ(blk, get_tla(lock, 3, sizeof(Elem)));
+    EXPECT_EQ(st.top, nullptr);
+    EXPECT_EQ(st.count, 0);
+
+    Elem *e[3];
+    for (int i = 0; i < 3; ++i) {
+        e[i] = static_cast<Elem *>(stack_push(&st));
+        e[i]->value = 10 + i;
+    }
+    EXPECT_EQ(st.count, 3);
+    EXPECT_EQ(st.top, e[2]);
+    EXPECT_EQ(e[2]->link, e[1]);
+    stack_pop(&st);
+    EXPECT_EQ(st.count, 2);
+    ASSERT_EQ(st.top, e[1]);
+    EXPECT_EQ(static_cast<Elem *>(st.top)->value, 11);
+    stack_pop(&st);
+    stack_pop(&st);
+    EXPECT_EQ(st.count, 0);
+    EXPECT_EQ(st.top, nullptr);
+    stack_pop(&st); // empty: nothing happens
+    EXPECT_EQ(st.count, 0);
+    // Abandon two pushed elements: clr_tla_list still frees them.
+    stack_push(&st);
+    stack_push(&st);
+    ctx.end_state(state);
+}
+
+// ------------------------------------------------------------ camera origin
+
+TEST(Camera, OriginFromTranslationRow)
+{
+    mirt::Context ctx;
+    miState *state = ctx.begin_state(0);
+    miMatrix m = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 4, -6, 8, 2};
+    ctx.set_camera_transform(m);
+    miVector o{};
+    origin_from_camera(state, &o);
+    EXPECT_FLOAT_EQ(o.x, 2);
+    EXPECT_FLOAT_EQ(o.y, -3);
+    EXPECT_FLOAT_EQ(o.z, 4);
+    m[15] = 0; // w = 0: undivided
+    ctx.set_camera_transform(m);
+    origin_from_camera(state, &o);
+    EXPECT_FLOAT_EQ(o.x, 4);
+    EXPECT_FLOAT_EQ(o.y, -6);
+    EXPECT_FLOAT_EQ(o.z, 8);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+    ctx.end_state(state);
+}
+
+// ------------------------------------------------------------ colour
+
+miColor hsv(float h, float s, float v, float a = 0.5f) { return miColor{h, s, v, a}; }
+
+TEST(Colour, PrimariesToHsv)
+{
+    const struct {
+        miColor rgb;
+        float h;
+    } cases[] = {{{1, 0, 0, 1}, 0.0f}, {{0, 1, 0, 1}, 1.0f / 3}, {{0, 0, 1, 1}, 2.0f / 3}, {{1, 0, 1, 1}, 5.0f / 6}};
+    for (const auto &c : cases) {
+        miColor out;
+        rgb_to_hsv(&c.rgb, &out);
+        EXPECT_NEAR(out.r, c.h, 1e-6);
+        EXPECT_FLOAT_EQ(out.g, 1);
+        EXPECT_FLOAT_EQ(out.b, 1);
+        EXPECT_FLOAT_EQ(out.a, 1);
+        EXPECT_GE(out.r, 0.0f);
+        EXPECT_LT(out.r, 1.0f);
+    }
+}
+
+TEST(Colour, GreyAndDarkAreHueless)
+{
+    miColor out;
+    miColor nearlyGrey{0.5f, 0.50001f, 0.5f, 0.25f};
+    rgb_to_hsv(&nearlyGrey, &out);
+    expectColor(out, 0, 0, 0.50001f, 0.25f);
+    miColor dark{0.00001f, 0.0f, 0.0f, 0.0f};
+    rgb_to_hsv(&dark, &out);
+    expectColor(out, 0, 0, 0.00001f, 0);
+}
+
+TEST(Colour, HueWrapsSaturationZeroAndNegativeHue)
+{
+    miColor a, b;
+    miColor h125 = hsv(1.25f, 0.8f, 0.6f), h025 = hsv(0.25f, 0.8f, 0.6f);
+    hsv_to_rgb(&h125, &a);
+    hsv_to_rgb(&h025, &b);
+    EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
+    miColor h1 = hsv(1.0f, 0.8f, 0.6f), h0 = hsv(0.0f, 0.8f, 0.6f);
+    hsv_to_rgb(&h1, &a);
+    hsv_to_rgb(&h0, &b);
+    EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
+
+    miColor grey = hsv(0.7f, 0.0f, 0.5f, 0.3f);
+    hsv_to_rgb(&grey, &a);
+    expectColor(a, 0.5f, 0.5f, 0.5f, 0.3f);
+
+    miColor neg = hsv(-0.25f, 1.0f, 1.0f, 0.75f);
+    miColor untouched{9, 8, 7, 6};
+    hsv_to_rgb(&neg, &untouched);
+    expectColor(untouched, 9, 8, 7, 0.75f);
+    miColor nan = hsv(std::nanf(""), 1.0f, 1.0f, 0.125f);
+    miColor untouched2{9, 8, 7, 6};
+    hsv_to_rgb(&nan, &untouched2);
+    expectColor(untouched2, 9, 8, 7, 0.125f);
+}
+
+TEST(Colour, RoundTripsAndInPlace)
+{
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> u(0.0f, 1.0f);
+    for (int i = 0; i < 2000; ++i) {
+        miColor rgb{u(rng), u(rng), u(rng), u(rng)}, h, back;
+        rgb_to_hsv(&rgb, &h);
+        ASSERT_GE(h.r, 0.0f);
+        ASSERT_LT(h.r, 1.0f);
+        hsv_to_rgb(&h, &back);
+        EXPECT_NEAR(back.r, rgb.r, 2e-5);
+        EXPECT_NEAR(back.g, rgb.g, 2e-5);
+        EXPECT_NEAR(back.b, rgb.b, 2e-5);
+        EXPECT_EQ(back.a, rgb.a);
+        hsv_to_rgb(&h, &h); // in place
+        EXPECT_EQ(std::memcmp(&h, &back, sizeof h), 0);
+    }
+}
+
+// ------------------------------------------------------------ time sampler
+
+struct TimeSampler : ::testing::Test {
+    mirt::Context ctx;
+    miState *state = nullptr;
+    void SetUp() override
+    {
+        state = ctx.begin_state(0);
+        ctx.options().shutter_delay = 0.0f;
+        ctx.options().shutter = 1.0f;
+        ctx.options().time_contrast = miColor{0.2f, 0.25f, 0.5f, 1.0f};
+        ctx.set_query_int(miQ_MOTION_BY_RENDERER, 0);
+        ctx.set_query_int(miQ_PRECOMPUTE_PASS, 0);
+    }
+    void TearDown() override { ctx.end_state(state); }
+    std::vector<double> run(int motion, double start)
+    {
+        TmSampler s;
+        state->time = start;
+        tmsampler_init(&s, state, motion);
+        std::vector<double> times;
+        while (!tmsampler_isDone(&s)) {
+            times.push_back(state->time);
+            tmsampler_next(&s, state);
+            if (times.size() > 200)
+                break;
+        }
+        return times;
+    }
+};
+
+TEST_F(TimeSampler, FiveSamplesWrapIntoTheShutter)
+{
+    TmSampler s;
+    tmsampler_init(&s, state, 1);
+    EXPECT_EQ(s.count, 5u);
+    EXPECT_FLOAT_EQ(s.step, 0.2f);
+    auto t = run(1, 0.9);
+    ASSERT_EQ(t.size(), 5u);
+    const double want[] = {0.9, 0.1, 0.3, 0.5, 0.7};
+    for (int i = 0; i < 5; ++i)
+        EXPECT_NEAR(t[i], want[i], 1e-6) << i;
+}
+
+TEST_F(TimeSampler, CountsFromTheSmallestContrast)
+{
+    const struct {
+        float m;
+        unsigned count;
+    } cases[] = {{0.3f, 3}, {0.01f, 100}, {0.005f, 100}, {0.2f, 5}, {0.5f, 2}};
+    for (const auto &c : cases) {
+        ctx.options().time_contrast = miColor{1.0f, c.m, 1.0f, 1.0f};
+        TmSampler s;
+        tmsampler_init(&s, state, 1);
+        EXPECT_EQ(s.count, c.count) << c.m;
+        EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(c.count));
+    }
+    ctx.options().time_contrast = miColor{1.0f, 2.0f, 1.5f, 0.0f};
+    TmSampler s;
+    tmsampler_init(&s, state, 1);
+    EXPECT_EQ(s.count, 1u);
+    EXPECT_FLOAT_EQ(s.step, 1.0f) << "one sample stepping the whole shutter";
+}
+
+TEST_F(TimeSampler, SingleSampleCases)
+{
+    auto expectSingle = [&](const char *why) {
+        TmSampler s;
+        tmsampler_init(&s, state, 1);
+        EXPECT_EQ(s.count, 1u) << why;
+        EXPECT_EQ(s.step, 0.0f) << why;
+    };
+    {
+        TmSampler s;
+        tmsampler_init(&s, state, 0);
+        EXPECT_EQ(s.count, 1u);
+        EXPECT_EQ(s.step, 0.0f);
+        state->time = 0.4;
+        tmsampler_next(&s, state);
+        EXPECT_EQ(state->time, 0.4) << "adds nothing";
+        EXPECT_TRUE(tmsampler_isDone(&s));
+        state->time = 1.5; // already beyond the shutter: wrapped once
+        tmsampler_next(&s, state);
+        EXPECT_NEAR(state->time, 0.5, 1e-9);
+    }
+    ctx.set_query_int(miQ_PRECOMPUTE_PASS, 1);
+    expectSingle("precompute pass");
+    ctx.set_query_int(miQ_PRECOMPUTE_PASS, 0);
+    ctx.set_query_int(miQ_MOTION_BY_RENDERER, 1);
+    expectSingle("renderer samples motion");
+    ctx.fail_query(miQ_MOTION_BY_RENDERER);
+    expectSingle("query fails");
+    ctx.set_query_int(miQ_MOTION_BY_RENDERER, 0);
+    ctx.options().shutter = 0.0f;
+    expectSingle("shutter closed");
+    ctx.options().shutter = 1.0f;
+    ctx.options().time_contrast = miColor{0.5f, 0.0f, 0.5f, 1.0f};
+    expectSingle("zero contrast");
+    ctx.options().time_contrast = miColor{0.5f, 0.5f, -1.0f, 1.0f};
+    expectSingle("negative contrast");
+}
+
+} // namespace
