@@ -1,0 +1,144 @@
+/*
+ * Internals of the runtime shared between its source files (runtime.cpp,
+ * trace.cpp, geometry.cpp).  Not seen by shader libraries or tests.
+ *
+ * States: every state the runtime makes lives in a StateFrame (the 352-byte
+ * state followed by the storage its list pointers refer to).  Frames are owned
+ * by the eye state they descend from, through its shader-state store (which
+ * every state of that eye state carries in miState::shaderstate), and are freed
+ * with it at end_state.  Library code copies states itself, so ownership is
+ * tracked in lists here, never by following pointers found in states.
+ */
+#ifndef MI_RUNTIME_INTERNAL_H
+#define MI_RUNTIME_INTERNAL_H
+
+#include "runtime.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+/* miLock points at one of these. */
+struct miLockRec {
+    std::mutex m;
+};
+
+/* miState::ctx points at the Context's handle. */
+struct miRenderContext {
+    mirt::Context *context;
+    mirt::Context::Impl *impl;
+};
+
+namespace mirt {
+
+/* Storage sizes of a runtime-made state's lists. */
+constexpr int kFrameTexSpaces = 64;  /* tex_list */
+constexpr int kFrameBumps = 64;      /* bump_x_list, bump_y_list */
+constexpr int kFrameDerivs = 2;      /* derivs */
+
+struct StateFrame {
+    miState state;                     /* first: a StateFrame* is its miState* */
+    miVector tex[kFrameTexSpaces];
+    miVector bump_x[kFrameBumps];
+    miVector bump_y[kFrameBumps];
+    miVector derivs[kFrameDerivs];
+    StateFrame *spare_frame = nullptr; /* frame that state.spare points at (same owner) */
+    const miState *made_for = nullptr; /* parent address this child frame serves (null: eye/spare) */
+};
+
+} // namespace mirt
+
+/* The shader-state store of one eye state, shared by all its child states. */
+struct miShaderStateStore {
+    struct Entry {
+        std::string key;
+        void *data = nullptr; /* operator new'd, max-aligned; null when size is 0 */
+        int size = 0;
+    };
+    std::vector<Entry> entries;
+    mirt::Context::Impl *ctx = nullptr;
+    miState *root = nullptr;                          /* the eye state */
+    std::vector<mirt::StateFrame *> frames;            /* every frame owned, root included */
+    std::unordered_map<const miState *, mirt::StateFrame *> children; /* parent -> child frame */
+};
+
+namespace mirt {
+
+struct Context::Impl {
+    Context *self = nullptr;
+    miRenderContext handle{};
+
+    int width = 8, height = 8;
+
+    /* database items made (and deleted) by the Context */
+    miTag options_tag = 0, camera_tag = 0, camera_inst_tag = 0, fbset_tag = 0, stropts_tag = 0;
+    miOptions *options = nullptr;      /* data of options_tag */
+    miCamera *camera = nullptr;        /* data of camera_tag */
+    miInstance *camera_inst = nullptr; /* data of camera_inst_tag */
+    /* further items deleted with the Context (e.g. light records made by trace) */
+    std::vector<miTag> owned_items;
+
+    /* frame buffers: index i (from 1) is fb_names[i-1] / fb_pixels[i-1] */
+    std::vector<std::string> fb_names;
+    std::vector<std::vector<miColor>> fb_pixels;
+    std::atomic<uint64_t> fb_lookups{0};
+
+    /* string options (name -> int value; also readable as bool/float/text) */
+    struct StringOption {
+        std::string name;
+        int value;
+        std::string text;
+    };
+    std::vector<StringOption> string_options;
+
+    /* answers of queries 142, 158, 161 (and any other code set by a test) */
+    struct QueryAnswer {
+        int value = 0;
+        bool fail = false;
+    };
+    std::map<int, QueryAnswer> query_answers;
+
+    std::vector<miTag> state_shaders;
+
+    /* ---- used by trace */
+    const Scene *scene = nullptr;
+    miTag environment = 0;
+    std::vector<miTag> lights;
+    std::vector<miIrrad_options> irradiance_calls;
+    mutable std::mutex irradiance_mutex;
+    miLock cache_lock = nullptr;  /* query 52 */
+    std::shared_ptr<void> trace_private; /* free for trace's own bookkeeping */
+
+    /* live eye states */
+    std::mutex states_mutex;
+    std::vector<miShaderStateStore *> live_states;
+};
+
+/* A child state for a trace from `parent` (see the header comment):
+   the parent's 352 bytes copied, parent/child linked, lists pointing at the
+   frame's own storage, spare pointing at a spare frame. */
+MI_API miState *child_state(miState *parent);
+
+/* Call a shader (state shaders get `arg` as their operation record) with
+   state->shader switched to it for the call.  miFALSE for an unknown tag. */
+MI_API miBoolean call_function(miTag fn, void *result, miState *state, void *arg = nullptr);
+
+/* Query codes 4, 94, 95, 116, 137, 138: defined in trace.cpp. */
+bool trace_query(int code, miState *state, miTag tag, void *result);
+
+/* The Context internals of a state; null for a state not made by a Context. */
+MI_API Context::Impl *impl_of(const miState *state);
+
+/* Append a message to the log (and echo it when asked). */
+MI_API void log_message(Level level, const std::string &text);
+
+/* Shader record without pinning (null for unknown tags or other item types). */
+MI_API miFunction *function_record(miTag tag);
+
+} // namespace mirt
+
+#endif /* MI_RUNTIME_INTERNAL_H */
