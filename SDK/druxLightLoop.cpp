@@ -1,0 +1,563 @@
+/*
+ * The light loop's pass bookkeeping.
+ *
+ * A material shader that fills passes runs, for every light,
+ *
+ *     sampleLightBegin -> (per light sample: the light shader calls
+ *     setupLightContributions and traceShadow / the traceShadowAccumulate
+ *     family / setLightIrradiance; or, for a light that knows nothing of
+ *     passes, the material calls handleNonDruxLights; then the material adds
+ *     its per-pass result into lightSum) -> sampleLightEnd
+ *
+ * and around every secondary ray tracePassInit / trace / tracePassAdd.  While
+ * a shadow ray is traced, the occluders' shadow shaders call
+ * applyShadowTransparencyToFrameBuffers with the same state's entries.
+ *
+ * Everything here works on the calling state's FrameBufferInfo entries, which
+ * belong to one render thread: no locks.  These functions run per light
+ * sample, so they allocate nothing and make no renderer calls besides the
+ * contribution-mask lookups and mi_trace_shadow.
+ *
+ * Contribution masks are hexadecimal texts attached to instances through the
+ * instance's data tag: instance record -> data tag (byte 216) -> query 12 ->
+ * a data record whose first word is the tag of the text.  A mask text is
+ * pinned while it is read and unpinned exactly once (MaskText below).
+ *
+ * Defensive choices for input the callers should never give:
+ *   - a null entry pointer counts as no entries;
+ *   - null colour arguments read as black, a null filter is replaced by a
+ *     local colour (the trace still runs), null mode/useScale/scale pointers
+ *     of sampleLightEnd read as 0 / false / no scaling;
+ *   - a negative ray depth, or a depth beyond the slots a state was set up
+ *     with, touches no slot;
+ *   - a record reached through a tag is used only when it has the expected
+ *     database type (an instance for the data tag, a string for the mask);
+ *     anything else counts as no mask;
+ *   - contributesToPass never reads past a mask's terminating zero, and a
+ *     negative entry index does not contribute to a non-null mask.
+ */
+#include "druxInternal.h"
+
+#include <cstring>
+
+namespace {
+
+/* The data tag of an instance record lies two 32-bit fields after the
+   instanced item's tag. */
+constexpr size_t kInstanceDataTagOffset = offsetof(miInstance, item) + 2 * sizeof(miTag);
+static_assert(kInstanceDataTagOffset == 216, "instance data tag at byte 216");
+
+const char *const kNoLightInstance = "setupLightContributions was called outside of a light shader.";
+
+constexpr miUint kShadowMask = FBINFO_LIGHT_CONTRIBUTES | FBINFO_SHADOWED;
+constexpr miUint kIrradianceMask = FBINFO_LIGHT_CONTRIBUTES | FBINFO_SHADOW_PASS;
+
+/* Unpins a database item on scope exit, also while an exception passes. */
+struct Pin {
+    miTag tag;
+    explicit Pin(miTag t) : tag(t) {}
+    ~Pin()
+    {
+        if (tag)
+            mi_db_unpin(tag);
+    }
+    Pin(const Pin &) = delete;
+    Pin &operator=(const Pin &) = delete;
+};
+
+/*
+ * A contribution-mask text, opened from an instance's data and closed exactly
+ * once when the object goes out of scope (only if it was opened).  An empty
+ * text is closed at once and counts as no mask.
+ */
+class MaskText {
+public:
+    MaskText() = default;
+    ~MaskText() { close(); }
+    MaskText(const MaskText &) = delete;
+    MaskText &operator=(const MaskText &) = delete;
+
+    /* Looks up the mask of `instance`; returns it, or null for no mask. */
+    const char *open(miState *state, miTag instance)
+    {
+        close();
+        const miTag textTag = maskTag(state, instance);
+        if (!textTag)
+            return nullptr;
+        int type = miSCENE_NONE;
+        const char *text = static_cast<const char *>(mi_db_access_type(&type, textTag));
+        if (!text)
+            return nullptr; /* not in the database: nothing was pinned */
+        if (type != miSCENE_STRING || text[0] == '\0') {
+            mi_db_unpin(textTag);
+            return nullptr;
+        }
+        tag_ = textTag;
+        text_ = text;
+        length_ = std::strlen(text);
+        return text_;
+    }
+
+    const char *text() const { return text_; }
+
+    /* contributesToPass for an opened mask, without re-scanning the text. */
+    bool contributes(miUint index) const
+    {
+        if (!text_)
+            return true;
+        const size_t digit = index >> 2;
+        if (digit >= length_)
+            return false; /* at or past the terminating zero: no bits */
+        return (digitBits(text_[digit]) >> (index & 3u)) & 1u;
+    }
+
+    /* The 8-bit digit value of a mask character, as the masks are written:
+       '0'-'9', 'A'-'F' and 'a'-'f'.  Other characters give whatever bits this
+       arithmetic yields (the character is taken as an unsigned byte). */
+    static unsigned digitBits(char ch)
+    {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        unsigned char v;
+        if (c <= 0x40)
+            v = static_cast<unsigned char>(c - 48);
+        else if (c <= 0x60)
+            v = static_cast<unsigned char>(c - 55);
+        else
+            v = static_cast<unsigned char>(c - 87);
+        return v;
+    }
+
+private:
+    /* The tag of the mask text of `instance`, or 0.  The instance record is
+       pinned only while its data tag is read and queried. */
+    static miTag maskTag(miState *state, miTag instance)
+    {
+        if (!instance)
+            return 0;
+        int type = miSCENE_NONE;
+        const char *record = static_cast<const char *>(mi_db_access_type(&type, instance));
+        if (!record)
+            return 0;
+        void *data = nullptr;
+        miBoolean found = miFALSE;
+        {
+            Pin pin(instance);
+            if (type != miSCENE_INSTANCE)
+                return 0;
+            miTag dataTag;
+            std::memcpy(&dataTag, record + kInstanceDataTagOffset, sizeof dataTag);
+            if (dataTag)
+                found = mi_query(miQ_DATA_PARAM, state, dataTag, &data);
+        }
+        if (!found || !data)
+            return 0;
+        miTag textTag;
+        std::memcpy(&textTag, data, sizeof textTag);
+        return textTag;
+    }
+
+    void close()
+    {
+        if (tag_)
+            mi_db_unpin(tag_);
+        tag_ = 0;
+        text_ = nullptr;
+        length_ = 0;
+    }
+
+    miTag tag_ = 0;
+    const char *text_ = nullptr;
+    size_t length_ = 0;
+};
+
+inline miColor colorOr(const miColor *c, const miColor &fallback) { return c ? *c : fallback; }
+
+/* Per channel (1 - t) * shadowColor + t * lightColor; alpha 1. */
+inline miColor shadowedLight(const miColor &t, const miColor &light, const miColor &shadow)
+{
+    return miColor{(1.0f - t.r) * shadow.r + t.r * light.r, (1.0f - t.g) * shadow.g + t.g * light.g,
+                   (1.0f - t.b) * shadow.b + t.b * light.b, 1.0f};
+}
+
+/* lightColor minus the shadowed light, r, g, b; alpha 1. */
+inline miColor lightTaken(const miColor &light, const miColor &shadowed)
+{
+    return miColor{light.r - shadowed.r, light.g - shadowed.g, light.b - shadowed.b, 1.0f};
+}
+
+inline miColor rgbAlpha1(const miColor &c) { return miColor{c.r, c.g, c.b, 1.0f}; }
+
+inline miColor mul(const miColor &a, const miColor &b)
+{
+    return miColor{a.r * b.r, a.g * b.g, a.b * b.b, a.a * b.a};
+}
+
+inline void addTo(miColor &a, const miColor &b)
+{
+    a.r += b.r;
+    a.g += b.g;
+    a.b += b.b;
+    a.a += b.a;
+}
+
+inline miColor scaled(const miColor &c, float s) { return miColor{c.r * s, c.g * s, c.b * s, c.a * s}; }
+
+/* Index of the current ray's slot when the state's slots have it, else -1.
+   The slot arrays hold trace-depth limit + 2 slots. */
+inline int currentSlot(const miState *state)
+{
+    if (!state)
+        return -1;
+    const int d = drux::rayDepth(state);
+    if (d < 0 || (state->options && d > state->options->trace_depth + 1))
+        return -1;
+    return d;
+}
+
+/* The trace-depth limit, or -1 without options. */
+inline int traceLimit(const miState *state)
+{
+    return state && state->options ? state->options->trace_depth : -1;
+}
+
+inline void setContributions(miUint n, FrameBufferInfo *entries, const MaskText &mask)
+{
+    for (miUint i = 0; i < n; ++i) {
+        if (mask.contributes(i))
+            entries[i].flags |= FBINFO_LIGHT_CONTRIBUTES;
+        else
+            entries[i].flags &= ~static_cast<miUint>(FBINFO_LIGHT_CONTRIBUTES);
+    }
+}
+
+/* Restores the state's light instance on scope exit. */
+struct LightInstanceSwap {
+    miState *state;
+    miTag saved;
+    LightInstanceSwap(miState *s, miTag replacement) : state(s), saved(s->light_instance)
+    {
+        s->light_instance = replacement;
+    }
+    ~LightInstanceSwap() { state->light_instance = saved; }
+    LightInstanceSwap(const LightInstanceSwap &) = delete;
+    LightInstanceSwap &operator=(const LightInstanceSwap &) = delete;
+};
+
+} // namespace
+
+extern "C" {
+
+/* ================================================== pass contributions */
+
+DRUX_API miBoolean contributesToPass(int index, const char *mask)
+{
+    if (!mask)
+        return miTRUE;
+    if (index < 0)
+        return miFALSE;
+    const int digit = index / 4;
+    /* Stop at the terminating zero rather than read past the text. */
+    for (int k = 0; k < digit; ++k)
+        if (mask[k] == '\0')
+            return miFALSE;
+    return (MaskText::digitBits(mask[digit]) & (1u << (index % 4))) ? miTRUE : miFALSE;
+}
+
+DRUX_API void sampleLightBegin(miUint n, FrameBufferInfo *entries)
+{
+    if (n == 0 || !entries)
+        return;
+    entries[0].flags |= FBINFO_IN_LIGHT_LOOP | FBINFO_LIGHT_SETUP_PENDING;
+    for (miUint i = 0; i < n; ++i)
+        entries[i].lightSum = BLACK;
+}
+
+DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries, int samples,
+                             const int *mode, const miBoolean *useScale, const float *scale)
+{
+    if (n == 0 || !entries)
+        return;
+    entries[0].flags &= ~static_cast<miUint>(FBINFO_IN_LIGHT_LOOP);
+    if (samples <= 0)
+        return;
+    const int d = currentSlot(state);
+    if (d < 0 || state->type == miRAY_ENVIRONMENT)
+        return;
+    const float w = 1.0f / static_cast<float>(samples);
+
+    for (miUint i = 0; i < n; ++i) {
+        FrameBufferInfo &e = entries[i];
+        /* The caller's values are read for every entry: they may live in
+           memory that this loop writes. */
+        const int m = mode ? *mode : 0;
+        if (m == 0 || (e.flags & FBINFO_NO_ACCUMULATE))
+            continue;
+        PassSlot &slot = e.slots[d];
+        if (slot.slotFlags & 1u)
+            continue;
+        miColor col = scaled(e.lightSum, w);
+        if (useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u))
+            col = scaled(col, *scale);
+        switch (m) {
+        case 2:
+            slot.accum = mul(slot.accum, col);
+            break;
+        case 3:
+            slot.accum = col;
+            break;
+        default: /* 1 and any other non-zero mode add */
+            addTo(slot.accum, col);
+            break;
+        }
+    }
+}
+
+DRUX_API void setLightIrradiance(miUint n, FrameBufferInfo *entries, const miColor *colour)
+{
+    if (!entries)
+        return;
+    const miColor c = colorOr(colour, BLACK);
+    for (miUint i = 0; i < n; ++i) {
+        FrameBufferInfo &e = entries[i];
+        if ((e.flags & kIrradianceMask) == FBINFO_LIGHT_CONTRIBUTES)
+            e.light = miColor{c.r, c.g, c.b, 1.0f};
+        else
+            e.light = miColor{0.0f, 0.0f, 0.0f, 1.0f};
+        e.shadow = WHITE;
+    }
+}
+
+DRUX_API void tracePassInit(miUint n, FrameBufferInfo *entries, miState *state)
+{
+    if (n == 0 || !entries || !state)
+        return;
+    const int d = drux::rayDepth(state);
+    if (d < 0 || d >= traceLimit(state))
+        return;
+    for (miUint i = 0; i < n; ++i) {
+        PassSlot &child = entries[i].slots[d + 1];
+        child.result = BLACK;
+        child.opacity = BLACK;
+    }
+}
+
+DRUX_API void tracePassAdd(miUint n, FrameBufferInfo *entries, miState *state, miBoolean refracted,
+                           miColor weight)
+{
+    if (n == 0 || !entries || !state)
+        return;
+    const int d = drux::rayDepth(state);
+    if (d < 0 || d >= traceLimit(state))
+        return;
+    const miUint addFlag = refracted ? FBINFO_ADD_REFRACTION : FBINFO_ADD_REFLECTION;
+    for (miUint i = 0; i < n; ++i) {
+        FrameBufferInfo &e = entries[i];
+        if (e.flags & FBINFO_NO_TRACE_ADD)
+            continue;
+        PassSlot &here = e.slots[d];
+        if ((here.slotFlags & 3u) == 1u && !(e.flags & addFlag))
+            continue;
+        PassSlot &child = e.slots[d + 1];
+        addTo(here.accum, mul(weight, child.result));
+        child.result = BLACK;
+    }
+}
+
+/* ================================================== shadows */
+
+DRUX_API miBoolean traceShadow(miUint n, FrameBufferInfo *entries, miColor *filter,
+                               const miColor *lightColor, const miColor *shadowColor,
+                               miBoolean useSharedShadow, miState *state)
+{
+    miColor localFilter;
+    if (!filter)
+        filter = &localFilter;
+    if (!entries)
+        n = 0;
+    *filter = WHITE;
+    for (miUint i = 0; i < n; ++i)
+        if (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES)
+            entries[i].shadow = WHITE;
+
+    const miBoolean traced = mi_trace_shadow(filter, state);
+    if (n == 0)
+        return traced;
+
+    const miColor light = colorOr(lightColor, BLACK);
+    const miColor dark = colorOr(shadowColor, BLACK);
+    const miColor lightRGB = rgbAlpha1(light);
+    const miColor none{0.0f, 0.0f, 0.0f, 1.0f};
+
+    if (!useSharedShadow) {
+        for (miUint i = 0; i < n; ++i) {
+            FrameBufferInfo &e = entries[i];
+            if (!(e.flags & FBINFO_LIGHT_CONTRIBUTES)) {
+                e.light = none;
+                e.shadow = BLACK;
+            } else if (!(e.flags & FBINFO_SHADOWED)) {
+                e.light = lightRGB;
+                e.shadow = BLACK;
+            } else {
+                const miColor shadowed = shadowedLight(e.shadow, light, dark);
+                if (e.flags & FBINFO_SHADOW_PASS) {
+                    e.light = lightTaken(light, shadowed);
+                    e.shadow = shadowed;
+                } else {
+                    e.light = shadowed;
+                }
+            }
+        }
+    } else {
+        /* One transmission for every pass: the filter the occluders left,
+           or, when the light is blocked completely, the shadow colour. */
+        const miColor shared = traced ? shadowedLight(*filter, light, dark) : rgbAlpha1(dark);
+        const miColor taken = lightTaken(light, shared);
+        for (miUint i = 0; i < n; ++i) {
+            FrameBufferInfo &e = entries[i];
+            if (!(e.flags & FBINFO_LIGHT_CONTRIBUTES)) {
+                e.light = none;
+            } else if (!(e.flags & FBINFO_SHADOWED)) {
+                e.light = lightRGB;
+            } else if (e.flags & FBINFO_SHADOW_PASS) {
+                e.light = taken;
+                e.shadow = shared;
+            } else {
+                e.light = shared;
+            }
+        }
+    }
+    return traced;
+}
+
+DRUX_API void traceShadowAccumulateBegin(miUint n, FrameBufferInfo *entries)
+{
+    if (!entries)
+        return;
+    for (miUint i = 0; i < n; ++i)
+        entries[i].shadowSum = BLACK;
+}
+
+DRUX_API miBoolean traceShadowAccumulate(miUint n, FrameBufferInfo *entries, miColor *filter,
+                                         miState *state)
+{
+    miColor localFilter;
+    if (!filter)
+        filter = &localFilter;
+    if (!entries)
+        n = 0;
+    *filter = WHITE;
+    if (n == 0)
+        return mi_trace_shadow(filter, state) ? miTRUE : miFALSE;
+
+    for (miUint i = 0; i < n; ++i)
+        if (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES)
+            entries[i].shadow = WHITE;
+    const miBoolean traced = mi_trace_shadow(filter, state);
+    for (miUint i = 0; i < n; ++i)
+        if (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES)
+            addTo(entries[i].shadowSum, entries[i].shadow);
+    return traced ? miTRUE : miFALSE;
+}
+
+DRUX_API void traceShadowAccumulateEnd(miUint n, FrameBufferInfo *entries, miUint samples,
+                                       const miColor *lightColor, const miColor *shadowColor)
+{
+    if (!entries)
+        return;
+    const miColor light = colorOr(lightColor, BLACK);
+    const miColor dark = colorOr(shadowColor, BLACK);
+    const float w = samples ? 1.0f / static_cast<float>(samples) : 1.0f;
+    const miColor none{0.0f, 0.0f, 0.0f, 1.0f};
+
+    for (miUint i = 0; i < n; ++i) {
+        FrameBufferInfo &e = entries[i];
+        if (!(e.flags & FBINFO_LIGHT_CONTRIBUTES)) {
+            e.shadow = BLACK;
+            e.light = none;
+        } else if (!(e.flags & FBINFO_SHADOWED)) {
+            e.light = light; /* the light's own alpha */
+        } else {
+            const miColor t = samples ? scaled(e.shadowSum, w) : e.shadowSum;
+            const miColor shadowed = shadowedLight(t, light, dark);
+            e.shadow = t;
+            e.light = (e.flags & FBINFO_SHADOW_PASS) ? lightTaken(light, shadowed) : shadowed;
+        }
+    }
+}
+
+DRUX_API int applyShadowTransparencyToFrameBuffers(miUint n, FrameBufferInfo *entries,
+                                                   const miColor *transparency,
+                                                   miBoolean applyToLight, miState *state)
+{
+    int result = 0;
+    if (n == 0 || !entries)
+        return 0;
+    const miColor tr = colorOr(transparency, BLACK);
+    MaskText mask; /* opened at the first handled entry, closed on return */
+    bool looked = false;
+
+    for (miUint i = 0; i < n; ++i) {
+        FrameBufferInfo &e = entries[i];
+        if ((e.flags & kShadowMask) != kShadowMask)
+            continue;
+        if (!looked) {
+            looked = true;
+            mask.open(state, state ? state->instance : 0);
+        }
+        const bool masked = !(e.flags & FBINFO_ALL_OCCLUDERS) && mask.text() && !mask.contributes(i);
+        if (!masked) {
+            if (!applyToLight) {
+                e.shadow = mul(e.shadow, tr);
+            } else if (e.flags & FBINFO_SHADOW_PASS) {
+                const miColor s = e.shadow;
+                const miColor kept = mul(s, tr);
+                e.shadow = kept;
+                e.light.r += s.r - kept.r;
+                e.light.g += s.g - kept.g;
+                e.light.b += s.b - kept.b;
+                e.light.a += s.a - kept.a;
+            } else {
+                e.light = mul(e.light, tr);
+            }
+        }
+        if (e.shadow.r >= KELU_EPS || e.shadow.g >= KELU_EPS || e.shadow.b >= KELU_EPS)
+            result = 1;
+    }
+    return result;
+}
+
+/* ================================================== light set-up */
+
+DRUX_API void setupLightContributions(miUint n, FrameBufferInfo *entries, miState *state)
+{
+    if (n == 0 || !entries)
+        return;
+    MaskText mask; /* released on every way out */
+    const miTag light = state ? state->light_instance : 0;
+    if (!light)
+        druxError(kNoLightInstance);
+    else
+        mask.open(state, light);
+    setContributions(n, entries, mask);
+    entries[0].flags &= ~static_cast<miUint>(FBINFO_LIGHT_SETUP_PENDING);
+}
+
+DRUX_API void handleNonDruxLights(miUint n, FrameBufferInfo *entries, const miColor *lightResult,
+                                  miTag lightInstance, miState *state)
+{
+    if (n == 0 || !entries || !(entries[0].flags & FBINFO_LIGHT_SETUP_PENDING))
+        return;
+    if (state) {
+        LightInstanceSwap swap(state, lightInstance);
+        setupLightContributions(n, entries, state);
+    } else {
+        setupLightContributions(n, entries, nullptr);
+    }
+    entries[0].flags |= FBINFO_LIGHT_SETUP_PENDING;
+
+    const miColor c = colorOr(lightResult, BLACK);
+    for (miUint i = 0; i < n; ++i)
+        entries[i].light = (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES) ? c : BLACK;
+}
+
+} /* extern "C" */
