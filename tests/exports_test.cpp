@@ -66,7 +66,8 @@ bool isDefined(char kind) { return kind != 'U' && kind != 'w' && kind != 'v'; }
 bool fromStandardLibrary(const std::string &name)
 {
     static const char *prefixes[] = {"_ZNSt", "_ZNKSt", "_ZSt", "_ZTISt", "_ZTSSt", "_ZTVSt", "_ZNSa",
-                                     "_ZNKSa", "_ZN9__gnu_cxx", "_ZNK9__gnu_cxx", "_ZGVZNSt"};
+                                     "_ZNKSa", "_ZN9__gnu_cxx", "_ZNK9__gnu_cxx", "_ZGVZNSt",
+                                     "_ZZNSt", "_ZZNKSt"};
     for (const char *p : prefixes)
         if (name.rfind(p, 0) == 0)
             return true;
@@ -101,9 +102,14 @@ TEST(Exports, PrivateHelpersAreHidden)
 {
     const char *privateNames[] = {"sampler_scaninst", "sampler_runbatch", "hash_insert", "grid_insert",
                                   "gridit_next", "ramp_hermite_interp", "gradientNoiseTable", "tla_list"};
+    // A private name may appear as a plain C name or as an identifier inside
+    // a mangled C++ name (<length><identifier>).
     for (const auto &s : dynamicSymbols())
-        for (const char *p : privateNames)
-            EXPECT_EQ(s.name.find(p), std::string::npos) << "private name visible: " << s.name;
+        for (const char *p : privateNames) {
+            const std::string plain(p), mangled = std::to_string(plain.size()) + plain;
+            EXPECT_NE(s.name, plain) << "private name visible: " << s.name;
+            EXPECT_EQ(s.name.find(mangled), std::string::npos) << "private name visible: " << s.name;
+        }
 }
 
 TEST(Exports, RendererCallsStayUndefined)
