@@ -1,0 +1,436 @@
+/*
+ * Lattice value noise over NoiseTable, the table accessors, the two small
+ * seeded generators, and gradient noise over a lazily built table of unit
+ * gradients hashed through PermutationArray.
+ *
+ * Value noise: every spatial axis is cut into KELU_CUBE_SIDE (32) cells per
+ * unit length that wrap, so the 2D and 3D noises tile the unit square and
+ * cube.  Along each axis three consecutive lattice values p, q, r are blended
+ * with the doubled uniform quadratic B-spline
+ *
+ *     S(p, q, r; f) = p + q + f * ((p - 2q + r) * f - 2 * (p - q)),
+ *
+ * and one constant at the end removes the factors of two (0.25 for two
+ * levels, 0.125 for three).  The lattice value of cell (i, j, k) is
+ * NoiseTable[i | j << 5 | k << 10].  Which steps run in single and which in
+ * double precision is part of each function's contract and is kept exactly:
+ * the results are reproducible bit for bit from the table.
+ *
+ * Nothing here allocates or locks on the evaluation paths; the blends are
+ * written out in full so the compiler sees straight-line code.
+ */
+#include "druxInternal.h"
+
+#include <atomic>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+constexpr double kRangeLimit = 1e9;       /* beyond this a coordinate acts as 0 */
+constexpr unsigned kTableModulus = 65535; /* NoiseTable entries in use */
+constexpr unsigned kWrap = 31;            /* spatial lattice wrap mask (32 cells) */
+constexpr int kMaxCells4d = 60000;        /* fourth-axis cell count clamp */
+
+inline float nanF() { return std::numeric_limits<float>::quiet_NaN(); }
+
+/* Doubled quadratic B-spline blend (single and double precision). */
+inline float S(float p, float q, float r, float f)
+{
+    return p + q + f * ((p - 2.0f * q + r) * f - 2.0f * (p - q));
+}
+inline double S(double p, double q, double r, double f)
+{
+    return p + q + f * ((p - 2.0 * q + r) * f - 2.0 * (p - q));
+}
+
+/*
+ * Fractional part x - floor(x) of a spatial coordinate.  A coordinate beyond
+ * +-1e9 (tested on the double argument) has fraction 0.  Returns false only
+ * for a non-number.  Within the range the float and the double fit an int,
+ * so floor is a truncation corrected by one for non-whole negatives.
+ */
+inline bool fracSingle(double x, float &f)
+{
+    if (__builtin_expect(!(std::fabs(x) <= kRangeLimit), 0)) {
+        f = 0.0f;
+        return !std::isnan(x);
+    }
+    const float xf = static_cast<float>(x);
+    int n = static_cast<int>(xf);
+    n -= xf < static_cast<float>(n);
+    f = xf - static_cast<float>(n);
+    return true;
+}
+
+inline bool fracDouble(double x, double &f)
+{
+    if (__builtin_expect(!(std::fabs(x) <= kRangeLimit), 0)) {
+        f = 0.0;
+        return !std::isnan(x);
+    }
+    int n = static_cast<int>(x);
+    n -= x < static_cast<double>(n);
+    f = x - static_cast<double>(n);
+    return true;
+}
+
+/* One spatial axis: the three wrapped lattice indices (already shifted to
+   their stride) and the weight within the cell. */
+struct AxisF {
+    unsigned i0, i1, i2;
+    float w;
+};
+struct AxisD {
+    unsigned i0, i1, i2;
+    double w;
+};
+
+inline AxisF cellF(float t, unsigned shift)
+{
+    const int n = static_cast<int>(t);
+    return {((static_cast<unsigned>(n) - 1u) & kWrap) << shift, (static_cast<unsigned>(n) & kWrap) << shift,
+            ((static_cast<unsigned>(n) + 1u) & kWrap) << shift, t - static_cast<float>(n)};
+}
+
+inline AxisD cellD(double t, unsigned shift)
+{
+    const int n = static_cast<int>(t);
+    return {((static_cast<unsigned>(n) - 1u) & kWrap) << shift, (static_cast<unsigned>(n) & kWrap) << shift,
+            ((static_cast<unsigned>(n) + 1u) & kWrap) << shift, t - static_cast<double>(n)};
+}
+
+/* ---- gradient noise */
+
+constexpr int kGradientCount = 65535;
+constexpr double kTwoPi = 6.283185307179586;
+
+/* Null until the first noise_gradient_init has filled the whole table; then
+   the complete table for the rest of the process (never released). */
+std::atomic<const miVector *> gradientNoiseTable{nullptr};
+
+/* Releases the renderer lock on every way out, including a renderer fatal
+   error raised while the table is being built. */
+struct LockGuard {
+    miLock lock;
+    explicit LockGuard(miLock l) : lock(l) { mi_lock(lock); }
+    ~LockGuard() { mi_unlock(lock); }
+    LockGuard(const LockGuard &) = delete;
+    LockGuard &operator=(const LockGuard &) = delete;
+};
+
+/* Integer part, offsets and fade weight of one gradient-noise coordinate.
+   Returns false for a non-number. */
+struct GradAxis {
+    int i;
+    float f0, f1, s;
+};
+inline bool gradAxis(float q, GradAxis &a)
+{
+    if (__builtin_expect(!(std::fabs(q) <= 1e9f), 0)) {
+        a = {0, 0.0f, -1.0f, 0.0f};
+        return !std::isnan(q);
+    }
+    int i = static_cast<int>(q);
+    i -= q < static_cast<float>(i);
+    const float f0 = q - static_cast<float>(i);
+    a = {i, f0, f0 - 1.0f, f0 * f0 * (3.0f - 2.0f * f0)};
+    return true;
+}
+
+inline float lerp(float s, float m, float n) { return m + (n - m) * s; }
+
+inline float gdot(const miVector &g, float x, float y, float z) { return g.x * x + g.y * y + g.z * z; }
+
+} // namespace
+
+extern "C" {
+
+const unsigned char PermutationArray[256] = {
+    225, 155, 210, 108, 175, 199, 221, 144, 203, 116, 70,  213, 69,  158, 33,  252, //
+    5,   82,  173, 133, 222, 139, 174, 27,  9,   71,  90,  246, 75,  130, 91,  191, //
+    169, 138, 2,   151, 194, 235, 81,  7,   25,  113, 228, 159, 205, 253, 134, 142, //
+    248, 65,  224, 217, 22,  121, 229, 63,  89,  103, 96,  104, 156, 17,  201, 129, //
+    36,  8,   165, 110, 237, 117, 231, 56,  132, 211, 152, 20,  181, 111, 239, 218, //
+    170, 163, 51,  172, 157, 47,  80,  212, 176, 250, 87,  49,  99,  242, 136, 189, //
+    162, 115, 44,  43,  124, 94,  150, 16,  141, 247, 32,  10,  198, 223, 255, 72,  //
+    53,  131, 84,  57,  220, 197, 58,  50,  208, 11,  241, 28,  3,   192, 62,  202, //
+    18,  215, 153, 24,  76,  41,  15,  179, 39,  46,  55,  6,   128, 167, 23,  188, //
+    106, 34,  187, 140, 164, 73,  112, 182, 244, 195, 227, 13,  35,  77,  196, 185, //
+    26,  200, 226, 119, 31,  123, 168, 125, 249, 68,  183, 230, 177, 135, 160, 180, //
+    12,  1,   243, 148, 102, 166, 38,  238, 251, 37,  240, 126, 64,  74,  161, 40,  //
+    184, 149, 171, 178, 101, 66,  29,  59,  146, 61,  254, 107, 42,  86,  154, 4,   //
+    236, 232, 120, 21,  233, 209, 45,  98,  193, 114, 78,  19,  206, 14,  118, 127, //
+    48,  79,  147, 85,  30,  207, 219, 54,  88,  234, 190, 122, 95,  67,  143, 109, //
+    137, 214, 145, 93,  92,  100, 245, 0,   216, 186, 60,  83,  105, 97,  204, 52,  //
+};
+
+/*
+ * 1D noise.  The lattice does not wrap: cell n of [0, 32) uses entries n - 1,
+ * n, n + 1, and the first cell has no left neighbour, so it continues the
+ * polynomial of cell 1 backwards (weight t - 1 in [-1, 0)).  The noise
+ * therefore repeats with period 1 but jumps at whole numbers.
+ */
+DRUX_API float noise_scalar_1d(double x)
+{
+    float f;
+    if (!fracSingle(x, f))
+        return nanF();
+    const float t = static_cast<float>(KELU_CUBE_SIDE) * f;
+    unsigned i0, i1, i2;
+    float w;
+    if (t < 1.0f) {
+        i0 = 0;
+        i1 = 1;
+        i2 = 2;
+        w = t - 1.0f;
+    } else {
+        const int n = static_cast<int>(t);
+        i0 = (static_cast<unsigned>(n) - 1u) % kTableModulus;
+        i1 = static_cast<unsigned>(n) % kTableModulus;
+        i2 = (static_cast<unsigned>(n) + 1u) % kTableModulus;
+        w = t - static_cast<float>(n);
+    }
+    return 0.25f * S(NoiseTable[i0], NoiseTable[i1], NoiseTable[i2], w);
+}
+
+/* 2D noise, single precision throughout; period 1 in x and y. */
+DRUX_API float noise_scalar_2d(double x, double y)
+{
+    float fx, fy;
+    if (!fracSingle(x, fx) || !fracSingle(y, fy))
+        return nanF();
+    const float side = static_cast<float>(KELU_CUBE_SIDE);
+    const AxisF a = cellF(side * fx, 0);
+    const AxisF b = cellF(side * fy, 5);
+    const float *T = NoiseTable;
+    const float h0 = S(T[a.i0 | b.i0], T[a.i1 | b.i0], T[a.i2 | b.i0], a.w);
+    const float h1 = S(T[a.i0 | b.i1], T[a.i1 | b.i1], T[a.i2 | b.i1], a.w);
+    const float h2 = S(T[a.i0 | b.i2], T[a.i1 | b.i2], T[a.i2 | b.i2], a.w);
+    return 0.25f * S(h0, h1, h2, b.w);
+}
+
+/* 3D noise: fractions in double, lattice position rounded to single, blends
+   in single; period 1 in x, y and z. */
+DRUX_API float noise_scalar_3d(double x, double y, double z)
+{
+    double fx, fy, fz;
+    if (!fracDouble(x, fx) || !fracDouble(y, fy) || !fracDouble(z, fz))
+        return nanF();
+    const double side = KELU_CUBE_SIDE;
+    const AxisF a = cellF(static_cast<float>(side * fx), 0);
+    const AxisF b = cellF(static_cast<float>(side * fy), 5);
+    const AxisF c = cellF(static_cast<float>(side * fz), 10);
+    const float *T = NoiseTable;
+    const float u = a.w;
+
+    const unsigned p00 = b.i0 | c.i0, p10 = b.i1 | c.i0, p20 = b.i2 | c.i0;
+    const unsigned p01 = b.i0 | c.i1, p11 = b.i1 | c.i1, p21 = b.i2 | c.i1;
+    const unsigned p02 = b.i0 | c.i2, p12 = b.i1 | c.i2, p22 = b.i2 | c.i2;
+
+    const float g0 = S(S(T[a.i0 | p00], T[a.i1 | p00], T[a.i2 | p00], u),
+                       S(T[a.i0 | p10], T[a.i1 | p10], T[a.i2 | p10], u),
+                       S(T[a.i0 | p20], T[a.i1 | p20], T[a.i2 | p20], u), b.w);
+    const float g1 = S(S(T[a.i0 | p01], T[a.i1 | p01], T[a.i2 | p01], u),
+                       S(T[a.i0 | p11], T[a.i1 | p11], T[a.i2 | p11], u),
+                       S(T[a.i0 | p21], T[a.i1 | p21], T[a.i2 | p21], u), b.w);
+    const float g2 = S(S(T[a.i0 | p02], T[a.i1 | p02], T[a.i2 | p02], u),
+                       S(T[a.i0 | p12], T[a.i1 | p12], T[a.i2 | p12], u),
+                       S(T[a.i0 | p22], T[a.i1 | p22], T[a.i2 | p22], u), b.w);
+    return 0.125f * S(g0, g1, g2, c.w);
+}
+
+/*
+ * 4D noise: a 3D lattice whose every point carries its own 1D lattice along
+ * the fourth axis.  The fourth-axis lattice values at spatial point p are
+ * frac(h_j * (T[p] + 2)), j = 0, 1, 2, with per-cell multipliers
+ * h_j = (T[k + j] + 1) * 21568.16 taken from the table at the fourth-axis cell
+ * k; they lie in [0, 1), so the result lies in [-1, 1).
+ * A negative cell count is treated as 0 (w is then ignored); counts above
+ * 60,000 are clamped to 60,000, which keeps every read inside the table.
+ */
+DRUX_API float noise_scalar_4d(int cells, double x, double y, double z, double w)
+{
+    double fx, fy, fz, fw;
+    if (!fracDouble(x, fx) || !fracDouble(y, fy) || !fracDouble(z, fz) || !fracDouble(w, fw))
+        return nanF();
+    const int nCells = cells > kMaxCells4d ? kMaxCells4d : (cells < 0 ? 0 : cells);
+    const float s = static_cast<float>(static_cast<double>(nCells) * fw);
+    const int k = static_cast<int>(s);
+    const float ww = s - static_cast<float>(k);
+
+    const float *T = NoiseTable;
+    const float kMul = 21568.16f; /* 0x46A88052 */
+    const float h0 = (T[k] + 1.0f) * kMul;
+    const float h1 = (T[k + 1] + 1.0f) * kMul;
+    const float h2 = (T[k + 2] + 1.0f) * kMul;
+    /* The products stay below 2^24 (h < 43,136.32, g < 3), so the int
+       truncation is exact and defined. */
+    auto V = [&](unsigned p) {
+        const float g = T[p] + 2.0f;
+        const float a0 = h0 * g, a1 = h1 * g, a2 = h2 * g;
+        return S(a0 - static_cast<float>(static_cast<int>(a0)), a1 - static_cast<float>(static_cast<int>(a1)),
+                 a2 - static_cast<float>(static_cast<int>(a2)), ww);
+    };
+
+    const double side = KELU_CUBE_SIDE;
+    const AxisF a = cellF(static_cast<float>(side * fx), 0);
+    const AxisF b = cellF(static_cast<float>(side * fy), 5);
+    const AxisF c = cellF(static_cast<float>(side * fz), 10);
+    const float u = a.w;
+
+    const unsigned p00 = b.i0 | c.i0, p10 = b.i1 | c.i0, p20 = b.i2 | c.i0;
+    const unsigned p01 = b.i0 | c.i1, p11 = b.i1 | c.i1, p21 = b.i2 | c.i1;
+    const unsigned p02 = b.i0 | c.i2, p12 = b.i1 | c.i2, p22 = b.i2 | c.i2;
+
+    const float g0 = S(S(V(a.i0 | p00), V(a.i1 | p00), V(a.i2 | p00), u),
+                       S(V(a.i0 | p10), V(a.i1 | p10), V(a.i2 | p10), u),
+                       S(V(a.i0 | p20), V(a.i1 | p20), V(a.i2 | p20), u), b.w);
+    const float g1 = S(S(V(a.i0 | p01), V(a.i1 | p01), V(a.i2 | p01), u),
+                       S(V(a.i0 | p11), V(a.i1 | p11), V(a.i2 | p11), u),
+                       S(V(a.i0 | p21), V(a.i1 | p21), V(a.i2 | p21), u), b.w);
+    const float g2 = S(S(V(a.i0 | p02), V(a.i1 | p02), V(a.i2 | p02), u),
+                       S(V(a.i0 | p12), V(a.i1 | p12), V(a.i2 | p12), u),
+                       S(V(a.i0 | p22), V(a.i1 | p22), V(a.i2 | p22), u), b.w);
+    return 0.125f * S(g0, g1, g2, c.w) - 1.0f;
+}
+
+/*
+ * 2D noise with its slopes, in double precision: (twice d value / d cell x,
+ * twice d value / d cell y, value), where the cell coordinate is 32 times the
+ * input coordinate.  A non-number coordinate gives three non-numbers.
+ */
+DRUX_API miVector noise_vector_2d(double x, double y)
+{
+    double fx, fy;
+    if (!fracDouble(x, fx) || !fracDouble(y, fy))
+        return miVector{nanF(), nanF(), nanF()};
+    const double side = KELU_CUBE_SIDE;
+    const AxisD a = cellD(side * fx, 0);
+    const AxisD b = cellD(side * fy, 5);
+    const float *T = NoiseTable;
+    const double u = a.w, v = b.w;
+
+    const double p0 = T[a.i0 | b.i0], q0 = T[a.i1 | b.i0], r0 = T[a.i2 | b.i0];
+    const double p1 = T[a.i0 | b.i1], q1 = T[a.i1 | b.i1], r1 = T[a.i2 | b.i1];
+    const double p2 = T[a.i0 | b.i2], q2 = T[a.i1 | b.i2], r2 = T[a.i2 | b.i2];
+
+    const double H0 = S(p0, q0, r0, u), H1 = S(p1, q1, r1, u), H2 = S(p2, q2, r2, u);
+    const double D0 = (p0 - 2.0 * q0 + r0) * u + (q0 - p0);
+    const double D1 = (p1 - 2.0 * q1 + r1) * u + (q1 - p1);
+    const double D2 = (p2 - 2.0 * q2 + r2) * u + (q2 - p2);
+
+    miVector out;
+    out.x = static_cast<float>(S(D0, D1, D2, v));
+    out.y = static_cast<float>((H1 - H0) + (H0 - 2.0 * H1 + H2) * v);
+    out.z = 0.25f * static_cast<float>(S(H0, H1, H2, v));
+    return out;
+}
+
+/* One table entry; a negative index counts like its absolute value (taken as
+   an unsigned number, so the most negative int gives 2^31). */
+DRUX_API double noise_table_scalar(int i)
+{
+    const unsigned u = i < 0 ? 0u - static_cast<unsigned>(i) : static_cast<unsigned>(i);
+    return NoiseTable[u % kTableModulus];
+}
+
+/* Three consecutive entries; index sums wrap as unsigned 32-bit numbers. */
+DRUX_API miVector noise_table_vector(int i)
+{
+    const unsigned u = static_cast<unsigned>(i);
+    return miVector{NoiseTable[u % kTableModulus], NoiseTable[(u + 1u) % kTableModulus],
+                    NoiseTable[(u + 2u) % kTableModulus]};
+}
+
+/* 16-bit linear congruential generator: seed' = (seed * 25173 + 13849) mod
+   2^16, result seed' / 65535 (so 65535 gives exactly 1). */
+DRUX_API float noise_frand(miUint *seed)
+{
+    const miUint s = (*seed * 25173u + 13849u) & 0xFFFFu;
+    *seed = s;
+    return static_cast<float>(s) / 65535.0f;
+}
+
+DRUX_API double noise_drand(miUint *seed)
+{
+    const miUint s = (*seed * 25173u + 13849u) & 0xFFFFu;
+    *seed = s;
+    return static_cast<double>(s) / 65535.0;
+}
+
+/*
+ * Builds the gradient table once per process under the renderer's global
+ * lock, from the renderer's generator seeded with 1: two draws per entry give
+ * a uniform direction on the unit sphere.  The pointer is published only
+ * when every entry is filled, so noise_gradient_3d never sees a partial
+ * table.  Once the table exists a call returns at once without taking the
+ * lock (same outcome as locking and finding it built).
+ * Without a state (or its lock) the table cannot be built safely: the call
+ * reports an error and leaves the table absent.
+ */
+DRUX_API void noise_gradient_init(miState *state)
+{
+    if (gradientNoiseTable.load(std::memory_order_acquire))
+        return;
+    if (!state || !state->global_lock) {
+        mi_error("noise_gradient_init: no state with a global lock; gradient noise table not built");
+        return;
+    }
+    LockGuard guard(state->global_lock);
+    if (gradientNoiseTable.load(std::memory_order_relaxed))
+        return;
+    miVector *g = static_cast<miVector *>(
+        mi_mem_int_allocate("SDK/druxNoise", 104, kGradientCount * sizeof(miVector)));
+    if (!g)
+        return;
+    mi_srandom(1);
+    for (int i = 0; i < kGradientCount; ++i) {
+        const float r1 = mi_random();
+        const float r2 = mi_random();
+        const float z = 1.0f - 2.0f * r1;
+        const float s = std::sqrt(1.0f - z * z);
+        const float phi = static_cast<float>(static_cast<double>(r2) * kTwoPi);
+        g[i] = miVector{std::cos(phi) * s, std::sin(phi) * s, z};
+    }
+    gradientNoiseTable.store(g, std::memory_order_release);
+}
+
+/*
+ * Gradient noise: corner gradients from the table, hashed through the
+ * permutation; the eight corner contributions are blended with the cubic
+ * fade 3t^2 - 2t^3.  0 at every lattice point, period 256 on each axis.
+ * 0.0 while the table has not been built; a non-number coordinate gives a
+ * non-number.
+ */
+DRUX_API float noise_gradient_3d(float x, float y, float z)
+{
+    const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
+    if (!G)
+        return 0.0f;
+    GradAxis ax, ay, az;
+    if (!gradAxis(x, ax) || !gradAxis(y, ay) || !gradAxis(z, az))
+        return nanF();
+    const unsigned char *P = PermutationArray;
+    const unsigned i = static_cast<unsigned>(ax.i), j = static_cast<unsigned>(ay.i),
+                   k = static_cast<unsigned>(az.i);
+
+    const unsigned pk0 = P[k & 255u], pk1 = P[(k + 1u) & 255u];
+    const unsigned pj00 = P[(j + pk0) & 255u], pj10 = P[(j + 1u + pk0) & 255u];
+    const unsigned pj01 = P[(j + pk1) & 255u], pj11 = P[(j + 1u + pk1) & 255u];
+
+    const float c000 = gdot(G[P[(i + pj00) & 255u]], ax.f0, ay.f0, az.f0);
+    const float c100 = gdot(G[P[(i + 1u + pj00) & 255u]], ax.f1, ay.f0, az.f0);
+    const float c010 = gdot(G[P[(i + pj10) & 255u]], ax.f0, ay.f1, az.f0);
+    const float c110 = gdot(G[P[(i + 1u + pj10) & 255u]], ax.f1, ay.f1, az.f0);
+    const float c001 = gdot(G[P[(i + pj01) & 255u]], ax.f0, ay.f0, az.f1);
+    const float c101 = gdot(G[P[(i + 1u + pj01) & 255u]], ax.f1, ay.f0, az.f1);
+    const float c011 = gdot(G[P[(i + pj11) & 255u]], ax.f0, ay.f1, az.f1);
+    const float c111 = gdot(G[P[(i + 1u + pj11) & 255u]], ax.f1, ay.f1, az.f1);
+
+    const float y0 = lerp(ay.s, lerp(ax.s, c000, c100), lerp(ax.s, c010, c110));
+    const float y1 = lerp(ay.s, lerp(ax.s, c001, c101), lerp(ax.s, c011, c111));
+    return lerp(az.s, y0, y1);
+}
+
+} // extern "C"
