@@ -1,0 +1,259 @@
+// Indirect light (path-weight cut-off, per-object settings, final-gather ray
+// scaling) and surface derivatives through the runtime.
+#include "DruxShaderSDK.h"
+#include "geometry.h"
+#include "runtime.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+miBoolean irradianceInput(void *result, miState *, void *)
+{
+    *static_cast<miColor *>(result) = {2, 4, 8, 1};
+    return miTRUE;
+}
+
+struct Params {
+    miColor tint;
+    miColor irradiance;
+};
+
+uint32_t bitsOf(float f)
+{
+    uint32_t u;
+    std::memcpy(&u, &f, 4);
+    return u;
+}
+
+class Irradiance : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        mirt::reset();
+        ctx = std::make_unique<mirt::Context>(4, 4);
+        miOptions &o = ctx->options();
+        o.finalgather_rays = 64, o.finalgather_maxradius = 3, o.finalgather_minradius = 0.5f;
+        o.finalgather_view = 1, o.finalgather_filter = 2;
+        o.globillum_accuracy = 100, o.globillum_radius = 0.25f, o.caustic_accuracy = 50, o.caustic_radius = 0.125f;
+        st = ctx->begin_state();
+        ctx->begin_sample(st, 0, 0);
+        BaseShaderState init{};
+        init.minContribution = 0.1f;
+        init.fullSampleContribution = 0.5f;
+        init.pathWeight = {1, 1, 1, 1};
+        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
+        bss = static_cast<BaseShaderState *>(mi_shaderstate_get(st, KELU_BASE_STATE_KEY, nullptr));
+        Params def{{1, 1, 1, 1}, {0, 0, 0, 0}};
+        material = mirt::make_function(miSHADER_MATERIAL, nullptr, &def, sizeof def, 16, true, "host");
+        st->shader = mirt::function(material);
+        p = static_cast<Params *>(st->shader->params);
+        st->normal = st->normal_geom = {0, 0, 1};
+        st->dir = {0, 0, -1};
+        st->dot_nd = -1;
+    }
+    void TearDown() override
+    {
+        ctx->end_state(st);
+        ctx.reset();
+        EXPECT_EQ(mirt::db_total_pins(), 0);
+    }
+    // An instance whose object carries a KELU_MAGIC block with settings.
+    void objectSettings(int word5, int rays)
+    {
+        int32_t w[17] = {KELU_MAGIC, 0, 0, 0, 0, word5, rays};
+        const float f[] = {7.5f, 0.75f};
+        std::memcpy(&w[7], &f[0], 4), std::memcpy(&w[8], &f[1], 4);
+        w[9] = 0x1203, w[10] = 0x3404, w[11] = 11, w[12] = 12, w[13] = 13, w[14] = 14, w[15] = 15, w[16] = 16;
+        mirt::InstanceDesc desc;
+        desc.userdata = mirt::db_create_userdata(w, sizeof w, 0);
+        st->instance = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), desc).instance;
+    }
+    miColor irradiance(miColor color, miColor tr = {0, 0, 0, 0}, float diffuse = 1, float gain = 1)
+    {
+        const miColor before = bss->pathWeight;
+        miColor r{-1, -1, -1, -1};
+        compute_irradiance(&r, &p->tint, &color, &tr, &p->irradiance, st, diffuse, gain);
+        EXPECT_EQ(std::memcmp(&before, &bss->pathWeight, 16), 0) << "path weight restored";
+        EXPECT_EQ(r.a, 0.0f);
+        return r;
+    }
+    // What the renderer answers for the record that was passed (none: null).
+    miColor renderer(const miIrrad_options &o)
+    {
+        miColor e{0, 0, 0, 0};
+        miIrrad_options copy = o;
+        mi_compute_avg_radiance(&e, st, 'f', o.size ? &copy : nullptr);
+        ctx->clear_irradiance_calls();
+        return e;
+    }
+
+    std::unique_ptr<mirt::Context> ctx;
+    miState *st = nullptr;
+    BaseShaderState *bss = nullptr;
+    Params *p = nullptr;
+    miTag material = 0;
+};
+
+TEST_F(Irradiance, NothingToGatherOrBelowTheCutOff)
+{
+    EXPECT_EQ(irradiance({1, 1, 1, 1}, {0, 0, 0, 0}, 0).r, 0.0f);
+    p->tint = {9e-6f, 9e-6f, 9e-6f, 1};
+    EXPECT_EQ(irradiance({1, 1, 1, 1}).g, 0.0f);
+    p->tint = {1, 1, 1, 1};
+    EXPECT_EQ(irradiance({1, 1, 1, 1}, {1, 1, 1, 1}).b, 0.0f) << "fully transparent";
+    EXPECT_EQ(irradiance({0.09f, 0.05f, 0.05f, 1}).r, 0.0f) << "0.09 < 0.1";
+    EXPECT_TRUE(ctx->irradiance_calls().empty());
+    irradiance({0.04f, 0.05f, 0.05f, 1}, {0, 0, 0, 0}, 1, 2); // gain 2: m = 0.1 is not below
+    EXPECT_EQ(ctx->irradiance_calls().size(), 1u);
+}
+
+TEST_F(Irradiance, ConnectedInputBypassesTheRenderer)
+{
+    mirt::connect(material, offsetof(Params, irradiance),
+                  mirt::make_function(miSHADER_TEXTURE, irradianceInput, nullptr, 0, 16, false, "fg"));
+    bss->pathWeight = {0, 0, 0, 0};
+    p->tint = {0.5f, 1, 2, 1};
+    const miColor r = irradiance({0.5f, 0.5f, 0.5f, 1}, {0, 0, 0, 0}, 2);
+    EXPECT_FLOAT_EQ(r.r, 0.5f * 2);
+    EXPECT_FLOAT_EQ(r.g, 1 * 4);
+    EXPECT_FLOAT_EQ(r.b, 2 * 8);
+    EXPECT_TRUE(ctx->irradiance_calls().empty());
+}
+
+TEST_F(Irradiance, FinalGatherOffUsesOnlyObjectSettings)
+{
+    const miColor r = irradiance({0.3f, 0.2f, 0.2f, 1}); // m = 0.3: would be scaled with FG on
+    auto calls = ctx->irradiance_calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].size, 0) << "no record";
+    const miColor e = renderer(calls[0]);
+    EXPECT_FLOAT_EQ(r.r, 0.3f * e.r);
+    EXPECT_FLOAT_EQ(r.b, 0.2f * e.b);
+
+    objectSettings(1, 100);
+    irradiance({0.3f, 0.2f, 0.2f, 1});
+    calls = ctx->irradiance_calls();
+    ASSERT_EQ(calls.size(), 1u);
+    const miIrrad_options &o = calls[0];
+    EXPECT_EQ(o.size, 52);
+    EXPECT_EQ(o.finalgather_rays, 100) << "not scaled with FG off";
+    EXPECT_EQ(o.finalgather_maxradius, 7.5f);
+    EXPECT_EQ(o.finalgather_minradius, 0.75f);
+    EXPECT_EQ(o.finalgather_view, 3);
+    EXPECT_EQ(o.finalgather_filter, 4);
+    EXPECT_EQ(o.pad[0] | o.pad[1], 0);
+    const int32_t *words = reinterpret_cast<const int32_t *>(&o);
+    for (int i = 5; i <= 10; ++i)
+        EXPECT_EQ(words[i], i + 6) << "byte " << 4 * i;
+    EXPECT_EQ(words[11] | words[12], 0) << "bytes 44 to 51 are zero";
+}
+
+TEST_F(Irradiance, FinalGatherRaysFallWithThePathWeight)
+{
+    ctx->options().finalgather = 1;
+    bss->minContribution = 0.25f, bss->fullSampleContribution = 0.75f;
+    objectSettings(1, 100);
+    irradiance({0.5f, 0.2f, 0.3f, 1}); // halfway between the thresholds
+    ASSERT_EQ(ctx->irradiance_calls().size(), 1u);
+    EXPECT_EQ(ctx->irradiance_calls()[0].finalgather_rays, 50);
+    ctx->clear_irradiance_calls();
+
+    objectSettings(0, 100); // word 5 not 1: the options' settings
+    irradiance({0.375f, 0.3f, 0.3f, 1});
+    ASSERT_EQ(ctx->irradiance_calls().size(), 1u);
+    const miIrrad_options o = ctx->irradiance_calls()[0];
+    EXPECT_EQ(o.size, 52);
+    EXPECT_EQ(o.finalgather_rays, 16) << "trunc(64 * 0.25)";
+    EXPECT_EQ(o.finalgather_maxradius, 3.0f);
+    EXPECT_EQ(o.finalgather_minradius, 0.5f);
+    EXPECT_EQ(o.finalgather_view, 1);
+    EXPECT_EQ(o.finalgather_filter, 2);
+    EXPECT_EQ(o.globillum_accuracy, 100);
+    EXPECT_EQ(o.globillum_radius, 0.25f);
+    EXPECT_EQ(o.caustic_accuracy, 50);
+    EXPECT_EQ(o.caustic_radius, 0.125f);
+    EXPECT_EQ(o.importon_accuracy, 0);
+    EXPECT_EQ(bitsOf(o.finalgather_scale), bitsOf(-1.0f));
+    EXPECT_EQ(o.reserved44 | o.reserved48, 0);
+    ctx->clear_irradiance_calls();
+
+    irradiance({0.8f, 0.2f, 0.2f, 1}); // at full weight no record is built
+    ASSERT_EQ(ctx->irradiance_calls().size(), 1u);
+    EXPECT_EQ(ctx->irradiance_calls()[0].size, 0);
+}
+
+// Just above the cut-off the scaled ray count truncates to 0: no gather at
+// all rather than a division by zero and a zero-ray request.
+TEST_F(Irradiance, ZeroRaysGatherNothing)
+{
+    ctx->options().finalgather = 1;
+    EXPECT_EQ(irradiance({0.105f, 0.1f, 0.1f, 1}).r, 0.0f); // trunc(64 * 0.0125) = 0
+    EXPECT_TRUE(ctx->irradiance_calls().empty());
+    ctx->options().finalgather_rays = 0;
+    EXPECT_EQ(irradiance({1, 1, 1, 1}).r, 0.0f);
+    EXPECT_TRUE(ctx->irradiance_calls().empty());
+}
+
+// ------------------------------------------------------------ derivatives
+
+class Derivs : public Irradiance {
+protected:
+    void SetUp() override
+    {
+        Irradiance::SetUp();
+        mirt::InstanceDesc desc; // object space scaled by (2, 3, 4)
+        desc.local_to_global[0] = 2, desc.local_to_global[5] = 3, desc.local_to_global[10] = 4;
+        st->instance = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), desc).instance;
+        const miMatrix cam = {0, 1, 0, 0, -1, 0, 0, 0, 0, 0, 1, 0, 5, 6, 7, 1}; // x -> y, y -> -x
+        ctx->set_camera_transform(cam);
+        st->bump_x_list[0] = {1, 0, 0}, st->bump_y_list[0] = {0, 1, 0};
+        st->bump_x_list[1] = {0, 0, 2}, st->bump_y_list[1] = {3, 0, 0};
+        st->derivs[0] = {0.5f, 0, 0}, st->derivs[1] = {0, 0.75f, 0};
+        ctx->set_query_int(miQ_NUM_BUMPS, 2);
+        ctx->set_query_int(miQ_DERIVS, 1);
+    }
+    void expect(int space, int index, miVector du, miVector dv)
+    {
+        miVector a{-9, -9, -9}, b{-9, -9, -9};
+        get_derivs(st, &a, &b, space, index);
+        for (auto [got, want] : {std::make_pair(a, du), std::make_pair(b, dv)}) {
+            EXPECT_FLOAT_EQ(got.x, want.x) << "space " << space << " index " << index;
+            EXPECT_FLOAT_EQ(got.y, want.y) << "space " << space << " index " << index;
+            EXPECT_FLOAT_EQ(got.z, want.z) << "space " << space << " index " << index;
+        }
+    }
+};
+
+TEST_F(Derivs, BumpBasisOfTheRequestedTextureSpace)
+{
+    expect(2, 1, {0, 0, 2}, {3, 0, 0});
+    for (int index : {0, 2, -1})
+        expect(2, index, {1, 0, 0}, {0, 1, 0});
+    expect(0, 1, {0, 0, 8}, {6, 0, 0});
+    expect(1, 0, {0, -2, 0}, {3, 0, 0}); // object -> internal -> camera
+    expect(7, 1, {0, 0, 2}, {3, 0, 0});
+}
+
+TEST_F(Derivs, FallBackToDerivativesThenCameraAxes)
+{
+    st->bump_y_list[0] = {0, 9e-6f, 0}; // negligible
+    expect(0, 0, {0.5f, 0, 0}, {0, 0.75f, 0});
+    expect(2, 0, {0.25f, 0, 0}, {0, 0.25f, 0});
+    expect(1, 0, {0, -0.5f, 0}, {0.75f, 0, 0});
+    ctx->fail_query(miQ_NUM_BUMPS);
+    expect(0, 1, {0.5f, 0, 0}, {0, 0.75f, 0});
+    st->derivs[1] = {0, 0, 0};
+    expect(1, 0, {1, 0, 0}, {0, 1, 0});
+    expect(0, 0, {0, 1, 0}, {-1, 0, 0}); // camera -> internal
+    expect(2, 0, {0, 1.0f / 3, 0}, {-0.5f, 0, 0});
+    ctx->set_query_int(miQ_DERIVS, 0);
+    st->derivs[1] = {0, 0.75f, 0};
+    expect(7, 0, {1, 0, 0}, {0, 1, 0});
+}
+
+} // namespace
