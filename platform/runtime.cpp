@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,9 +28,18 @@ struct MessageLog {
     std::atomic<bool> echo{false};
 };
 
+MessageLog *make_message_log()
+{
+    MessageLog *log = new MessageLog;
+    /* MIRT_ECHO_MESSAGES=1 prints every message to stderr (debugging aid). */
+    const char *env = std::getenv("MIRT_ECHO_MESSAGES");
+    log->echo.store(env && *env && *env != '0');
+    return log;
+}
+
 MessageLog &message_log()
 {
-    static MessageLog *log = new MessageLog; /* never destroyed: usable from static destructors */
+    static MessageLog *log = make_message_log(); /* never destroyed: usable from static destructors */
     return *log;
 }
 
@@ -1258,7 +1268,9 @@ void mi_db_unpin(miTag tag)
 void *mi_mem_int_allocate(const char *file, int line, size_t size)
 {
     MemoryBook &book = memory_book();
-    AllocHeader *h = static_cast<AllocHeader *>(std::calloc(1, sizeof(AllocHeader) + size));
+    AllocHeader *h = size <= SIZE_MAX - sizeof(AllocHeader)
+                         ? static_cast<AllocHeader *>(std::calloc(1, sizeof(AllocHeader) + size))
+                         : nullptr;
     if (!h) {
         mi_fatal("mi_mem_int_allocate: out of memory for %zu bytes (%s:%d)", size, file ? file : "?", line);
     }
@@ -1779,9 +1791,12 @@ miBoolean mi_query(int code, miState *state, miTag tag, void *result)
         return miTRUE;
     }
     case miQ_SHADER_CACHE_LOCK: {
-        /* A state without a render context shares one process-wide lock. */
-        static miLockRec shared_cache_lock;
-        miLock l = impl ? impl->cache_lock : &shared_cache_lock;
+        /* The result is a pointer to the lock variable (miLock*), so that
+           callers write mi_lock(*lockp).  A state without a render context
+           shares one process-wide lock. */
+        static miLockRec shared_cache_lock_rec;
+        static miLock shared_cache_lock = &shared_cache_lock_rec;
+        miLock *l = impl ? &impl->cache_lock : &shared_cache_lock;
         std::memcpy(result, &l, sizeof l);
         return miTRUE;
     }

@@ -1002,13 +1002,21 @@ TEST_F(Core, QueriesAnswerFromTheContext)
 
     // 52: one lock per render, usable
     miState *s2 = ctx.begin_state(1);
-    miLock l1 = nullptr, l2 = nullptr;
+    miLock *l1 = nullptr, *l2 = nullptr;
     ASSERT_TRUE(mi_query(miQ_SHADER_CACHE_LOCK, s, 0, &l1));
     ASSERT_TRUE(mi_query(miQ_SHADER_CACHE_LOCK, s2, 0, &l2));
     ASSERT_NE(l1, nullptr);
+    ASSERT_NE(*l1, nullptr);
     EXPECT_EQ(l1, l2);
-    mi_lock(l1);
-    mi_unlock(l1);
+    EXPECT_NE(*l1, s->global_lock) << "not the global lock";
+    mi_lock(*l1);
+    mi_unlock(*l1);
+    mirt::Context other;
+    miState *s3 = other.begin_state();
+    miLock *l3 = nullptr;
+    ASSERT_TRUE(mi_query(miQ_SHADER_CACHE_LOCK, s3, 0, &l3));
+    EXPECT_NE(*l3, *l1) << "one lock per render";
+    other.end_state(s3);
     ctx.end_state(s2);
     ctx.end_state(s);
 }
