@@ -953,7 +953,18 @@ TEST_F(Core, ObjectAndCameraSpaces)
     const auto *ci = static_cast<const miInstance *>(mirt::db_data(ctx.camera_instance()));
     EXPECT_EQ(ci->local_to_global[12], 5.0f);
     for (int k = 0; k < 16; ++k)
-        EXPECT_NEAR(ci->global_to_local[k], g2l[k], 1e-6) << k;
+        EXPECT_EQ(ci->global_to_local[k], g2l[k]) << "exact inverse of a rotation, entry " << k;
+    // a projective camera matrix goes through the general inverse: M * M^-1 = I
+    const miMatrix persp = {2, 0, 0, 0, 0, 1, 1, 0, 0, 0.5f, 1, 1, 1, 0, 0, 2};
+    ctx.set_camera_transform(persp);
+    for (int r = 0; r < 4; ++r)
+        for (int c = 0; c < 4; ++c) {
+            double sum = 0;
+            for (int k = 0; k < 4; ++k)
+                sum += double(persp[r * 4 + k]) * ci->global_to_local[k * 4 + c];
+            EXPECT_NEAR(sum, r == c ? 1.0 : 0.0, 1e-6) << r << "," << c;
+        }
+    ctx.set_camera_transform(l2g);
     mi_vector_from_camera(s, &r, &x);
     expectVec(r, 0, 1, 0);
     miVector y{0, 1, 0};
