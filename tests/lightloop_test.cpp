@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -25,15 +26,17 @@ namespace {
 std::atomic<uint64_t> g_newCount{0};
 }
 
-void *operator new(std::size_t size)
+__attribute__((noinline)) void *operator new(std::size_t size)
 {
     g_newCount.fetch_add(1, std::memory_order_relaxed);
     if (void *p = std::malloc(size ? size : 1))
         return p;
     throw std::bad_alloc();
 }
-void operator delete(void *p) noexcept { std::free(p); }
-void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+/* Out of line, so that the compiler does not pair the malloc it would see
+   inlined with a free at a call site. */
+__attribute__((noinline)) void operator delete(void *p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void *p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -475,6 +478,43 @@ TEST_F(LightLoop, AccumulateEndAveragesTheTransmissionPerPass)
         expectColor(r.e[i].shadowSum, 0, 0, 0, 0);
 }
 
+TEST_F(LightLoop, ShadowTracingWithoutOccludersAndWithoutEntries)
+{
+    fbtest::FbufBuilder b;
+    b.add("lit", 0).flag(8);
+    b.add("dark", 0).flag(8);
+    Rig r(b); // no scene: every shadow ray gets through
+    r.e[0].flags |= FBINFO_LIGHT_CONTRIBUTES;
+    r.e[1].flags &= ~static_cast<miUint>(FBINFO_LIGHT_CONTRIBUTES);
+    r.e[1].shadow = miColor{0.3f, 0.3f, 0.3f, 0.3f};
+    miColor filter{7, 7, 7, 7};
+    traceShadowAccumulateBegin(r.n, r.e);
+    for (int k = 0; k < 2; ++k) {
+        r.e[0].shadow = miColor{0.2f, 0.2f, 0.2f, 0.2f}; // reset to white by each sample
+        EXPECT_TRUE(traceShadowAccumulate(r.n, r.e, &filter, r.st));
+        expectColor(filter, 1, 1, 1, 1);
+    }
+    expectColor(r.e[0].shadowSum, 2, 2, 2, 2);
+    expectColor(r.e[1].shadowSum, 0, 0, 0, 0); // only contributing passes sum
+    expectColor(r.e[1].shadow, 0.3f, 0.3f, 0.3f, 0.3f);
+
+    // Without entries the ray is still traced, with the filter preset to white.
+    filter = miColor{7, 7, 7, 7};
+    EXPECT_TRUE(traceShadowAccumulate(0, r.e, &filter, r.st));
+    expectColor(filter, 1, 1, 1, 1);
+    filter = miColor{7, 7, 7, 7};
+    const miColor light{1, 1, 1, 1}, dark{0, 0, 0, 0};
+    EXPECT_TRUE(traceShadow(0, r.e, &filter, &light, &dark, miFALSE, r.st));
+    expectColor(filter, 1, 1, 1, 1);
+    expectColor(r.e[1].shadow, 0.3f, 0.3f, 0.3f, 0.3f);
+
+    // Per pass with nothing in the way: the full light, shadow black.
+    EXPECT_TRUE(traceShadow(r.n, r.e, &filter, &light, &dark, miFALSE, r.st));
+    expectColor(r.e[0].light, 1, 1, 1, 1);
+    expectColor(r.e[1].light, 0, 0, 0, 1);
+    expectColor(r.e[1].shadow, 0, 0, 0, 0);
+}
+
 struct OccluderRig {
     Rig r;
     Mask mask;
@@ -780,6 +820,493 @@ TEST_F(LightLoop, ZeroEntriesMeansNothingIsTouched)
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(std::memcmp(slots[i], r.e[i].slots, sizeof slots[i]), 0);
     EXPECT_TRUE(mirt::messages().empty());
+}
+
+/* ================================================================ a whole light loop
+ *
+ * The scene: a receiver plane at z = 0 whose material runs the light loop, a
+ * semi-transparent occluder plane at z = 1 (1 x 1, centred on the z axis) with
+ * its own contribution mask, and lights above it.  The eye ray comes in
+ * underneath the occluder and hits the receiver at P = (0.3, 0.2, 0).
+ *
+ * Passes (entry: pass type, record flags):
+ *   0 "beauty"    type 0,  shadowed
+ *   1 "masked"    type 0,  shadowed            (the occluder's mask leaves it out)
+ *   2 "allocc"    type 0,  shadowed, every occluder counts
+ *   3 "lbonly"    type 0,  shadowed            (only the second light lights it)
+ *   4 "noshadow"  type 6,  shadowed asked for, but type 6 is never shadowed
+ *   5 "shadow"    type 12, shadow pass
+ * Masks: light A "73" -> entries 0,1,2,4,5; light B "A1" -> entries 1,3,4;
+ * occluder "12" -> entries 0,5.
+ */
+
+struct LightParams {
+    miColor color;
+    miColor shadowColor;
+    int kind;          /* see LightKind */
+    int shadowSamples; /* for the accumulating kind */
+};
+
+/* kIrradianceTraced: the light puts its unshadowed colour into the passes,
+   then traces the shadow ray and lets the occluders filter the light itself. */
+enum LightKind { kPerPass = 0, kShared = 1, kAccumulate = 2, kNoShadows = 3, kUnaware = 4, kIrradianceTraced = 5 };
+
+struct OccluderParams {
+    miColor transparency;
+    int applyToLight;
+    int giveUp; /* return miFALSE (light blocked) whatever the filter says */
+};
+
+/* What the shaders saw, per thread (the concurrency test runs two renders). */
+struct Seen {
+    int lightCalls = 0;
+    int occluderCalls = 0;
+    int pendingAfterSample[2][8] = {};   /* per light index and sample: 0x800 after the sample */
+    int samples[2] = {};
+    miTag occluderInstance = 0;          /* state->instance inside the shadow shader */
+    int occluderResult = -1;
+    miBoolean traceResult = miTRUE;
+    std::vector<miColor> slotResult;     /* slot 0 results when the material finished */
+    uint64_t newsInLoop = 0;             /* operator new calls during the light loops */
+    uint64_t rendererAllocsInLoop = 0;
+};
+thread_local Seen t_seen;
+
+miBoolean passLight(void *result, miState *state, void *params)
+{
+    const LightParams *p = static_cast<const LightParams *>(params);
+    ++t_seen.lightCalls;
+    miColor *out = static_cast<miColor *>(result);
+    if (p->kind == kUnaware) {
+        /* A light that knows nothing of passes: it shadows its own colour. */
+        *out = p->color;
+        mi_trace_shadow(out, state);
+        return miTRUE;
+    }
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = getFrameBufferInfo(state, &types, &e);
+    setupLightContributions(n, e, state);
+    miColor filter = WHITE;
+    switch (p->kind) {
+    case kPerPass:
+    case kShared:
+        t_seen.traceResult = traceShadow(n, e, &filter, &p->color, &p->shadowColor, p->kind == kShared, state);
+        break;
+    case kAccumulate:
+        traceShadowAccumulateBegin(n, e);
+        for (int k = 0; k < p->shadowSamples; ++k)
+            t_seen.traceResult = traceShadowAccumulate(n, e, &filter, state);
+        traceShadowAccumulateEnd(n, e, static_cast<miUint>(p->shadowSamples), &p->color, &p->shadowColor);
+        break;
+    case kIrradianceTraced:
+        setLightIrradiance(n, e, &p->color);
+        t_seen.traceResult = mi_trace_shadow(&filter, state);
+        break;
+    default:
+        setLightIrradiance(n, e, &p->color);
+        break;
+    }
+    *out = miColor{p->color.r * filter.r, p->color.g * filter.g, p->color.b * filter.b, 1};
+    return miTRUE;
+}
+
+miBoolean occluderShadow(void *result, miState *state, void *params)
+{
+    const OccluderParams *p = static_cast<const OccluderParams *>(params);
+    ++t_seen.occluderCalls;
+    t_seen.occluderInstance = state->instance;
+    miColor *filter = static_cast<miColor *>(result);
+    filter->r *= p->transparency.r;
+    filter->g *= p->transparency.g;
+    filter->b *= p->transparency.b;
+    filter->a *= p->transparency.a;
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = getFrameBufferInfo(state, &types, &e);
+    t_seen.occluderResult =
+        applyShadowTransparencyToFrameBuffers(n, e, &p->transparency, p->applyToLight, state);
+    if (p->giveUp)
+        return miFALSE;
+    return filter->r > 0 || filter->g > 0 || filter->b > 0 ? miTRUE : miFALSE;
+}
+
+/* The receiver's material: one light loop per light, each light's samples
+   averaged into slot 0 with mode 1, then slot 0's result = its accumulation. */
+miBoolean loopMaterial(void *result, miState *state, void *)
+{
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = getFrameBufferInfo(state, &types, &e);
+    const int d = state->reflection_level + state->refraction_level;
+    for (miUint i = 0; i < n; ++i)
+        e[i].slots[d].accum = BLACK;
+
+    int count = 0;
+    miTag *lights = nullptr;
+    mi_instance_lightlist(&count, &lights, state);
+    const uint64_t news = g_newCount.load();
+    const uint64_t renderer = mirt::mem_allocation_count();
+    for (int k = 0; k < count; ++k) {
+        sampleLightBegin(n, e);
+        int samples = 0;
+        miColor col;
+        miVector dir;
+        miScalar dot_nl;
+        while (mi_sample_light(&col, &dir, &dot_nl, state, lights[k], &samples)) {
+            handleNonDruxLights(n, e, &col, lights[k], state);
+            if (k < 2 && samples >= 1 && samples <= 8)
+                t_seen.pendingAfterSample[k][samples - 1] = (e[0].flags & FBINFO_LIGHT_SETUP_PENDING) != 0;
+            for (miUint i = 0; i < n; ++i) {
+                e[i].lightSum.r += e[i].light.r;
+                e[i].lightSum.g += e[i].light.g;
+                e[i].lightSum.b += e[i].light.b;
+                e[i].lightSum.a += e[i].light.a;
+            }
+        }
+        if (k < 2)
+            t_seen.samples[k] = samples;
+        const int mode = 1;
+        const miBoolean useScale = miFALSE;
+        const float scale = 1;
+        sampleLightEnd(state, n, e, samples, &mode, &useScale, &scale);
+    }
+    t_seen.newsInLoop += g_newCount.load() - news;
+    t_seen.rendererAllocsInLoop += mirt::mem_allocation_count() - renderer;
+
+    t_seen.slotResult.clear();
+    for (miUint i = 0; i < n; ++i) {
+        e[i].slots[d].result = e[i].slots[d].accum;
+        e[i].slots[d].opacity = WHITE;
+        t_seen.slotResult.push_back(e[i].slots[d].result);
+    }
+    *static_cast<miColor *>(result) = n ? e[0].slots[d].result : BLACK;
+    return miTRUE;
+}
+
+struct Stage {
+    mirt::Context ctx;
+    fbtest::FbufSetup setup;
+    mirt::MeshScene scene;
+    mirt::GeometryTags receiver, occluder;
+    Mask maskA, maskB, maskOcc;
+    miTag lightA = 0, lightB = 0;
+    miTag occluderShader = 0;
+
+    /* Light A: colour (0.8, 0.6, 0.4), shadow colour (0.1, 0.1, 0.1), kind as
+       given, straight above P.  Light B, if wanted: the unaware light,
+       colour (0.4, 0.6, 0.2), above (0.6, 0.2, 3); its ray to P crosses the
+       occluder at (0.4, 0.2, 1).  Occluder transparency (0.5, 0.25, 0.75, 0.5);
+       no occluder shader: an opaque occluder. */
+    Stage(int kindA, bool withB, bool occluderShadowShader = true, int applyToLight = 0, int shadowSamples = 4,
+          int occluderGivesUp = 0)
+    {
+        fbtest::FbufBuilder b;
+        b.add("beauty", 0).flag(8);
+        b.add("masked", 0).flag(8);
+        b.add("allocc", 0).flag(8).flag(9);
+        b.add("lbonly", 0).flag(8);
+        b.add("noshadow", 6).flag(8);
+        b.add("shadow", 12);
+        setup = fbtest::install(ctx, b);
+        ctx.options().trace = miTRUE;
+
+        maskA = makeMask("73");
+        maskB = makeMask("A1");
+        maskOcc = makeMask("12");
+
+        mirt::InstanceDesc rd;
+        rd.material = mirt::make_function(miSHADER_MATERIAL, loopMaterial, nullptr, 0, sizeof(miColor), false,
+                                          "loopMaterial");
+        receiver = mirt::build_instance(mirt::make_plane(10, 10, 1, 1), rd);
+        scene.add(receiver);
+
+        mirt::InstanceDesc od;
+        od.local_to_global[14] = 1.0f; /* z = 1 */
+        od.param = maskOcc.data;
+        if (occluderShadowShader) {
+            OccluderParams op{{0.5f, 0.25f, 0.75f, 0.5f}, applyToLight, occluderGivesUp};
+            occluderShader = mirt::make_function(miSHADER_SHADOW, occluderShadow, &op, sizeof op, sizeof(miColor),
+                                                 false, "occluderShadow");
+            od.shadow = occluderShader;
+        }
+        occluder = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), od);
+        scene.add(occluder);
+        ctx.set_scene(&scene);
+
+        LightParams la{{0.8f, 0.6f, 0.4f, 1}, {0.1f, 0.1f, 0.1f, 1}, kindA, shadowSamples};
+        miTag fa = mirt::make_function(miSHADER_LIGHT, passLight, &la, sizeof la, sizeof(miColor), false, "lightA");
+        lightA = ctx.add_point_light(miVector{0.3f, 0.2f, 3}, fa, maskA.data);
+        if (withB) {
+            LightParams lb{{0.4f, 0.6f, 0.2f, 1}, {0, 0, 0, 1}, kUnaware, 1};
+            miTag fb = mirt::make_function(miSHADER_LIGHT, passLight, &lb, sizeof lb, sizeof(miColor), false, "lightB");
+            lightB = ctx.add_point_light(miVector{0.6f, 0.2f, 3}, fb, maskB.data);
+        }
+    }
+
+    /* One eye sample of pixel (x, 0): the results in the frame buffers. */
+    std::vector<miColor> shade(miState *st, int x = 0)
+    {
+        ctx.begin_sample(st, x, 0);
+        const miVector org{3, 0.2f, 0.5f};
+        miVector dir{0.3f - 3, 0, -0.5f};
+        const float len = std::sqrt(dir.x * dir.x + dir.z * dir.z);
+        dir.x /= len;
+        dir.z /= len;
+        miColor res;
+        const miBoolean ok = ctx.shade_eye(st, org, dir, &res);
+        ctx.end_sample(st, ok);
+        std::vector<miColor> out;
+        for (int idx : setup.fbIndex)
+            out.push_back(ctx.fb_pixel(idx, x, 0));
+        return out;
+    }
+};
+
+/* Light A per pass, by hand.  Shadowed light S(t) = (1 - t) * s + t * l with
+   l = (0.8, 0.6, 0.4), s = (0.1, 0.1, 0.1); the occluder's t = (0.5, 0.25, 0.75):
+   S = (0.05 + 0.4, 0.075 + 0.15, 0.025 + 0.3) = (0.45, 0.225, 0.325);
+   l - S = (0.35, 0.375, 0.075).
+   Light B: its colour filtered by the occluder, (0.2, 0.15, 0.15, 0.5), on
+   entries 1, 3, 4.  Every light adds alpha 1 to the entries it leaves dark
+   or lights through the pass protocol, B's colour its own alpha 0.5, and
+   B gives BLACK (alpha 0) to the entries outside its mask. */
+TEST_F(LightLoop, WholeLoopWithAPassAwareAndAnUnawareLight)
+{
+    Stage s(kPerPass, true);
+    miState *st = s.ctx.begin_state();
+    t_seen = Seen();
+    const std::vector<miColor> fb = s.shade(st);
+    const Seen seen = t_seen;
+
+    EXPECT_EQ(seen.samples[0], 1);
+    EXPECT_EQ(seen.samples[1], 1);
+    EXPECT_EQ(seen.pendingAfterSample[0][0], 0); // light A did its own set-up
+    EXPECT_EQ(seen.pendingAfterSample[1][0], 1); // B's set-up was done for it
+    EXPECT_EQ(seen.occluderCalls, 2);            // one crossing per light
+    EXPECT_EQ(seen.occluderInstance, s.occluder.instance);
+
+    ASSERT_EQ(seen.slotResult.size(), 6u);
+    const std::vector<miColor> &r = seen.slotResult;
+    expectColor(r[0], 0.45f, 0.225f, 0.325f, 1, "beauty: shadowed by A only");
+    expectColor(r[1], 1.0f, 0.75f, 0.55f, 1.5f, "masked: A unshadowed + B");
+    expectColor(r[2], 0.45f, 0.225f, 0.325f, 1, "allocc: shadowed despite the mask");
+    expectColor(r[3], 0.2f, 0.15f, 0.15f, 1.5f, "lbonly: A dark (alpha 1) + B");
+    expectColor(r[4], 1.0f, 0.75f, 0.55f, 1.5f, "noshadow: A unshadowed + B");
+    expectColor(r[5], 0.35f, 0.375f, 0.075f, 1, "shadow: the light A lost");
+
+    // What the entries' shadows hold at the end.  After light A: the shadow
+    // pass has its shadowed light S, unshadowed and dark passes black, the
+    // masked pass its untouched transmission 1.  Light B's shadow ray then
+    // crossed the occluder again with A's contribution bits still in place,
+    // which filtered entries 0, 2, 5 once more: 5 holds S * tr =
+    // (0.225, 0.05625, 0.24375, 0.5), 0 and 2 hold tr * tr.
+    {
+        PassTypeInfo *types = nullptr;
+        FrameBufferInfo *e = nullptr;
+        ASSERT_EQ(getFrameBufferInfo(st, &types, &e), 6u);
+        expectColor(e[5].shadow, 0.225f, 0.05625f, 0.24375f, 0.5f, "shadow pass");
+        expectColor(e[0].shadow, 0.25f, 0.0625f, 0.5625f, 0.25f, "beauty");
+        expectColor(e[1].shadow, 1, 1, 1, 1, "masked");
+        expectColor(e[3].shadow, 0, 0, 0, 0, "not lit by A");
+        expectColor(e[4].shadow, 0, 0, 0, 0, "never shadowed");
+    }
+
+    // The sample end writes them, alpha forced to 1 for these pass types.
+    ASSERT_EQ(fb.size(), 6u);
+    for (size_t i = 0; i < 6; ++i)
+        expectColor(fb[i], r[i].r, r[i].g, r[i].b, 1, "frame buffer");
+
+    // Masks: A's text once (its set-up), B's once (set-up on its behalf), the
+    // occluder's once per crossing; nothing left pinned.
+    EXPECT_EQ(mirt::db_access_count(s.maskA.text), 1u);
+    EXPECT_EQ(mirt::db_access_count(s.maskB.text), 1u);
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 2u);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+    EXPECT_TRUE(mirt::messages().empty());
+
+    // A second sample of the same state gives the same, and the masks are
+    // looked up again (once more each).
+    t_seen = Seen();
+    const std::vector<miColor> again = s.shade(st, 1);
+    for (size_t i = 0; i < 6; ++i)
+        EXPECT_TRUE(sameColor(again[i], fb[i])) << i;
+    EXPECT_EQ(mirt::db_access_count(s.maskA.text), 2u);
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 4u);
+    s.ctx.end_state(st);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+}
+
+TEST_F(LightLoop, SharedShadowGivesEveryShadowedPassTheSameLight)
+{
+    Stage s(kShared, false);
+    miState *st = s.ctx.begin_state();
+    t_seen = Seen();
+    s.shade(st);
+    const Seen seen = t_seen;
+    EXPECT_TRUE(seen.traceResult);
+    ASSERT_EQ(seen.slotResult.size(), 6u);
+    const std::vector<miColor> &r = seen.slotResult;
+    // The filter the occluder left, (0.5, 0.25, 0.75), serves every pass: the
+    // masked pass is shadowed too.
+    expectColor(r[0], 0.45f, 0.225f, 0.325f, 1);
+    expectColor(r[1], 0.45f, 0.225f, 0.325f, 1);
+    expectColor(r[2], 0.45f, 0.225f, 0.325f, 1);
+    expectColor(r[3], 0, 0, 0, 1);
+    expectColor(r[4], 0.8f, 0.6f, 0.4f, 1);
+    expectColor(r[5], 0.35f, 0.375f, 0.075f, 1);
+    // Shared mode leaves the shadows as the occluder left them, except in the
+    // shadow pass, which records the shared shadowed light.
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    ASSERT_EQ(getFrameBufferInfo(st, &types, &e), 6u);
+    expectColor(e[5].shadow, 0.45f, 0.225f, 0.325f, 1);
+    expectColor(e[0].shadow, 0.5f, 0.25f, 0.75f, 0.5f);
+    expectColor(e[1].shadow, 1, 1, 1, 1);
+    s.ctx.end_state(st);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+}
+
+TEST_F(LightLoop, SharedShadowOfABlockedLightIsTheShadowColourWhateverTheFilter)
+{
+    // The occluder filters to (0.5, 0.25, 0.75) but reports the light blocked.
+    Stage s(kShared, false, true, 0, 4, /*occluderGivesUp=*/1);
+    miState *st = s.ctx.begin_state();
+    t_seen = Seen();
+    s.shade(st);
+    const Seen seen = t_seen;
+    s.ctx.end_state(st);
+    EXPECT_FALSE(seen.traceResult);
+    EXPECT_EQ(seen.occluderCalls, 1);
+    const std::vector<miColor> &r = seen.slotResult;
+    ASSERT_EQ(r.size(), 6u);
+    expectColor(r[0], 0.1f, 0.1f, 0.1f, 1);
+    expectColor(r[1], 0.1f, 0.1f, 0.1f, 1);
+    expectColor(r[5], 0.7f, 0.5f, 0.3f, 1);
+}
+
+TEST_F(LightLoop, SharedShadowBehindAnOpaqueOccluderIsTheShadowColour)
+{
+    Stage s(kShared, false, /*occluderShadowShader=*/false);
+    miState *st = s.ctx.begin_state();
+    t_seen = Seen();
+    s.shade(st);
+    const Seen seen = t_seen;
+    s.ctx.end_state(st);
+    EXPECT_FALSE(seen.traceResult);
+    EXPECT_EQ(seen.occluderCalls, 0);
+    const std::vector<miColor> &r = seen.slotResult;
+    ASSERT_EQ(r.size(), 6u);
+    expectColor(r[0], 0.1f, 0.1f, 0.1f, 1);  // shadowColor
+    expectColor(r[1], 0.1f, 0.1f, 0.1f, 1);
+    expectColor(r[2], 0.1f, 0.1f, 0.1f, 1);
+    expectColor(r[4], 0.8f, 0.6f, 0.4f, 1);  // never shadowed
+    expectColor(r[5], 0.7f, 0.5f, 0.3f, 1);  // lightColor - shadowColor
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+}
+
+TEST_F(LightLoop, AccumulatedShadowSamplesAverageThePerPassTransmission)
+{
+    Stage s(kAccumulate, false, true, 0, 4);
+    miState *st = s.ctx.begin_state();
+    t_seen = Seen();
+    s.shade(st);
+    const Seen seen = t_seen;
+    EXPECT_EQ(seen.occluderCalls, 4); // every shadow sample crosses the occluder
+    const std::vector<miColor> &r = seen.slotResult;
+    ASSERT_EQ(r.size(), 6u);
+    // Four equal samples average to the single transmission: per-pass results.
+    expectColor(r[0], 0.45f, 0.225f, 0.325f, 1);
+    expectColor(r[1], 0.8f, 0.6f, 0.4f, 1);
+    expectColor(r[2], 0.45f, 0.225f, 0.325f, 1);
+    expectColor(r[3], 0, 0, 0, 1);
+    expectColor(r[4], 0.8f, 0.6f, 0.4f, 1);
+    expectColor(r[5], 0.35f, 0.375f, 0.075f, 1);
+    // The shadow pass keeps the averaged transmission (0.5, 0.25, 0.75, 0.5).
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    ASSERT_EQ(getFrameBufferInfo(st, &types, &e), 6u);
+    expectColor(e[5].shadow, 0.5f, 0.25f, 0.75f, 0.5f);
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 4u);
+    s.ctx.end_state(st);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+}
+
+TEST_F(LightLoop, OccluderFilteringTheLightFeedsTheShadowPass)
+{
+    // Light A puts its unshadowed colour into the passes (shadow passes dark,
+    // every shadow white), then traces; the occluder filters the light itself.
+    // Handled: entries 0, 1, 2, 5; the occluder's mask spares entry 1.
+    //   0, 2: light (0.8, 0.6, 0.4, 1) * tr = (0.4, 0.15, 0.3, 0.5)
+    //   5:    shadow 1 -> tr, light (0, 0, 0, 1) + (1 - tr) = (0.5, 0.75, 0.25, 1.5)
+    Stage s(kIrradianceTraced, false, true, /*applyToLight=*/1);
+    miState *st = s.ctx.begin_state();
+    t_seen = Seen();
+    s.shade(st);
+    const Seen seen = t_seen;
+    EXPECT_EQ(seen.occluderCalls, 1);
+    EXPECT_EQ(seen.occluderResult, 1);
+    const std::vector<miColor> &r = seen.slotResult;
+    ASSERT_EQ(r.size(), 6u);
+    expectColor(r[0], 0.4f, 0.15f, 0.3f, 0.5f);
+    expectColor(r[1], 0.8f, 0.6f, 0.4f, 1);
+    expectColor(r[2], 0.4f, 0.15f, 0.3f, 0.5f);
+    expectColor(r[3], 0, 0, 0, 1);
+    expectColor(r[4], 0.8f, 0.6f, 0.4f, 1);
+    expectColor(r[5], 0.5f, 0.75f, 0.25f, 1.5f);
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    ASSERT_EQ(getFrameBufferInfo(st, &types, &e), 6u);
+    expectColor(e[5].shadow, 0.5f, 0.25f, 0.75f, 0.5f);
+    expectColor(e[1].shadow, 1, 1, 1, 1);
+    s.ctx.end_state(st);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+}
+
+TEST_F(LightLoop, NoRendererOrHeapAllocationDuringTheLightLoops)
+{
+    Stage s(kPerPass, true);
+    miState *st = s.ctx.begin_state();
+    s.shade(st, 0); // warm the renderer's per-state child frames
+    t_seen = Seen();
+    for (int x = 1; x < 5; ++x)
+        s.shade(st, x);
+    EXPECT_EQ(t_seen.newsInLoop, 0u);
+    EXPECT_EQ(t_seen.rendererAllocsInLoop, 0u);
+    s.ctx.end_state(st);
+}
+
+TEST_F(LightLoop, ConcurrentStatesKeepTheirOwnPasses)
+{
+    Stage s(kPerPass, true);
+    constexpr int kThreads = 2, kSamples = 40;
+    std::vector<std::vector<miColor>> firstResult(kThreads);
+    std::atomic<int> mismatches{0};
+    auto worker = [&](int t) {
+        miState *st = s.ctx.begin_state(t);
+        for (int k = 0; k < kSamples; ++k) {
+            const std::vector<miColor> fb = s.shade(st, t * 4 + (k % 4));
+            if (k == 0)
+                firstResult[t] = fb;
+            else
+                for (size_t i = 0; i < fb.size(); ++i)
+                    mismatches += !sameColor(fb[i], firstResult[t][i]);
+        }
+        s.ctx.end_state(st);
+    };
+    std::thread a(worker, 0), b(worker, 1);
+    a.join();
+    b.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    ASSERT_EQ(firstResult[0].size(), 6u);
+    for (size_t i = 0; i < 6; ++i)
+        EXPECT_TRUE(sameColor(firstResult[0][i], firstResult[1][i])) << i;
+    expectColor(firstResult[0][1], 1.0f, 0.75f, 0.55f, 1);
+    expectColor(firstResult[0][5], 0.35f, 0.375f, 0.075f, 1);
+    // Each thread's samples looked every mask up; all were released.
+    EXPECT_EQ(mirt::db_access_count(s.maskA.text), uint64_t(kThreads * kSamples));
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), uint64_t(2 * kThreads * kSamples));
+    EXPECT_EQ(mirt::db_total_pins(), 0);
 }
 
 } // namespace
