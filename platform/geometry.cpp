@@ -522,7 +522,8 @@ Mesh make_sphere(float radius, int segments, int rings)
     for (int i = 0; i <= rings; ++i) {
         const double th = pi * i / rings;
         for (int j = 0; j <= segments; ++j) {
-            const double ph = 2.0 * pi * j / segments;
+            /* the seam column repeats column 0 exactly: no crack between them */
+            const double ph = 2.0 * pi * (j % segments) / segments;
             miVector n;
             if (i == 0)
                 n = {0.0f, 0.0f, 1.0f};
