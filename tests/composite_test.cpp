@@ -211,6 +211,12 @@ TEST(Composite, NullOptionalInputs)
     run(construct(5), r5, in);
     r5.expect(0x00, {16.5f, 32.5f, 64.5f, 0}, "e1 + f");
     r5.expect(0x10, {8.25f, 16.25f, 32.25f}, "0.5 (e1 + f)");
+    // Caller-made flags with both E bits: the first colour is added, both are copied.
+    Record re;
+    run(BaseComposite{0, 0, 0, BC_E0 | BC_E1}, re, in);
+    re.expect(0x00, {2, 4, 8, 0}, "e0 only");
+    re.expect(0xa0, {2, 4, 8, 104}, "E0");
+    re.expect(0xb0, {16, 32, 64, 105}, "E1");
 }
 
 } // namespace
