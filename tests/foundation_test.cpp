@@ -377,9 +377,9 @@ TEST(Colour, PrimariesToHsv)
 TEST(Colour, GreyAndDarkAreHueless)
 {
     miColor out;
-    miColor nearlyGrey{0.5f, 0.50001f, 0.5f, 0.25f};
+    miColor nearlyGrey{0.5f, 0.500009f, 0.5f, 0.25f}; // channels within 1e-5
     rgb_to_hsv(&nearlyGrey, &out);
-    expectColor(out, 0, 0, 0.50001f, 0.25f);
+    expectColor(out, 0, 0, 0.500009f, 0.25f);
     miColor dark{0.00001f, 0.0f, 0.0f, 0.0f};
     rgb_to_hsv(&dark, &out);
     expectColor(out, 0, 0, 0.00001f, 0);
