@@ -1492,8 +1492,8 @@ void mi_delete_lock(miLock *lock)
 
 void mi_lock(miLock lock)
 {
-    if (!lock) {
-        error("mi_lock: null lock");
+    if (!lock || lock->magic != miLockRec::kMagic) {
+        error("mi_lock: %s", lock ? "not a lock (deleted, or a pointer to a lock variable?)" : "null lock");
         return;
     }
     lock->m.lock();
@@ -1501,8 +1501,8 @@ void mi_lock(miLock lock)
 
 void mi_unlock(miLock lock)
 {
-    if (!lock) {
-        error("mi_unlock: null lock");
+    if (!lock || lock->magic != miLockRec::kMagic) {
+        error("mi_unlock: %s", lock ? "not a lock (deleted, or a pointer to a lock variable?)" : "null lock");
         return;
     }
     lock->m.unlock();

@@ -15,6 +15,7 @@
 #include "runtime.h"
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -22,9 +23,13 @@
 #include <unordered_map>
 #include <vector>
 
-/* miLock points at one of these. */
+/* miLock points at one of these; mi_lock/mi_unlock check the magic so that a
+   pointer that is not a lock is reported instead of corrupting memory. */
 struct miLockRec {
+    static constexpr uint64_t kMagic = 0x4C4F434B52454321ull;
+    uint64_t magic = kMagic;
     std::mutex m;
+    ~miLockRec() { magic = 0; }
 };
 
 /* miState::ctx points at the Context's handle. */

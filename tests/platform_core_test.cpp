@@ -1028,6 +1028,14 @@ TEST_F(Core, QueriesAnswerFromTheContext)
     ASSERT_TRUE(mi_query(miQ_SHADER_CACHE_LOCK, s3, 0, &l3));
     EXPECT_NE(*l3, *l1) << "one lock per render";
     other.end_state(s3);
+    // taking the query result itself for the lock is reported, not obeyed
+    mi_lock(reinterpret_cast<miLock>(l1));
+    mi_unlock(reinterpret_cast<miLock>(l1));
+    mi_lock(nullptr);
+    EXPECT_EQ(count_level(mirt::Level::Error), 3);
+    EXPECT_NE(*l1, nullptr) << "the lock variable is untouched";
+    mi_lock(*l1);
+    mi_unlock(*l1);
     ctx.end_state(s2);
     ctx.end_state(s);
 }
