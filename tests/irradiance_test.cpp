@@ -12,6 +12,17 @@
 
 namespace {
 
+// Final-gather rays that leave the scene see this environment; it records the
+// path weight the host record holds while the renderer gathers.
+thread_local std::vector<miColor> gatherWeights;
+miBoolean gatherEnv(void *result, miState *s, void *)
+{
+    gatherWeights.push_back(
+        static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr))->pathWeight);
+    *static_cast<miColor *>(result) = {0.5f, 0.25f, 2, 1};
+    return miTRUE;
+}
+
 miBoolean irradianceInput(void *result, miState *, void *)
 {
     *static_cast<miColor *>(result) = {2, 4, 8, 1};
@@ -36,6 +47,8 @@ protected:
     {
         mirt::reset();
         ctx = std::make_unique<mirt::Context>(4, 4);
+        ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, gatherEnv, nullptr, 0, 16, false, "env"));
+        gatherWeights.clear();
         miOptions &o = ctx->options();
         o.finalgather_rays = 64, o.finalgather_maxradius = 3, o.finalgather_minradius = 0.5f;
         o.finalgather_view = 1, o.finalgather_filter = 2;
@@ -82,16 +95,6 @@ protected:
         EXPECT_EQ(r.a, 0.0f);
         return r;
     }
-    // What the renderer answers for the record that was passed (none: null).
-    miColor renderer(const miIrrad_options &o)
-    {
-        miColor e{0, 0, 0, 0};
-        miIrrad_options copy = o;
-        mi_compute_avg_radiance(&e, st, 'f', o.size ? &copy : nullptr);
-        ctx->clear_irradiance_calls();
-        return e;
-    }
-
     std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
@@ -109,7 +112,8 @@ TEST_F(Irradiance, NothingToGatherOrBelowTheCutOff)
     EXPECT_EQ(irradiance({0.09f, 0.05f, 0.05f, 1}).r, 0.0f) << "0.09 < 0.1";
     EXPECT_TRUE(ctx->irradiance_calls().empty());
     irradiance({0.04f, 0.05f, 0.05f, 1}, {0, 0, 0, 0}, 1, 2); // gain 2: m = 0.1 is not below
-    EXPECT_EQ(ctx->irradiance_calls().size(), 1u);
+    irradiance({0.15f, 0.05f, 0.05f, 1}, {0, 0, 0, 0}, 1, 0.5f); // gain <= 1 is not applied
+    EXPECT_EQ(ctx->irradiance_calls().size(), 2u);
 }
 
 TEST_F(Irradiance, ConnectedInputBypassesTheRenderer)
@@ -131,9 +135,12 @@ TEST_F(Irradiance, FinalGatherOffUsesOnlyObjectSettings)
     auto calls = ctx->irradiance_calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].size, 0) << "no record";
-    const miColor e = renderer(calls[0]);
-    EXPECT_FLOAT_EQ(r.r, 0.3f * e.r);
-    EXPECT_FLOAT_EQ(r.b, 0.2f * e.b);
+    EXPECT_FLOAT_EQ(r.r, 0.3f * 0.5f);
+    EXPECT_FLOAT_EQ(r.b, 0.2f * 2);
+    ASSERT_EQ(gatherWeights.size(), 64u);
+    EXPECT_FLOAT_EQ(gatherWeights[0].r, 0.3f) << "not divided by the ray count";
+    EXPECT_FLOAT_EQ(gatherWeights[63].g, 0.2f);
+    ctx->clear_irradiance_calls();
 
     objectSettings(1, 100);
     irradiance({0.3f, 0.2f, 0.2f, 1});
@@ -161,6 +168,9 @@ TEST_F(Irradiance, FinalGatherRaysFallWithThePathWeight)
     irradiance({0.5f, 0.2f, 0.3f, 1}); // halfway between the thresholds
     ASSERT_EQ(ctx->irradiance_calls().size(), 1u);
     EXPECT_EQ(ctx->irradiance_calls()[0].finalgather_rays, 50);
+    ASSERT_EQ(gatherWeights.size(), 50u);
+    EXPECT_FLOAT_EQ(gatherWeights[49].r, 0.5f / 50);
+    EXPECT_FLOAT_EQ(gatherWeights[49].b, 0.3f / 50);
     ctx->clear_irradiance_calls();
 
     objectSettings(0, 100); // word 5 not 1: the options' settings
@@ -182,9 +192,15 @@ TEST_F(Irradiance, FinalGatherRaysFallWithThePathWeight)
     EXPECT_EQ(o.reserved44 | o.reserved48, 0);
     ctx->clear_irradiance_calls();
 
-    irradiance({0.8f, 0.2f, 0.2f, 1}); // at full weight no record is built
+    gatherWeights.clear();
+    const miColor r = irradiance({0.8f, 0.2f, 0.2f, 1}, {0.5f, 0, 0, 0}, 1, 2); // above full weight
     ASSERT_EQ(ctx->irradiance_calls().size(), 1u);
-    EXPECT_EQ(ctx->irradiance_calls()[0].size, 0);
+    EXPECT_EQ(ctx->irradiance_calls()[0].size, 0) << "no record is built";
+    ASSERT_EQ(gatherWeights.size(), 64u);
+    EXPECT_FLOAT_EQ(gatherWeights[0].r, 0.8f / 64) << "(1 - 0.5) * 0.8 * gain 2 / 64 rays";
+    EXPECT_FLOAT_EQ(gatherWeights[0].g, 0.4f / 64);
+    EXPECT_FLOAT_EQ(r.r, 0.8f * 0.5f) << "transparency and gain weight only the path";
+    EXPECT_FLOAT_EQ(r.b, 0.2f * 2);
 }
 
 // Just above the cut-off the scaled ray count truncates to 0: no gather at
@@ -222,9 +238,9 @@ protected:
         miVector a{-9, -9, -9}, b{-9, -9, -9};
         get_derivs(st, &a, &b, space, index);
         for (auto [got, want] : {std::make_pair(a, du), std::make_pair(b, dv)}) {
-            EXPECT_FLOAT_EQ(got.x, want.x) << "space " << space << " index " << index;
-            EXPECT_FLOAT_EQ(got.y, want.y) << "space " << space << " index " << index;
-            EXPECT_FLOAT_EQ(got.z, want.z) << "space " << space << " index " << index;
+            EXPECT_NEAR(got.x, want.x, 1e-6f) << "space " << space << " index " << index;
+            EXPECT_NEAR(got.y, want.y, 1e-6f) << "space " << space << " index " << index;
+            EXPECT_NEAR(got.z, want.z, 1e-6f) << "space " << space << " index " << index;
         }
     }
 };
@@ -248,7 +264,10 @@ TEST_F(Derivs, FallBackToDerivativesThenCameraAxes)
     ctx->fail_query(miQ_NUM_BUMPS);
     expect(0, 1, {0.5f, 0, 0}, {0, 0.75f, 0});
     st->derivs[1] = {0, 0, 0};
-    expect(1, 0, {1, 0, 0}, {0, 1, 0});
+    miVector du, dv;
+    get_derivs(st, &du, &dv, 1, 0);
+    const miVector x{1, 0, 0}, y{0, 1, 0};
+    EXPECT_EQ(std::memcmp(&du, &x, 12) | std::memcmp(&dv, &y, 12), 0) << "camera axes exactly";
     expect(0, 0, {0, 1, 0}, {-1, 0, 0}); // camera -> internal
     expect(2, 0, {0, 1.0f / 3, 0}, {-0.5f, 0, 0});
     ctx->set_query_int(miQ_DERIVS, 0);

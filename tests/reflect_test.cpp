@@ -22,6 +22,7 @@ struct Seen {
     int type, refl, refr;
     float dot_nd;
     miColor pathWeight, child1, child2, childT;
+    float opacity; // entry 0's slot opacity at the shaded depth
 };
 thread_local std::vector<Seen> envCalls, hitCalls, phenCalls;
 
@@ -32,8 +33,12 @@ BaseShaderState *host(miState *s)
 Seen seen(miState *s)
 {
     BaseShaderState *b = host(s);
+    PassTypeInfo *t;
+    FrameBufferInfo *e;
+    getFrameBufferInfo(s, &t, &e);
     return {s, s->dir, s->type, s->reflection_level, s->refraction_level, s->dot_nd,
-            b->pathWeight, b->childResult1, b->childResult2, b->childTransmission};
+            b->pathWeight, b->childResult1, b->childResult2, b->childTransmission,
+            e[0].slots[s->reflection_level + s->refraction_level].opacity.r};
 }
 miColor envColor(const miVector &d) { return {d.x + 2, d.y + 3, d.z + 4, 1}; }
 
@@ -43,16 +48,18 @@ miBoolean envShader(void *result, miState *s, void *)
     *static_cast<miColor *>(result) = envColor(s->dir);
     return miTRUE;
 }
-// A surface that writes (1, 2, 3, 4) into its pass slot and scribbles on
-// the child colours of the host record.
+// A surface that writes (1, 2, 3, 4) into its pass slot, covers it fully and
+// scribbles on the child colours of the host record.
 miBoolean hitShader(void *result, miState *s, void *)
 {
     hitCalls.push_back(seen(s));
     PassTypeInfo *t;
     FrameBufferInfo *e;
     miUint n = getFrameBufferInfo(s, &t, &e);
-    for (miUint i = 0; i < n; ++i)
+    for (miUint i = 0; i < n; ++i) {
         e[i].slots[s->reflection_level + s->refraction_level].result = {1, 2, 3, 4};
+        e[i].slots[s->reflection_level + s->refraction_level].opacity = {1, 1, 1, 1};
+    }
     host(s)->childResult1 = host(s)->childResult2 = host(s)->childTransmission = {9, 9, 9, 9};
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 0.125f, 1};
     return miTRUE;
@@ -164,8 +171,10 @@ TEST_F(Reflect, EarlyExitsAndStrictCutOff)
     EXPECT_EQ(reflect({9e-6f, 9e-6f, 9e-6f, 1}).b, 0.0f);
     bss->minContribution = 0.25f;
     EXPECT_EQ(reflect({0.5f, 0.5f, 0.5f, 1}, 0.5f).r, 0.0f) << "m equal to the cut-off";
-    EXPECT_EQ(reflect({0.5f, 0.5f, 0.5f, 1}, 0.5f, 0.5f).r, 0.0f) << "gain <= 1 is not applied";
     EXPECT_TRUE(envCalls.empty());
+    reflect({0.6f, 0.6f, 0.6f, 1}, 0.5f, 0.5f);
+    EXPECT_EQ(envCalls.size(), 1u) << "gain <= 1 is not applied";
+    envCalls.clear();
     reflect({0.5f, 0.5f, 0.1f, 1}, 0.5f, 2.0f);
     ASSERT_EQ(envCalls.size(), 1u);
     EXPECT_FLOAT_EQ(envCalls[0].pathWeight.r, 0.5f);
@@ -240,8 +249,8 @@ TEST_F(Reflect, NoBlurMeansOneSampleAlongTheMirror)
         envCalls.clear();
         reflect({1, 1, 1, 1});
         ASSERT_EQ(envCalls.size(), 1u) << why;
-        const miVector R = mirror();
-        EXPECT_EQ(std::memcmp(&envCalls[0].dir, &R, 12), 0) << why;
+        expectVec(envCalls[0].dir, mirror());
+        EXPECT_FLOAT_EQ(envCalls[0].pathWeight.r, 1.0f) << why;
     };
     p->blur = 0;
     check("blur 0");
@@ -350,6 +359,10 @@ TEST_F(Reflect, EnvironmentColourGoesStraightIntoPassTypes0And34)
     entries[0].flags = FBINFO_NO_ACCUMULATE | FBINFO_IN_LIGHT_LOOP;
     reflect(col, 0.5f, 1, 1, 3.0f);
     expectAccum(entries[2].lightSum, 1);
+    entries[0].flags = 0;
+    st->type = miRAY_ENVIRONMENT; // an environment ray's own reflections stay out of the slots
+    reflect(col, 0.5f, 1, 1, 3.0f);
+    expectAccum(slot(2).accum, 2);
 }
 
 TEST_F(Reflect, TracedHitsGoThroughTracePassAdd)
@@ -373,6 +386,7 @@ TEST_F(Reflect, TracedHitsGoThroughTracePassAdd)
         EXPECT_EQ(std::memcmp(&s.child2, &BLACK, 16), 0);
         EXPECT_EQ(std::memcmp(&s.childT, &WHITE, 16), 0);
         EXPECT_FLOAT_EQ(s.pathWeight.r, 0.5f);
+        EXPECT_EQ(s.opacity, 0.0f) << "the child slot's coverage is cleared before each sample";
     }
     EXPECT_FLOAT_EQ(r.r, 0.5f);
     EXPECT_FLOAT_EQ(r.b, 0.125f);

@@ -19,7 +19,8 @@ struct Seen {
     miState *state;
     miVector dir;
     int type, refr;
-    miColor child2;
+    miColor child1, child2;
+    float opacity; // entry 0's slot opacity at the shaded depth
 };
 thread_local std::vector<Seen> envCalls, hitCalls;
 thread_local bool envSetsTransmission = false, envWritesSlot = false;
@@ -30,19 +31,29 @@ BaseShaderState *host(miState *s)
 }
 miColor envColor(const miVector &d) { return {d.x + 2, d.y + 3, d.z + 4, 1}; }
 
-void writeSlots(miState *s, const miColor &c)
+PassSlot &slotOf(miState *s, int entry)
 {
     PassTypeInfo *t;
     FrameBufferInfo *e;
-    miUint n = getFrameBufferInfo(s, &t, &e);
-    for (miUint i = 0; i < n; ++i)
-        e[i].slots[s->reflection_level + s->refraction_level].result = c;
+    getFrameBufferInfo(s, &t, &e);
+    return e[entry].slots[s->reflection_level + s->refraction_level];
+}
+void writeSlots(miState *s, const miColor &c)
+{
+    for (int i = 0; i < 2; ++i)
+        slotOf(s, i).result = c, slotOf(s, i).opacity = {1, 1, 1, 1};
+}
+Seen seen(miState *s)
+{
+    return {s, s->dir, s->type, s->refraction_level, host(s)->childResult1, host(s)->childResult2,
+            slotOf(s, 0).opacity.r};
 }
 miBoolean envShader(void *result, miState *s, void *)
 {
-    envCalls.push_back({s, s->dir, s->type, s->refraction_level, host(s)->childResult2});
+    envCalls.push_back(seen(s));
+    const float k = float(envCalls.size());
     if (envSetsTransmission)
-        host(s)->childTransmission = {0.1f * envCalls.size(), 0.1f * envCalls.size(), 0.1f * envCalls.size(), 1};
+        host(s)->childTransmission = {0.1f * k, 0.2f * k, 0.3f * k, 1};
     if (envWritesSlot)
         writeSlots(s, {5, 5, 5, 5});
     *static_cast<miColor *>(result) = envColor(s->dir);
@@ -50,7 +61,7 @@ miBoolean envShader(void *result, miState *s, void *)
 }
 miBoolean hitShader(void *result, miState *s, void *)
 {
-    hitCalls.push_back({s, s->dir, s->type, s->refraction_level, host(s)->childResult2});
+    hitCalls.push_back(seen(s));
     writeSlots(s, {1, 2, 3, 4});
     host(s)->childResult1 = host(s)->childResult2 = {9, 9, 9, 9};
     host(s)->childTransmission = {0.5f, 0.5f, 0.5f, 0.5f};
@@ -229,6 +240,9 @@ TEST_F(Refract, ThinShellIndex)
         refract();
         EXPECT_FLOAT_EQ(st->ior, ior == 1.5f ? 2.5f : 3.0f);
     }
+    p->ior = 1.5f, st->ior = 1, dotnd = 0.5f; // x = 1 - |dot_nd| from the other side too
+    refract();
+    EXPECT_FLOAT_EQ(st->ior, 1.75f);
 }
 
 TEST_F(Refract, DispersionCastsOneRayPerChannel)
@@ -247,7 +261,7 @@ TEST_F(Refract, DispersionCastsOneRayPerChannel)
     }
     EXPECT_FLOAT_EQ(st->ior, 1.62f);
     expectColor(r, want[0] * 0.5f, want[1] * 0.25f, want[2], 0);
-    expectColor(trans, 0.1f * 0.5f, 0.2f * 0.25f, 0.3f, 0);
+    expectColor(trans, 0.1f * 0.5f, 0.4f * 0.25f, 0.9f, 0); // channel k of call k
     // Environment samples go straight into the beauty pass, each channel
     // with its own ray; alpha from all three.
     expectColor(slot(0).accum, 0.5f * want[0], 0.25f * want[1], want[2], 3 * 0.8f);
@@ -270,6 +284,8 @@ TEST_F(Refract, AbsorptionAndFade)
     p->absorbance = 0, p->thickness = -1, p->fade = 1e30f; // no ray length: 1e36
     EXPECT_EQ(refract().g, 0.0f);
     p->fade = 0;
+    EXPECT_FLOAT_EQ(refract().g, 0.5f * E.g);
+    p->absorbance = 1, p->fade = 5, p->thickness = 0; // a thickness of 0 caps the distance at 0
     EXPECT_FLOAT_EQ(refract().g, 0.5f * E.g);
 }
 
@@ -301,6 +317,7 @@ TEST_F(Refract, TracedRaysAndTheirPassBookkeeping)
     EXPECT_TRUE(envCalls.empty());
     EXPECT_EQ(st->refraction_volume, 77u);
     EXPECT_EQ(hitCalls[0].child2.g, 0.2f) << "child colour 2 is not reset";
+    EXPECT_EQ(std::memcmp(&hitCalls[0].child1, &BLACK, 16), 0);
     EXPECT_EQ(bss->childResult2.g, 9.0f) << "nor restored";
     const float f = std::exp(-1.0f); // 100 units
     EXPECT_FLOAT_EQ(r.r, 0.5f * 0.5f * f);
@@ -323,6 +340,14 @@ TEST_F(Refract, TracedRaysAndTheirPassBookkeeping)
     ASSERT_EQ(hitCalls.size(), 1u);
     EXPECT_EQ(hitCalls[0].type, int(miRAY_REFLECT));
     EXPECT_EQ(std::memcmp(&before, &slot(1).accum, 16), 0) << "reflected child needs FBINFO_ADD_REFLECTION";
+
+    // One ray per channel, each child slot cleared before its sample.
+    hitCalls.clear();
+    p->chromatic = 1;
+    refract({0.5f, 0.5f, 0.5f, 1});
+    ASSERT_EQ(hitCalls.size(), 3u);
+    for (const Seen &h : hitCalls)
+        EXPECT_EQ(h.opacity, 0.0f);
     ctx->set_scene(nullptr);
     mirt::delete_instance(g);
     mirt::delete_instance(g2);
@@ -330,8 +355,20 @@ TEST_F(Refract, TracedRaysAndTheirPassBookkeeping)
 
 TEST_F(Refract, BlurUsesTheRefractionLimitAndCountsPerChannel)
 {
-    p->blur = 0.3f, p->rays = 4, p->chromatic = 1;
+    p->blur = 0.3f, p->rays = 4;
     bss->reflectBlurLimit = 0;
+    const miColor tr{0.5f, 0.25f, 1, 1};
+    const miColor r = refract(tr);
+    ASSERT_EQ(envCalls.size(), 4u);
+    float mean[3] = {0, 0, 0};
+    for (const Seen &s : envCalls)
+        mean[0] += envColor(s.dir).r / 4, mean[1] += envColor(s.dir).g / 4, mean[2] += envColor(s.dir).b / 4;
+    EXPECT_NEAR(r.r, 0.5f * mean[0], 1e-5f);
+    EXPECT_NEAR(r.g, 0.25f * mean[1], 1e-5f);
+    EXPECT_NEAR(r.b, mean[2], 1e-5f);
+    expectColor(trans, 0.5f, 0.25f, 1, 0);
+    envCalls.clear();
+    p->chromatic = 1;
     refract();
     EXPECT_EQ(envCalls.size(), 12u);
     envCalls.clear();
