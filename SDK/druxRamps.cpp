@@ -57,26 +57,25 @@ float ramp_hermite_interp(float P0, float Y0, float P1, float Y1, float P2, floa
  * The keys bracketing x: lo the nearest key below x, hi the nearest key at
  * or above it (both the lowest key when x is below every key, both the
  * highest when it is above every key).  Strict comparisons: among keys at
- * one position the earliest wins.
+ * one position the earliest wins.  The positions of lo and hi ride along in
+ * registers and every step is a select, not a branch: x moves between
+ * lookups, and mispredicted branches would dominate the scan.
  */
 inline void bracket(const Ramp &ramp, float x, int &lo, int &hi)
 {
     const float *pos = ramp.position;
     int l = 0, h = 0;
+    float pl = pos[0], ph = pos[0];
     const int n = ramp.count;
     for (int i = 1; i < n; ++i) {
         const float p = pos[i];
-        if (p < x) {
-            if (p > pos[l] || pos[l] > x)
-                l = i;
-            if (p > pos[h])
-                h = i;
-        } else {
-            if (p < pos[h] || pos[h] < x)
-                h = i;
-            if (p < pos[l])
-                l = i;
-        }
+        const bool below = p < x;
+        const bool takeL = below ? (p > pl) | (pl > x) : (p < pl);
+        const bool takeH = below ? (p > ph) : (p < ph) | (ph < x);
+        l = takeL ? i : l;
+        pl = takeL ? p : pl;
+        h = takeH ? i : h;
+        ph = takeH ? p : ph;
     }
     lo = l;
     hi = h;
@@ -88,16 +87,22 @@ inline void neighbours(const Ramp &ramp, int lo, int hi, int &prev, int &next)
 {
     const float *pos = ramp.position;
     const float plo = pos[lo], phi = pos[hi];
-    int p = -1, q = -1;
+    int p = lo, q = hi;
+    bool foundP = false, foundQ = false;
+    float pp = plo, pq = phi;
     for (int i = 0; i < ramp.count; ++i) {
         const float v = pos[i];
-        if (v < plo && (p < 0 || v > pos[p]))
-            p = i;
-        if (v > phi && (q < 0 || v < pos[q]))
-            q = i;
+        const bool takeP = (v < plo) & (!foundP | (v > pp));
+        const bool takeQ = (v > phi) & (!foundQ | (v < pq));
+        p = takeP ? i : p;
+        pp = takeP ? v : pp;
+        foundP |= takeP;
+        q = takeQ ? i : q;
+        pq = takeQ ? v : pq;
+        foundQ |= takeQ;
     }
-    prev = p < 0 ? lo : p;
-    next = q < 0 ? hi : q;
+    prev = p;
+    next = q;
 }
 
 inline float linearT(const Ramp &ramp, int lo, int hi, float x)

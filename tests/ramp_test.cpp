@@ -68,6 +68,9 @@ TEST_F(Ramps, LinearUnsortedAndEnds)
     Ramp dup = scalar({{0, 5, RAMP_LINEAR}, {0, 7, RAMP_LINEAR}, {1, 9, RAMP_LINEAR}});
     EXPECT_EQ(ramp_get_interp_float(&dup, 0.5f), 7.0f);
     EXPECT_EQ(ramp_get_interp_float(&dup, -1.0f), 5.0f);
+    Ramp dupHi = scalar({{0, 0, RAMP_LINEAR}, {1, 10, RAMP_LINEAR}, {1, 20, RAMP_LINEAR}});
+    EXPECT_EQ(ramp_get_interp_float(&dupHi, 0.5f), 5.0f);
+    EXPECT_EQ(ramp_get_interp_float(&dupHi, 3.0f), 10.0f);
 }
 
 TEST_F(Ramps, Smooth)
