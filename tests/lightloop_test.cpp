@@ -24,19 +24,43 @@
    a light sample allocates nothing on the C++ heap. */
 namespace {
 std::atomic<uint64_t> g_newCount{0};
-}
 
-__attribute__((noinline)) void *operator new(std::size_t size)
+__attribute__((noinline)) void *countedAlloc(std::size_t size) noexcept
 {
     g_newCount.fetch_add(1, std::memory_order_relaxed);
-    if (void *p = std::malloc(size ? size : 1))
+    return std::malloc(size ? size : 1);
+}
+} // namespace
+
+/* The whole non-aligned family is replaced, so that every allocation and its
+   release pair up (the aligned forms keep the library's own pair).  Out of
+   line, so that the compiler does not pair an inlined malloc with a free. */
+__attribute__((noinline)) void *operator new(std::size_t size)
+{
+    if (void *p = countedAlloc(size))
         return p;
     throw std::bad_alloc();
 }
-/* Out of line, so that the compiler does not pair the malloc it would see
-   inlined with a free at a call site. */
+__attribute__((noinline)) void *operator new[](std::size_t size)
+{
+    if (void *p = countedAlloc(size))
+        return p;
+    throw std::bad_alloc();
+}
+__attribute__((noinline)) void *operator new(std::size_t size, const std::nothrow_t &) noexcept
+{
+    return countedAlloc(size);
+}
+__attribute__((noinline)) void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
+{
+    return countedAlloc(size);
+}
 __attribute__((noinline)) void operator delete(void *p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete[](void *p) noexcept { std::free(p); }
 __attribute__((noinline)) void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
 
 namespace {
 
