@@ -1147,9 +1147,11 @@ extern "C" DRUX_API void compute_scatter(miColor *result, miColor *scale, float 
 
     ScatterCache *c = findCache(__atomic_load_n(cache, __ATOMIC_ACQUIRE), state->instance);
     if (!c) {
-        miLock creation = nullptr;
-        if (!mi_query(miQ_SHADER_CACHE_LOCK, state, 0, &creation) || !creation)
+        /* query 52 yields a pointer to the lock variable */
+        miLock *creationp = nullptr;
+        if (!mi_query(miQ_SHADER_CACHE_LOCK, state, 0, &creationp) || !creationp || !*creationp)
             return;
+        const miLock creation = *creationp;
         mi_lock(creation);
         ScatterCache *head = __atomic_load_n(cache, __ATOMIC_ACQUIRE);
         c = findCache(head, state->instance);
