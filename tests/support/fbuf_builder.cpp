@@ -130,6 +130,7 @@ FbufBuilder &FbufBuilder::typeCount(int type, int count)
 
 FbufBuilder &FbufBuilder::inlineSingleElements(bool on) { inline_ = on; return *this; }
 FbufBuilder &FbufBuilder::byteSwapped(bool on) { swapped_ = on; return *this; }
+FbufBuilder &FbufBuilder::byteSwappedMagic(bool on) { swappedMagic_ = on; return *this; }
 FbufBuilder &FbufBuilder::truncate(size_t bytes) { truncate_ = bytes; return *this; }
 FbufBuilder &FbufBuilder::parameterSizeOverride(int size) { paramSize_ = size; return *this; }
 
@@ -220,6 +221,8 @@ std::vector<uint32_t> FbufBuilder::words() const
     if (swapped_)
         for (uint32_t &v : w)
             v = byteSwap32(v);
+    else if (swappedMagic_ && !w.empty())
+        w[0] = byteSwap32(w[0]);
     return w;
 }
 

@@ -100,6 +100,8 @@ public:
     /* Write the whole block in the other byte order (every 32-bit word
        reversed, magic included), as a machine of the other byte order would. */
     FbufBuilder &byteSwapped(bool on = true);
+    /* Reverse only the magic word (the rest stays in this machine's order). */
+    FbufBuilder &byteSwappedMagic(bool on = true);
     /* Cut the parameter area to `bytes` (parameter_size says so too). */
     FbufBuilder &truncate(size_t bytes);
     /* Overwrite the header's parameter_size with a value of choice. */
@@ -132,6 +134,7 @@ private:
     std::vector<std::pair<int, int>> tcOverride_;
     bool inline_ = false;
     bool swapped_ = false;
+    bool swappedMagic_ = false;
     std::optional<size_t> truncate_;
     std::optional<int> paramSize_;
 };
