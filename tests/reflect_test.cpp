@@ -95,7 +95,7 @@ protected:
         ctx = std::make_unique<mirt::Context>(4, 4);
         fbtest::FbufBuilder b;
         b.add("beauty", 0);
-        b.add("spec", 5);
+        b.add("specular", 5);
         b.add("refl", 34);
         fbtest::install(*ctx, b);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, envShader, nullptr, 0, 16, false, "env"));
