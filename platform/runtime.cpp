@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <shared_mutex>
+#include <stdexcept>
 #include <unordered_map>
 
 namespace mirt {
@@ -93,9 +93,17 @@ struct Item {
     std::atomic<uint64_t> accesses{0};
 };
 
+/* The item table: a fixed directory of chunks that are never moved, so that
+   lookups (every access, pin and shader call) take no lock.  Writers (create,
+   delete) serialise on `mu`.  Tags are never reused. */
+constexpr unsigned kChunkBits = 12;
+constexpr unsigned kChunkSize = 1u << kChunkBits;
+constexpr unsigned kMaxChunks = 1u << 16; /* 2^28 tags */
+
 struct Database {
-    std::shared_mutex mu;
-    std::vector<Item *> items{nullptr}; /* index = tag; tags are never reused */
+    std::mutex mu;
+    std::atomic<std::atomic<Item *> *> chunks[kMaxChunks] = {};
+    std::atomic<miTag> next{1}; /* next tag to hand out */
 };
 
 Database &database()
@@ -104,13 +112,40 @@ Database &database()
     return *db;
 }
 
-/* Caller holds the table lock (shared or exclusive). */
+/* Lock-free lookup. */
 Item *find_locked(miTag tag)
 {
     Database &db = database();
-    if (tag == 0 || tag >= db.items.size())
+    const unsigned c = tag >> kChunkBits;
+    if (tag == 0 || c >= kMaxChunks)
         return nullptr;
-    return db.items[tag];
+    std::atomic<Item *> *chunk = db.chunks[c].load(std::memory_order_acquire);
+    return chunk ? chunk[tag & (kChunkSize - 1)].load(std::memory_order_acquire) : nullptr;
+}
+
+/* Writers hold db.mu. */
+void store_locked(miTag tag, Item *item)
+{
+    Database &db = database();
+    const unsigned c = tag >> kChunkBits;
+    std::atomic<Item *> *chunk = db.chunks[c].load(std::memory_order_relaxed);
+    if (!chunk) {
+        chunk = new std::atomic<Item *>[kChunkSize];
+        for (unsigned i = 0; i < kChunkSize; ++i)
+            chunk[i].store(nullptr, std::memory_order_relaxed);
+        db.chunks[c].store(chunk, std::memory_order_release);
+    }
+    chunk[tag & (kChunkSize - 1)].store(item, std::memory_order_release);
+}
+
+/* Every live item, in tag order. */
+template <class F> void for_each_item(F &&f)
+{
+    Database &db = database();
+    const miTag end = db.next.load(std::memory_order_acquire);
+    for (miTag t = 1; t < end; ++t)
+        if (Item *it = find_locked(t))
+            f(t, it);
 }
 
 void free_item(miTag tag, Item *item)
@@ -235,8 +270,6 @@ OrphanFrames &orphan_frames()
 /* A context's impl from a frame-buffer-set or string-options item. */
 Context::Impl *impl_from_item(miTag tag, int type)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     if (!it || it->type != type || it->size < sizeof(Context::Impl *))
         return nullptr;
@@ -324,8 +357,6 @@ void set_point_for_camera(miInstance *inst, const miMatrix l2g)
 
 const miInstance *instance_record(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     if (!it || it->type != miSCENE_INSTANCE || it->size < sizeof(miInstance))
         return nullptr;
@@ -585,8 +616,6 @@ Context::Impl *impl_of(const miState *state)
 
 miFunction *function_record(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     if (!it || it->type != miSCENE_FUNCTION || it->size < sizeof(miFunction))
         return nullptr;
@@ -656,23 +685,26 @@ miTag db_create(int type, size_t size)
         throw std::bad_alloc();
     }
     Database &db = database();
-    std::unique_lock<std::shared_mutex> lk(db.mu);
-    db.items.push_back(item);
-    return static_cast<miTag>(db.items.size() - 1);
+    std::lock_guard<std::mutex> lk(db.mu);
+    const miTag tag = db.next.load(std::memory_order_relaxed);
+    if ((tag >> kChunkBits) >= kMaxChunks) {
+        std::free(item->data);
+        delete item;
+        throw std::length_error("database: out of tags");
+    }
+    store_locked(tag, item);
+    db.next.store(tag + 1, std::memory_order_release);
+    return tag;
 }
 
 void *db_data(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     return it ? it->data : nullptr;
 }
 
 size_t db_size(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     return it ? it->size : 0;
 }
@@ -680,7 +712,7 @@ size_t db_size(miTag tag)
 void *db_resize(miTag tag, size_t size)
 {
     Database &db = database();
-    std::unique_lock<std::shared_mutex> lk(db.mu);
+    std::lock_guard<std::mutex> lk(db.mu);
     Item *it = find_locked(tag);
     if (!it)
         return nullptr;
@@ -699,11 +731,11 @@ void db_delete(miTag tag)
     Item *item;
     {
         Database &db = database();
-        std::unique_lock<std::shared_mutex> lk(db.mu);
+        std::lock_guard<std::mutex> lk(db.mu);
         item = find_locked(tag);
         if (!item)
             return;
-        db.items[tag] = nullptr;
+        store_locked(tag, nullptr);
     }
     free_item(tag, item);
 }
@@ -740,38 +772,29 @@ miTag db_create_userdata(const void *params, size_t size, miTag next)
 
 int db_pin_count(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     return it ? it->pins.load() : 0;
 }
 
 long db_total_pins()
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     long sum = 0;
-    for (Item *it : db.items)
-        if (it)
-            sum += it->pins.load();
+    for_each_item([&](miTag, Item *it) { sum += it->pins.load(); });
     return sum;
 }
 
 std::vector<miTag> db_pinned()
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     std::vector<miTag> out;
-    for (size_t i = 1; i < db.items.size(); ++i)
-        if (db.items[i] && db.items[i]->pins.load() > 0)
-            out.push_back(static_cast<miTag>(i));
+    for_each_item([&](miTag t, Item *it) {
+        if (it->pins.load() > 0)
+            out.push_back(t);
+    });
     return out;
 }
 
 uint64_t db_access_count(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     return it ? it->accesses.load() : 0;
 }
@@ -930,12 +953,10 @@ void reset()
     std::vector<std::pair<miTag, Item *>> items;
     {
         Database &db = database();
-        std::unique_lock<std::shared_mutex> lk(db.mu);
-        for (size_t i = 1; i < db.items.size(); ++i)
-            if (db.items[i]) {
-                items.emplace_back(static_cast<miTag>(i), db.items[i]);
-                db.items[i] = nullptr;
-            }
+        std::lock_guard<std::mutex> lk(db.mu);
+        for_each_item([&](miTag t, Item *it) { items.emplace_back(t, it); });
+        for (auto &p : items)
+            store_locked(p.first, nullptr);
     }
     for (auto &p : items) {
         std::free(p.second->data);
@@ -1233,8 +1254,6 @@ extern "C" {
 
 void *mi_db_access(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     if (!it)
         return nullptr;
@@ -1245,8 +1264,6 @@ void *mi_db_access(miTag tag)
 
 void *mi_db_access_type(int *type, miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     if (!it) {
         if (type)
@@ -1262,8 +1279,6 @@ void *mi_db_access_type(int *type, miTag tag)
 
 int mi_db_type(miTag tag)
 {
-    Database &db = database();
-    std::shared_lock<std::shared_mutex> lk(db.mu);
     Item *it = find_locked(tag);
     return it ? it->type : miSCENE_NONE;
 }
@@ -1272,9 +1287,7 @@ void mi_db_unpin(miTag tag)
 {
     bool unknown = false, unpinned = false;
     {
-        Database &db = database();
-        std::shared_lock<std::shared_mutex> lk(db.mu);
-        Item *it = find_locked(tag);
+            Item *it = find_locked(tag);
         if (!it) {
             unknown = true;
         } else {
@@ -1802,9 +1815,7 @@ miBoolean mi_query(int code, miState *state, miTag tag, void *result)
     }
     switch (code) {
     case miQ_DATA_PARAM: {
-        Database &db = database();
-        std::shared_lock<std::shared_mutex> lk(db.mu);
-        Item *it = find_locked(tag);
+            Item *it = find_locked(tag);
         if (!it)
             return miFALSE;
         void *p;
