@@ -1094,4 +1094,75 @@ TEST_F(Core, ContextDefaultsAndItsItems)
     EXPECT_EQ(mi_db_type(opts), miSCENE_NONE) << "the render's items go with it";
 }
 
+// ------------------------------------------------------------- bad input
+
+TEST_F(Core, BadInputIsReportedNotObeyed)
+{
+    g_ops = OpLog();
+    int errors = 0;
+    auto newErrors = [&] {
+        int now = count_level(mirt::Level::Error);
+        int d = now - errors;
+        errors = now;
+        return d;
+    };
+    {
+        mirt::Context ctx;
+        miTag st = mirt::make_function(miSHADER_STATE, as_shader(logging_state_shader), nullptr, 0, 0, false, "st");
+        ctx.add_state_shader(st);
+
+        // a singular camera transform leaves the inverse at identity
+        const miMatrix flat = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+        ctx.set_camera_transform(flat);
+        EXPECT_EQ(newErrors(), 1);
+        const auto *ci = static_cast<const miInstance *>(mirt::db_data(ctx.camera_instance()));
+        for (int k = 0; k < 16; ++k)
+            EXPECT_EQ(ci->global_to_local[k], k % 5 == 0 ? 1.0f : 0.0f) << k;
+
+        // ending a child state ends its eye state once
+        miState *s = ctx.begin_state();
+        miState *c = mirt::child_state(s);
+        ctx.end_state(c);
+        EXPECT_EQ(newErrors(), 1);
+        EXPECT_EQ(std::count(g_ops.ops.begin(), g_ops.ops.end(), miSHADERSTATE_STATE_EXIT), 1);
+
+        // a state of another render is refused and left alive
+        mirt::Context other;
+        miState *o = other.begin_state();
+        ctx.end_state(o);
+        EXPECT_EQ(newErrors(), 1);
+        EXPECT_EQ(mirt::context_of(o), &other);
+        other.end_state(o);
+        EXPECT_EQ(newErrors(), 0);
+
+        // parameter evaluation without a current shader, or to a missing shader
+        miState *s2 = ctx.begin_state();
+        float value = 3.0f;
+        EXPECT_EQ(mi_phen_eval(s2, &value), &value);
+        EXPECT_EQ(newErrors(), 1);
+        miTag mat = mirt::make_function(miSHADER_MATERIAL, source_shader, &value, 4, 16, true, "mat");
+        mirt::connect(mat, 0, 999999);
+        s2->shader = mirt::function(mat);
+        EXPECT_EQ(mi_phen_eval(s2, s2->shader->params), s2->shader->params);
+        EXPECT_EQ(newErrors(), 1);
+
+        // sampling from a negative instance
+        int i = -1;
+        double xi[2];
+        EXPECT_FALSE(mi_sample(xi, &i, s2, 2, nullptr));
+        EXPECT_EQ(i, -1);
+        newErrors();
+        // s2 is deliberately not ended: the render reports it and frees it
+    }
+    EXPECT_EQ(newErrors(), 1);
+
+    // block pools: no element size, no pool
+    EXPECT_EQ(mi_mem_int_blkcreate("SDK/coreTestBad", 1, 0), nullptr);
+    EXPECT_EQ(mi_mem_blkallocate(nullptr), nullptr);
+    mi_mem_blkrelease(nullptr, &errors);
+    mi_mem_blkdelete(nullptr); // quietly nothing, like free(NULL)
+    EXPECT_EQ(newErrors(), 3);
+    EXPECT_EQ(mirt::mem_live_bytes("SDK/coreTestBad"), 0);
+}
+
 } // namespace
