@@ -543,10 +543,10 @@ TEST_F(Scatter, DestroyReleasesEverything)
 
 TEST_F(Scatter, HashSlotsGiveTheFullGridResult)
 {
-    const mirt::Mesh sphere = mirt::make_sphere(1, 16, 8);
+    const mirt::Mesh sphere = mirt::make_sphere(1, 12, 6);
     const miTag inst = mirt::build_instance(sphere, {}).instance;
     light({2, 3, 4}, {1, 0.8f, 0.6f, 1}, 0, 1);
-    p->radius = 0.3f, p->samples = 30, p->diffuse = 0.8f, p->falloff = 2;
+    p->radius = 0.35f, p->samples = 12, p->diffuse = 0.8f, p->falloff = 2;
     std::vector<std::vector<miColor>> runs;
     for (int slots : {0, 1, 2, 64}) {
         reset();
@@ -564,7 +564,7 @@ TEST_F(Scatter, HashSlotsGiveTheFullGridResult)
             EXPECT_NEAR(runs[k][i].b, runs[0][i].b, 1e-6f) << "run " << k << " point " << i;
         }
     }
-    EXPECT_GT(lit, 20);
+    EXPECT_GT(lit, 15);
 }
 
 // Two patches 6 cells apart: each lookup's neighbourhood holds one of them.
@@ -606,11 +606,11 @@ TEST_P(Threads, EightThreadsGiveTheSingleThreadImage)
     mirt::InstanceDesc desc;
     desc.material = material;
     mirt::MeshScene scene;
-    scene.add(mirt::build_instance(mirt::make_sphere(1, 16, 8), desc));
+    scene.add(mirt::build_instance(mirt::make_sphere(1, 12, 6), desc));
     ctx->set_scene(&scene);
     light({2, 3, 4}, {1, 0.8f, 0.6f, 1}, 0, 1);
-    p->radius = 0.25f, p->samples = 20, p->falloff = 1, p->cacheSize = GetParam();
-    const int W = 20;
+    p->radius = 0.3f, p->samples = 10, p->falloff = 1, p->cacheSize = GetParam();
+    const int W = 14;
     auto render = [&](int nthreads) {
         std::vector<miColor> img(W * W);
         std::vector<miState *> own;
@@ -640,14 +640,14 @@ TEST_P(Threads, EightThreadsGiveTheSingleThreadImage)
         ASSERT_NEAR(eight[i].g, one[i].g, 1e-6f) << "pixel " << i;
         ASSERT_NEAR(eight[i].b, one[i].b, 1e-6f) << "pixel " << i;
     }
-    EXPECT_GT(lit, 40);
+    EXPECT_GT(lit, 20);
     if (GetParam() == 0) {
         EXPECT_EQ(probe.lightCalls, calls) << "each point evaluated exactly once";
     }
     ctx->set_scene(nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Threads, ::testing::Values(0, 3, 64));
+INSTANTIATE_TEST_SUITE_P(Modes, Threads, ::testing::Values(0, 5, 64));
 
 // 110 threads each fill a different slot and meet inside point evaluation,
 // holding 110 fill claims at once: the claim list grows past its 96 entries.
