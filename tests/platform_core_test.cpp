@@ -1165,4 +1165,55 @@ TEST_F(Core, BadInputIsReportedNotObeyed)
     EXPECT_EQ(mirt::mem_live_bytes("SDK/coreTestBad"), 0);
 }
 
+// ------------------------------------------------------------- threads
+
+// Render threads each run their own eye state through samples: shader state,
+// connected parameters, child states and frame-buffer writes stay per thread.
+TEST_F(Core, RenderThreadsKeepTheirStatesApart)
+{
+    constexpr int kThreads = 4, W = 8, H = 8;
+    mirt::Context ctx(W, H);
+    const int fb = ctx.add_framebuffer("out");
+    const float one = 1.0f;
+    miTag src = mirt::make_function(miSHADER_TEXTURE, source_shader, &one, 4, sizeof(miColor), false, "src");
+    ParamBlock pb{};
+    miTag mat = mirt::make_function(miSHADER_MATERIAL, source_shader, &pb, sizeof pb, sizeof(miColor), true, "mat");
+    mirt::connect(mat, 0, src);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> th;
+    for (int t = 0; t < kThreads; ++t)
+        th.emplace_back([&, t] {
+            miState *s = ctx.begin_state(t);
+            for (int y = t; y < H; y += kThreads)
+                for (int x = 0; x < W; ++x) {
+                    ctx.begin_sample(s, x, y);
+                    const int key[2] = {x, y};
+                    mi_shaderstate_set(s, "pixel", key, sizeof key, 2);
+                    miState *c = mirt::child_state(s);
+                    c->point = miVector{float(x), float(y), 0};
+                    c->shader = mirt::function(mat);
+                    auto *r = static_cast<miColor *>(mi_phen_eval(c, c->shader->params));
+                    const int *back = static_cast<int *>(mi_shaderstate_get(c, "pixel", nullptr));
+                    if (r->r != float(x) || r->g != float(y) || back[0] != x || back[1] != y)
+                        wrong.fetch_add(1);
+                    miColor out{r->r, r->g, float(t), 1};
+                    if (!mi_fb_put(s, fb, &out))
+                        wrong.fetch_add(1);
+                    ctx.end_sample(s, miTRUE);
+                }
+            ctx.end_state(s);
+        });
+    for (auto &x : th)
+        x.join();
+    EXPECT_EQ(wrong.load(), 0);
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            const miColor c = ctx.fb_pixel(fb, x, y);
+            EXPECT_EQ(c.r, float(x));
+            EXPECT_EQ(c.g, float(y));
+            EXPECT_EQ(c.b, float(y % kThreads));
+        }
+    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+}
+
 } // namespace
