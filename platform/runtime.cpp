@@ -1874,10 +1874,3 @@ mi::shader::Interface *mi_get_shader_interface(int version)
     return new InterfaceImpl;
 }
 
-/* Until trace.cpp provides the geometric queries, they fail. */
-namespace mirt {
-__attribute__((weak)) bool trace_query(int, miState *, miTag, void *)
-{
-    return false;
-}
-} // namespace mirt
