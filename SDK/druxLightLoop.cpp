@@ -49,6 +49,12 @@ static_assert(kInstanceDataTagOffset == 216, "instance data tag at byte 216");
 
 const char *const kNoLightInstance = "setupLightContributions was called outside of a light shader.";
 
+/* The exported BLACK and WHITE, as constants the compiler can keep in
+   registers in the per-entry loops (the exported ones are reached through the
+   symbol table on every use). */
+constexpr miColor kBlack{0.0f, 0.0f, 0.0f, 0.0f};
+constexpr miColor kWhite{1.0f, 1.0f, 1.0f, 1.0f};
+
 constexpr miUint kShadowMask = FBINFO_LIGHT_CONTRIBUTES | FBINFO_SHADOWED;
 constexpr miUint kIrradianceMask = FBINFO_LIGHT_CONTRIBUTES | FBINFO_SHADOW_PASS;
 
@@ -269,7 +275,7 @@ DRUX_API void sampleLightBegin(miUint n, FrameBufferInfo *entries)
         return;
     entries[0].flags |= FBINFO_IN_LIGHT_LOOP | FBINFO_LIGHT_SETUP_PENDING;
     for (miUint i = 0; i < n; ++i)
-        entries[i].lightSum = BLACK;
+        entries[i].lightSum = kBlack;
 }
 
 DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries, int samples,
@@ -284,20 +290,26 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
     if (d < 0 || state->type == miRAY_ENVIRONMENT)
         return;
     const float w = 1.0f / static_cast<float>(samples);
+    /* The caller's mode, scale switch and scale apply alike to every entry.
+       They are read once, before the loop: they are the caller's settings
+       (its locals or parameters), never the slot colours this loop writes,
+       and reading them per entry would cost the loop almost half its speed. */
+    const int m = mode ? *mode : 0;
+    if (m == 0)
+        return;
+    const bool useScaleBit = useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u);
+    const float s = useScaleBit ? *scale : 1.0f;
 
     for (miUint i = 0; i < n; ++i) {
         FrameBufferInfo &e = entries[i];
-        /* The caller's values are read for every entry: they may live in
-           memory that this loop writes. */
-        const int m = mode ? *mode : 0;
-        if (m == 0 || (e.flags & FBINFO_NO_ACCUMULATE))
+        if (e.flags & FBINFO_NO_ACCUMULATE)
             continue;
         PassSlot &slot = e.slots[d];
         if (slot.slotFlags & 1u)
             continue;
         miColor col = scaled(e.lightSum, w);
-        if (useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u))
-            col = scaled(col, *scale);
+        if (useScaleBit)
+            col = scaled(col, s);
         switch (m) {
         case 2:
             slot.accum = mul(slot.accum, col);
@@ -316,14 +328,14 @@ DRUX_API void setLightIrradiance(miUint n, FrameBufferInfo *entries, const miCol
 {
     if (!entries)
         return;
-    const miColor c = colorOr(colour, BLACK);
+    const miColor c = colorOr(colour, kBlack);
     for (miUint i = 0; i < n; ++i) {
         FrameBufferInfo &e = entries[i];
         if ((e.flags & kIrradianceMask) == FBINFO_LIGHT_CONTRIBUTES)
             e.light = miColor{c.r, c.g, c.b, 1.0f};
         else
             e.light = miColor{0.0f, 0.0f, 0.0f, 1.0f};
-        e.shadow = WHITE;
+        e.shadow = kWhite;
     }
 }
 
@@ -336,8 +348,8 @@ DRUX_API void tracePassInit(miUint n, FrameBufferInfo *entries, miState *state)
         return;
     for (miUint i = 0; i < n; ++i) {
         PassSlot &child = entries[i].slots[d + 1];
-        child.result = BLACK;
-        child.opacity = BLACK;
+        child.result = kBlack;
+        child.opacity = kBlack;
     }
 }
 
@@ -359,7 +371,7 @@ DRUX_API void tracePassAdd(miUint n, FrameBufferInfo *entries, miState *state, m
             continue;
         PassSlot &child = e.slots[d + 1];
         addTo(here.accum, mul(weight, child.result));
-        child.result = BLACK;
+        child.result = kBlack;
     }
 }
 
@@ -374,17 +386,17 @@ DRUX_API miBoolean traceShadow(miUint n, FrameBufferInfo *entries, miColor *filt
         filter = &localFilter;
     if (!entries)
         n = 0;
-    *filter = WHITE;
+    *filter = kWhite;
     for (miUint i = 0; i < n; ++i)
         if (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES)
-            entries[i].shadow = WHITE;
+            entries[i].shadow = kWhite;
 
     const miBoolean traced = mi_trace_shadow(filter, state);
     if (n == 0)
         return traced;
 
-    const miColor light = colorOr(lightColor, BLACK);
-    const miColor dark = colorOr(shadowColor, BLACK);
+    const miColor light = colorOr(lightColor, kBlack);
+    const miColor dark = colorOr(shadowColor, kBlack);
     const miColor lightRGB = rgbAlpha1(light);
     const miColor none{0.0f, 0.0f, 0.0f, 1.0f};
 
@@ -393,10 +405,10 @@ DRUX_API miBoolean traceShadow(miUint n, FrameBufferInfo *entries, miColor *filt
             FrameBufferInfo &e = entries[i];
             if (!(e.flags & FBINFO_LIGHT_CONTRIBUTES)) {
                 e.light = none;
-                e.shadow = BLACK;
+                e.shadow = kBlack;
             } else if (!(e.flags & FBINFO_SHADOWED)) {
                 e.light = lightRGB;
-                e.shadow = BLACK;
+                e.shadow = kBlack;
             } else {
                 const miColor shadowed = shadowedLight(e.shadow, light, dark);
                 if (e.flags & FBINFO_SHADOW_PASS) {
@@ -434,7 +446,7 @@ DRUX_API void traceShadowAccumulateBegin(miUint n, FrameBufferInfo *entries)
     if (!entries)
         return;
     for (miUint i = 0; i < n; ++i)
-        entries[i].shadowSum = BLACK;
+        entries[i].shadowSum = kBlack;
 }
 
 DRUX_API miBoolean traceShadowAccumulate(miUint n, FrameBufferInfo *entries, miColor *filter,
@@ -445,13 +457,13 @@ DRUX_API miBoolean traceShadowAccumulate(miUint n, FrameBufferInfo *entries, miC
         filter = &localFilter;
     if (!entries)
         n = 0;
-    *filter = WHITE;
+    *filter = kWhite;
     if (n == 0)
         return mi_trace_shadow(filter, state) ? miTRUE : miFALSE;
 
     for (miUint i = 0; i < n; ++i)
         if (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES)
-            entries[i].shadow = WHITE;
+            entries[i].shadow = kWhite;
     const miBoolean traced = mi_trace_shadow(filter, state);
     for (miUint i = 0; i < n; ++i)
         if (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES)
@@ -464,15 +476,15 @@ DRUX_API void traceShadowAccumulateEnd(miUint n, FrameBufferInfo *entries, miUin
 {
     if (!entries)
         return;
-    const miColor light = colorOr(lightColor, BLACK);
-    const miColor dark = colorOr(shadowColor, BLACK);
+    const miColor light = colorOr(lightColor, kBlack);
+    const miColor dark = colorOr(shadowColor, kBlack);
     const float w = samples ? 1.0f / static_cast<float>(samples) : 1.0f;
     const miColor none{0.0f, 0.0f, 0.0f, 1.0f};
 
     for (miUint i = 0; i < n; ++i) {
         FrameBufferInfo &e = entries[i];
         if (!(e.flags & FBINFO_LIGHT_CONTRIBUTES)) {
-            e.shadow = BLACK;
+            e.shadow = kBlack;
             e.light = none;
         } else if (!(e.flags & FBINFO_SHADOWED)) {
             e.light = light; /* the light's own alpha */
@@ -492,7 +504,8 @@ DRUX_API int applyShadowTransparencyToFrameBuffers(miUint n, FrameBufferInfo *en
     int result = 0;
     if (n == 0 || !entries)
         return 0;
-    const miColor tr = colorOr(transparency, BLACK);
+    const miColor tr = colorOr(transparency, kBlack);
+    const float eps = KELU_EPS;
     MaskText mask; /* opened at the first handled entry, closed on return */
     bool looked = false;
 
@@ -520,7 +533,7 @@ DRUX_API int applyShadowTransparencyToFrameBuffers(miUint n, FrameBufferInfo *en
                 e.light = mul(e.light, tr);
             }
         }
-        if (e.shadow.r >= KELU_EPS || e.shadow.g >= KELU_EPS || e.shadow.b >= KELU_EPS)
+        if (e.shadow.r >= eps || e.shadow.g >= eps || e.shadow.b >= eps)
             result = 1;
     }
     return result;
@@ -555,9 +568,9 @@ DRUX_API void handleNonDruxLights(miUint n, FrameBufferInfo *entries, const miCo
     }
     entries[0].flags |= FBINFO_LIGHT_SETUP_PENDING;
 
-    const miColor c = colorOr(lightResult, BLACK);
+    const miColor c = colorOr(lightResult, kBlack);
     for (miUint i = 0; i < n; ++i)
-        entries[i].light = (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES) ? c : BLACK;
+        entries[i].light = (entries[i].flags & FBINFO_LIGHT_CONTRIBUTES) ? c : kBlack;
 }
 
 } /* extern "C" */
