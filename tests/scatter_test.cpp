@@ -380,6 +380,51 @@ TEST_F(Scatter, UniformlyLitPlaneGivesTheLightInEveryFalloff)
     EXPECT_GT(probe.lightCalls, 0);
 }
 
+// The state rebuilt at a cached point describes the surface there: a 4 x 2
+// plane moved by (10, 0, 0), u = (x - 10) / 4 + 0.5, v = y / 2 + 0.5, dP/du =
+// (4, 0, 0), dP/dv = (0, 2, 0), one bump basis pair (the same, object space).
+TEST_F(Scatter, RebuiltStateDescribesThePoint)
+{
+    mirt::InstanceDesc desc;
+    desc.local_to_global[12] = 10;
+    const miTag inst = mirt::build_instance(mirt::make_plane(4, 2, 2, 2), desc).instance;
+    light({10, 0, 100}, {1, 1, 1, 1}, 0, 1);
+    st->refraction_level = 1;
+    int checked = 0;
+    probe.onLight = [&](miState *ls) {
+        const miState *c = ls->parent;
+        ++checked;
+        EXPECT_EQ(c->parent, st);
+        EXPECT_EQ(c->refraction_level, 2);
+        EXPECT_EQ(c->reflection_level, 0);
+        EXPECT_EQ(c->scanline, 0);
+        EXPECT_EQ(c->inv_normal, 0);
+        EXPECT_EQ(c->pri, nullptr);
+        EXPECT_EQ(c->num_bumps, 1);
+        EXPECT_NEAR(c->point.x, ls->org.x, 0) << "the light sees the rebuilt point";
+        EXPECT_GE(c->point.x, 8.0f);
+        EXPECT_LE(c->point.x, 12.0f);
+        EXPECT_NEAR(c->tex_list[0].x, (c->point.x - 10) / 4 + 0.5f, 1e-5f);
+        EXPECT_NEAR(c->tex_list[0].y, c->point.y / 2 + 0.5f, 1e-5f);
+        EXPECT_NEAR(c->derivs[0].x, 4, 1e-4f);
+        EXPECT_NEAR(c->derivs[1].y, 2, 1e-4f);
+        EXPECT_NEAR(c->bump_x_list[0].x, 4, 1e-4f);
+        EXPECT_NEAR(c->bump_y_list[0].y, 2, 1e-4f);
+        EXPECT_NEAR(c->normal.z, 1, 1e-6f);
+        EXPECT_NEAR(c->normal_geom.z, 1, 1e-6f);
+        const miVector d{c->point.x - st->org.x, c->point.y - st->org.y, c->point.z - st->org.z};
+        const float len = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
+        EXPECT_NEAR(c->dist, len, 1e-4);
+        EXPECT_NEAR(c->dir.x, d.x / len, 1e-6f);
+        EXPECT_NEAR(c->dot_nd, d.z / len, 1e-6f);
+        EXPECT_NEAR(c->bary[0] + c->bary[1] + c->bary[2], 1, 1e-6f);
+    };
+    p->radius = 0.5f, p->diffuse = 0.5f;
+    const miColor r = lookup(inst, {10, 0, 0});
+    EXPECT_GT(checked, 0);
+    EXPECT_NEAR(r.r, 0.5f, 1e-4f) << "diffuse 0.5 times a cosine of 1 to 1e-5";
+}
+
 // Two points, one red (x > 1.35) and one blue; r = 1, 10000 samples.
 class TwoPoints : public Scatter {
 protected:
@@ -649,11 +694,11 @@ TEST_P(Threads, EightThreadsGiveTheSingleThreadImage)
 
 INSTANTIATE_TEST_SUITE_P(Modes, Threads, ::testing::Values(0, 5, 64));
 
-// 110 threads each fill a different slot and meet inside point evaluation,
-// holding 110 fill claims at once: the claim list grows past its 96 entries.
+// 100 threads each fill a different slot and meet inside point evaluation,
+// holding 100 fill claims at once: the claim list grows past its 96 entries.
 TEST_F(Scatter, MoreThan96ClaimsAtOnce)
 {
-    const int N = 110;
+    const int N = 100;
     std::vector<Tri> tris;
     for (int i = 0; i < N; ++i)
         tris.push_back(rightTri(4.0f * (i % 11) + 0.4f, 4.0f * (i / 11) + 0.4f, 0.2f, 0.2f));
