@@ -290,17 +290,15 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
     if (d < 0 || state->type == miRAY_ENVIRONMENT)
         return;
     const float w = 1.0f / static_cast<float>(samples);
-    /* The caller's mode, scale switch and scale apply alike to every entry.
-       They are read once, before the loop: they are the caller's settings
-       (its locals or parameters), never the slot colours this loop writes,
-       and reading them per entry would cost the loop almost half its speed. */
-    const int m = mode ? *mode : 0;
-    if (m == 0)
+    if (!mode)
         return;
-    const bool useScaleBit = useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u);
-    const float s = useScaleBit ? *scale : 1.0f;
 
+    /* mode, useScale and scale are read for every entry: a caller may point
+       them into records this loop writes. */
     for (miUint i = 0; i < n; ++i) {
+        const int m = *mode;
+        if (m == 0)
+            continue;
         FrameBufferInfo &e = entries[i];
         if (e.flags & FBINFO_NO_ACCUMULATE)
             continue;
@@ -308,8 +306,8 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
         if (slot.slotFlags & 1u)
             continue;
         miColor col = scaled(e.lightSum, w);
-        if (useScaleBit)
-            col = scaled(col, s);
+        if (useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u))
+            col = scaled(col, *scale);
         switch (m) {
         case 2:
             slot.accum = mul(slot.accum, col);
