@@ -178,7 +178,7 @@ DRUX_NOISE_INLINE void transpose3(__m128 r0, __m128 r1, __m128 r2, __m128 &p, __
  * and the weights (u, v, w, 0).
  */
 struct Cells3 {
-    unsigned x[4], y[4], z[4]; /* lane 3 unused */
+    unsigned x[3], y[3], z[3];
     __m128 w;
 };
 
@@ -217,12 +217,9 @@ DRUX_NOISE_INLINE bool cells3(double x, double y, double z, Cells3 &cells)
     _mm_store_si128(reinterpret_cast<__m128i *>(i0), _mm_madd_epi16(_mm_and_si128(_mm_sub_epi32(n, oneI), wrap), stride));
     _mm_store_si128(reinterpret_cast<__m128i *>(i1), _mm_madd_epi16(_mm_and_si128(n, wrap), stride));
     _mm_store_si128(reinterpret_cast<__m128i *>(i2), _mm_madd_epi16(_mm_and_si128(_mm_add_epi32(n, oneI), wrap), stride));
-    for (int axis = 0; axis < 3; ++axis) { /* unrolled by the compiler */
-        unsigned *dst = axis == 0 ? cells.x : axis == 1 ? cells.y : cells.z;
-        dst[0] = i0[axis];
-        dst[1] = i1[axis];
-        dst[2] = i2[axis];
-    }
+    cells.x[0] = i0[0], cells.x[1] = i1[0], cells.x[2] = i2[0];
+    cells.y[0] = i0[1], cells.y[1] = i1[1], cells.y[2] = i2[1];
+    cells.z[0] = i0[2], cells.z[1] = i1[2], cells.z[2] = i2[2];
     return true;
 }
 
