@@ -363,6 +363,9 @@ TEST_F(Scatter, UniformlyLitPlaneGivesTheLightInEveryFalloff)
         for (const miVector &q : at)
             expectRGB(lookup(plane, q), 0.5f, 1, 2);
     }
+    const uint64_t allocated = mirt::mem_allocation_count();
+    lookup(plane, {0.7f, -0.4f, 0});
+    EXPECT_EQ(mirt::mem_allocation_count(), allocated) << "a lookup on evaluated cells allocates nothing";
     for (int f : {4, 5, -1}) {
         p->falloff = f;
         const miColor r = lookup(plane, {0, 0, 0});
@@ -623,10 +626,13 @@ TEST_F(Scatter, OneSlotRefillsOnEveryCellChange)
         reset();
         p->cacheSize = slots;
         std::vector<int> seen;
+        std::vector<uint64_t> allocations;
         for (miVector q : {A, A, B, A}) {
             const int before = probe.lightCalls;
+            const uint64_t allocated = mirt::mem_allocation_count();
             expectRGB(lookup(g.instance, q), 1, 1, 1);
             seen.push_back(probe.lightCalls - before);
+            allocations.push_back(mirt::mem_allocation_count() - allocated);
         }
         ASSERT_GT(seen[0], 0);
         ASSERT_GT(seen[2], 0);
@@ -636,6 +642,8 @@ TEST_F(Scatter, OneSlotRefillsOnEveryCellChange)
         } else {
             EXPECT_EQ(seen[1], 0);
             EXPECT_EQ(seen[3], 0);
+            EXPECT_EQ(allocations[1], 0u) << "a lookup on filled slots allocates nothing";
+            EXPECT_EQ(allocations[3], 0u);
         }
     }
 }
