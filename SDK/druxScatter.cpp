@@ -535,10 +535,11 @@ void sampler_runbatch(Sampler *s, miState *state, SamplerParms *parms)
     if (parms->useLights)
         mi_instance_lightlist(&parms->nLights, &parms->lights, state);
 
-    miVector texBuf[kMaxTexSpaces];
-    miVector bumpX[kMaxBumps];
-    miVector bumpY[kMaxBumps];
-    miVector derivBuf[2];
+    /* Lists of the rebuilt state; entries a box does not fill read as zero. */
+    miVector texBuf[kMaxTexSpaces] = {};
+    miVector bumpX[kMaxBumps] = {};
+    miVector bumpY[kMaxBumps] = {};
+    miVector derivBuf[2] = {};
     miState spareScratch;
     std::memset(&spareScratch, 0, sizeof spareScratch);
     child->refraction_level += 1;
@@ -554,7 +555,7 @@ void sampler_runbatch(Sampler *s, miState *state, SamplerParms *parms)
     child->bump_y_list = bumpY;
     child->derivs = derivBuf;
 
-    miIrrad_options irradOpt;
+    miIrrad_options irradOpt{};
     const bool haveIrradOpt = parms->useIndirect && irradianceOptionsFromUserdata(state->instance, irradOpt);
     const bool shadowTolerance = opt && opt->shadow_tolerance != 0;
 
