@@ -21,8 +21,7 @@ miUint word(const void *block, int n)
     return w;
 }
 
-/* Size of a user-data block's parameter area from its header, 0 when the
-   writer did not record it. */
+/* Size of a user-data block's parameter area, from its header. */
 int parameterSize(const void *params)
 {
     int size;
@@ -203,9 +202,11 @@ extern "C" DRUX_API void compute_irradiance(miColor *result, miColor *irradiance
             miTag tag = 0;
             const void *block = get_userdata(KELU_MAGIC, miSCENE_OBJECT, state->instance, &tag, nullptr);
             if (block) {
-                /* A block too short for the settings words carries none. */
+                /* A block carries settings only when its recorded size
+                   covers every word read (0 to 16); a shorter one, or one
+                   whose size is not recorded, carries none. */
                 const int size = parameterSize(block);
-                const bool fits = size == 0 || size >= 4 * kSettingsWords;
+                const bool fits = size >= 4 * kSettingsWords;
                 if (fits && word(block, 5) == 1u) {
                     fillFromBlock(opts, block);
                     haveOpts = true;

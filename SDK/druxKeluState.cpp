@@ -65,7 +65,16 @@ extern "C" DRUX_API void *get_userdata(int magic, int type, miTag tag, miTag *bl
         mi_db_unpin(used);
     }
 
+    /* The chain is written by another program, so it is not trusted:
+       - a block whose parameter area is shorter than a word holds no magic
+         and never matches (its magic would lie past the block);
+       - a chain that runs back into itself is broken like any other: the
+         walk detects the loop (Brent's method: compare with a mark that moves
+         ahead at every power of two steps, no memory needed) and returns null
+         once every block of the loop has been looked at. */
     const miUint want = static_cast<miUint>(magic);
+    miTag mark = head;
+    unsigned power = 1, steps = 0;
     for (miTag cur = head; cur != 0;) {
         int dbType = 0;
         void *item = mi_db_access_type(&dbType, cur);
@@ -76,13 +85,15 @@ extern "C" DRUX_API void *get_userdata(int magic, int type, miTag tag, miTag *bl
             return nullptr;
         }
         miUserdata *ud = static_cast<miUserdata *>(item);
-        miUint got;
-        __builtin_memcpy(&got, ud->parameters, sizeof got);
         int isSwapped = -1;
-        if (got == want)
-            isSwapped = 0;
-        else if (swapped && got == byteSwap(want))
-            isSwapped = 1;
+        if (ud->parameter_size >= static_cast<int>(sizeof(miUint))) {
+            miUint got;
+            __builtin_memcpy(&got, ud->parameters, sizeof got);
+            if (got == want)
+                isSwapped = 0;
+            else if (swapped && got == byteSwap(want))
+                isSwapped = 1;
+        }
         if (isSwapped >= 0) {
             if (block_tag)
                 *block_tag = cur;
@@ -93,6 +104,13 @@ extern "C" DRUX_API void *get_userdata(int magic, int type, miTag tag, miTag *bl
         miTag next = ud->next_data;
         mi_db_unpin(cur);
         cur = next;
+        if (cur == mark)
+            return nullptr; /* a loop without the magic */
+        if (++steps == power) {
+            mark = cur;
+            power <<= 1;
+            steps = 0;
+        }
     }
     return nullptr;
 }

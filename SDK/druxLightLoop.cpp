@@ -146,17 +146,28 @@ private:
             return 0;
         void *data = nullptr;
         miBoolean found = miFALSE;
+        miTag dataTag = 0;
         {
             Pin pin(instance);
             if (type != miSCENE_INSTANCE)
                 return 0;
-            miTag dataTag;
             std::memcpy(&dataTag, record + kInstanceDataTagOffset, sizeof dataTag);
             if (dataTag)
                 found = mi_query(miQ_DATA_PARAM, state, dataTag, &data);
         }
         if (!found || !data)
             return 0;
+        /* A user-data record too short to hold the tag holds no mask: its
+           first field would lie past the record. */
+        if (mi_db_type(dataTag) == miSCENE_USERDATA) {
+            int paramSize;
+            std::memcpy(&paramSize,
+                        static_cast<const char *>(data) - offsetof(miUserdata, parameters) +
+                            offsetof(miUserdata, parameter_size),
+                        sizeof paramSize);
+            if (paramSize < static_cast<int>(sizeof(miTag)))
+                return 0;
+        }
         miTag textTag;
         std::memcpy(&textTag, data, sizeof textTag);
         return textTag;

@@ -10,6 +10,9 @@
  */
 #include "druxInternal.h"
 
+#include <cstdint>
+#include <string>
+
 namespace {
 
 /* Same value as the exported KELU_EPS, kept local for the lookup paths. */
@@ -140,14 +143,34 @@ extern "C" {
  * A negative element count is treated as an empty array.  First index and
  * count are read in place, like every array header; the fields of each
  * entry are evaluated when connected.
+ *
+ * The first index and the count come from the scene, so they are checked
+ * before any element is read.  When the ramp parameter lies in the parameter
+ * block of the shader being called (the usual case: a shader hands over its
+ * own parameter), the array header and every element that is read (at most
+ * RAMP_MAX_KEYS) must lie within that block; otherwise the ramp is refused:
+ * it is left empty and the refusal is reported through druxError.  A
+ * parameter that lies elsewhere (a copy the caller made) carries no size the
+ * library could check and is read as given.
  */
 DRUX_API void ramp_constructor(Ramp *ramp, miState *state, void *entries, int is_color)
 {
     if (!ramp)
         return;
     ramp->is_color = is_color;
-    if (!entries) {
-        ramp->count = 0;
+    ramp->count = 0;
+    if (!entries)
+        return;
+    const int64_t elemSize = is_color ? sizeof(RampColorEntry) : sizeof(RampScalarEntry);
+    const miFunction *owner = state ? state->shader : nullptr;
+    const uintptr_t at = reinterpret_cast<uintptr_t>(entries);
+    const uintptr_t blockBegin = owner ? reinterpret_cast<uintptr_t>(owner->params) : 0;
+    const uintptr_t blockEnd = blockBegin + (owner && owner->param_size > 0 ? owner->param_size : 0);
+    const bool inBlock = owner && owner->params && at >= blockBegin && at < blockEnd;
+    if (inBlock && blockEnd - at < sizeof(ArrayParam)) {
+        druxError("ramp_constructor(): the ramp parameter of shader \"" +
+                  std::string(owner->name ? owner->name : "") +
+                  "\" does not fit in its parameter block; the ramp is left empty.");
         return;
     }
     const ArrayParam *head = static_cast<const ArrayParam *>(entries);
@@ -156,9 +179,21 @@ DRUX_API void ramp_constructor(Ramp *ramp, miState *state, void *entries, int is
         n = 0;
     if (n > RAMP_MAX_KEYS)
         n = RAMP_MAX_KEYS;
-    ramp->count = n;
     char *storage = static_cast<char *>(entries) + sizeof(ArrayParam);
     const long first = head->first;
+    if (inBlock && n > 0) {
+        const int64_t begin = static_cast<int64_t>(at - blockBegin) + static_cast<int64_t>(sizeof(ArrayParam)) +
+                              elemSize * static_cast<int64_t>(first);
+        const int64_t end = begin + elemSize * n;
+        if (begin < 0 || end > static_cast<int64_t>(blockEnd - blockBegin)) {
+            druxError("ramp_constructor(): the ramp parameter of shader \"" +
+                      std::string(owner->name ? owner->name : "") + "\" (first index " +
+                      std::to_string(first) + ", " + std::to_string(n) +
+                      " elements) reaches outside its parameter block; the ramp is left empty.");
+            return;
+        }
+    }
+    ramp->count = n;
 
     if (is_color) {
         RampColorEntry *e = reinterpret_cast<RampColorEntry *>(storage) + first;

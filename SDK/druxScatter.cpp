@@ -432,9 +432,12 @@ bool irradianceOptionsFromUserdata(miTag instance, miIrrad_options &opt)
         static_cast<const unsigned char *>(get_userdata(KELU_MAGIC, miSCENE_OBJECT, instance, &block, nullptr));
     if (!ud)
         return false;
+    /* The block is written by another program: it carries settings only when
+       its recorded size covers words 0 to 16, which are all read below. */
+    const int paramSize = readAt<int>(ud - offsetof(miUserdata, parameters), offsetof(miUserdata, parameter_size));
     bool filled = false;
     auto word = [&](int n) { return readAt<miUint>(ud, static_cast<size_t>(n) * 4); };
-    if (readAt<int>(ud, 20) == 1) {
+    if (paramSize >= 17 * 4 && readAt<int>(ud, 20) == 1) {
         unsigned char *o = reinterpret_cast<unsigned char *>(&opt);
         std::memset(o, 0, sizeof opt); /* bytes 44..51 are not in the block: zero */
         const int size = 52;
