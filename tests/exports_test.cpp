@@ -62,9 +62,14 @@ std::set<std::string> expectedExports()
 bool isDefined(char kind) { return kind != 'U' && kind != 'w' && kind != 'v'; }
 
 // Instantiations of the standard library's templates carry default
-// visibility and may appear in any shared object built against it.
+// visibility and may appear in any shared object built against it; so do
+// sanitizer runtimes' symbols.
 bool fromStandardLibrary(const std::string &name)
 {
+    // Sanitizer builds add their own bookkeeping symbols.
+    if (name.rfind("__odr_asan", 0) == 0 || name.rfind("__asan", 0) == 0 || name.rfind("__tsan", 0) == 0 ||
+        name.rfind("__ubsan", 0) == 0 || name.rfind("__sanitizer", 0) == 0)
+        return true;
     static const char *prefixes[] = {"_ZNSt", "_ZNKSt", "_ZSt", "_ZTISt", "_ZTSSt", "_ZTVSt", "_ZNSa",
                                      "_ZNKSa", "_ZN9__gnu_cxx", "_ZNK9__gnu_cxx", "_ZGVZNSt",
                                      "_ZZNSt", "_ZZNKSt"};
