@@ -67,6 +67,10 @@ World &world()
         &p, sizeof p, 0, false, "druxFrameBufferInit");
     w->ctx->add_state_shader(w->stateShader);
     w->ctx->add_state_shader(w->initShader);
+    /* The seed corpus refers to the name strings by tag (fuzz/make_seeds.py). */
+    if (std::getenv("DRUX_FUZZ_PRINT_TAGS"))
+        std::fprintf(stderr, "name tags %u %u %u %u, unknown %u, empty %u, not a string %u\n", w->nameTags[0],
+                     w->nameTags[1], w->nameTags[2], w->nameTags[3], w->unknownName, w->emptyName, w->notAString);
     return *w;
 }
 

@@ -129,9 +129,10 @@ inline void setUserdata(miTag tag, const void *bytes, size_t size, miTag next)
     const size_t total = offsetof(miUserdata, parameters) + size;
     mirt::db_resize(tag, total < sizeof(miUserdata) ? sizeof(miUserdata) : total);
     miUserdata *u = static_cast<miUserdata *>(mirt::db_data(tag));
-    std::memset(u->parameters, 0, mirt::db_size(tag) - offsetof(miUserdata, parameters));
+    std::memset(reinterpret_cast<char *>(u) + offsetof(miUserdata, parameters), 0,
+                mirt::db_size(tag) - offsetof(miUserdata, parameters));
     if (size)
-        std::memcpy(u->parameters, bytes, size);
+        std::memcpy(reinterpret_cast<char *>(u) + offsetof(miUserdata, parameters), bytes, size);
     u->parameter_size = static_cast<int>(size);
     u->next_data = next;
 }

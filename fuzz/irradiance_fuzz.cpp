@@ -101,7 +101,7 @@ miTag expectedBlock(miTag instance)
 uint32_t wordAt(miTag block, int n)
 {
     uint32_t v;
-    std::memcpy(&v, static_cast<const miUserdata *>(mirt::db_data(block))->parameters + 4 * n, 4);
+    std::memcpy(&v, static_cast<const char *>(mirt::db_data(block)) + offsetof(miUserdata, parameters) + 4 * n, 4);
     return v;
 }
 

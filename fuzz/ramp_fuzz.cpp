@@ -129,7 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     char *params = static_cast<char *>(f->params);
     std::memset(params, 0, static_cast<size_t>(f->ghost_offs) * 2);
     const std::vector<uint8_t> bytes = in.bytes(static_cast<size_t>(blockSize));
-    std::memcpy(params, bytes.data(), bytes.size());
+    if (!bytes.empty())
+        std::memcpy(params, bytes.data(), bytes.size());
     f->param_size = blockSize;
     f->has_connections = (flags & 2) ? 1 : 0;
 

@@ -153,13 +153,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const size_t bytes = in.u8() % 41;
         const uint32_t magic = chooseMagic(in);
         const miTag next = choose(w, in);
-        std::vector<uint8_t> params(bytes, 0);
+        std::vector<uint8_t> params(bytes + 1, 0); /* never empty: data() is never null */
         std::memcpy(params.data(), &magic, bytes < 4 ? bytes : 4);
         if (bytes > 4) {
             std::vector<uint8_t> rest = in.bytes(bytes - 4);
-            std::memcpy(params.data() + 4, rest.data(), rest.size());
+            if (!rest.empty())
+                std::memcpy(params.data() + 4, rest.data(), rest.size());
         }
-        fz::setUserdata(w.block[b], params.data(), params.size(), next);
+        fz::setUserdata(w.block[b], params.data(), bytes, next);
     }
     for (miTag o : w.object)
         static_cast<miObject *>(mirt::db_data(o))->userdata = choose(w, in);
