@@ -1,0 +1,103 @@
+/*
+ * Small vector and matrix helpers of the reference host (single precision,
+ * row vectors as the renderer uses them: p' = p * M).
+ */
+#ifndef DRUXHOST_MATH_H
+#define DRUXHOST_MATH_H
+
+#include "shader.h"
+
+#include <array>
+#include <cmath>
+
+namespace druxhost {
+
+inline miVector v3(float x, float y, float z) { return miVector{x, y, z}; }
+inline miVector add(const miVector &a, const miVector &b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+inline miVector sub(const miVector &a, const miVector &b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
+inline miVector mul(const miVector &a, float s) { return {a.x * s, a.y * s, a.z * s}; }
+inline float dot(const miVector &a, const miVector &b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+inline miVector cross(const miVector &a, const miVector &b)
+{
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+inline float length(const miVector &a) { return std::sqrt(dot(a, a)); }
+inline miVector normalized(const miVector &a)
+{
+    const float l = length(a);
+    return l > 0.0f ? mul(a, 1.0f / l) : a;
+}
+
+inline miColor rgba(float r, float g, float b, float a = 1.0f) { return miColor{r, g, b, a}; }
+
+/* A 4x4 matrix in the renderer's layout (16 floats, row-major, row vectors). */
+using Matrix = std::array<float, 16>;
+
+inline Matrix identity()
+{
+    return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+}
+
+/* a * b: first a, then b (row vectors). */
+inline Matrix multiply(const Matrix &a, const Matrix &b)
+{
+    Matrix r{};
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 4; ++j) {
+            float s = 0.0f;
+            for (int k = 0; k < 4; ++k)
+                s += a[i * 4 + k] * b[k * 4 + j];
+            r[i * 4 + j] = s;
+        }
+    return r;
+}
+
+inline Matrix translation(const miVector &t)
+{
+    Matrix m = identity();
+    m[12] = t.x;
+    m[13] = t.y;
+    m[14] = t.z;
+    return m;
+}
+
+inline Matrix scaling(const miVector &s)
+{
+    Matrix m = identity();
+    m[0] = s.x;
+    m[5] = s.y;
+    m[10] = s.z;
+    return m;
+}
+
+/* Rotation by `degrees` about the x (0), y (1) or z (2) axis, counter-clockwise
+   when looking down the axis towards the origin. */
+inline Matrix rotation(int axis, float degrees)
+{
+    const double a = degrees * 3.14159265358979323846 / 180.0;
+    const float c = static_cast<float>(std::cos(a)), s = static_cast<float>(std::sin(a));
+    Matrix m = identity();
+    const int i = (axis + 1) % 3, j = (axis + 2) % 3;
+    /* row vectors: e_i -> c e_i + s e_j, e_j -> -s e_i + c e_j */
+    m[i * 4 + i] = c;
+    m[i * 4 + j] = s;
+    m[j * 4 + i] = -s;
+    m[j * 4 + j] = c;
+    return m;
+}
+
+inline miVector transformPoint(const Matrix &m, const miVector &p)
+{
+    return {p.x * m[0] + p.y * m[4] + p.z * m[8] + m[12], p.x * m[1] + p.y * m[5] + p.z * m[9] + m[13],
+            p.x * m[2] + p.y * m[6] + p.z * m[10] + m[14]};
+}
+
+inline miVector transformVector(const Matrix &m, const miVector &v)
+{
+    return {v.x * m[0] + v.y * m[4] + v.z * m[8], v.x * m[1] + v.y * m[5] + v.z * m[9],
+            v.x * m[2] + v.y * m[6] + v.z * m[10]};
+}
+
+} // namespace druxhost
+
+#endif

@@ -1,0 +1,174 @@
+#include "image_io.h"
+
+#include <OpenEXR/ImfChannelList.h>
+#include <OpenEXR/ImfFrameBuffer.h>
+#include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfInputFile.h>
+#include <OpenEXR/ImfOutputFile.h>
+#include <png.h>
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <stdexcept>
+
+namespace druxhost {
+
+namespace {
+
+const char *const kChannels[4] = {"R", "G", "B", "A"};
+
+std::string channelName(const std::string &layer, int c)
+{
+    return layer.empty() ? std::string(kChannels[c]) : layer + "." + kChannels[c];
+}
+
+struct FileCloser {
+    void operator()(FILE *f) const
+    {
+        if (f)
+            std::fclose(f);
+    }
+};
+
+} // namespace
+
+void writeExr(const std::string &path, const std::vector<Layer> &layers)
+{
+    if (layers.empty())
+        throw std::runtime_error("writeExr: no layers");
+    const int w = layers.front().image->width, h = layers.front().image->height;
+    for (const Layer &l : layers)
+        if (!l.image || l.image->width != w || l.image->height != h)
+            throw std::runtime_error("writeExr: layer \"" + l.name + "\" has another size");
+    try {
+        Imf::Header header(w, h);
+        header.compression() = Imf::ZIP_COMPRESSION;
+        Imf::FrameBuffer fb;
+        for (const Layer &l : layers)
+            for (int c = 0; c < 4; ++c) {
+                const std::string name = channelName(l.name, c);
+                header.channels().insert(name, Imf::Channel(Imf::FLOAT));
+                char *base = reinterpret_cast<char *>(const_cast<float *>(l.image->rgba.data())) + c * sizeof(float);
+                fb.insert(name, Imf::Slice(Imf::FLOAT, base, 4 * sizeof(float), 4 * sizeof(float) * size_t(w)));
+            }
+        Imf::OutputFile file(path.c_str(), header);
+        file.setFrameBuffer(fb);
+        file.writePixels(h);
+    } catch (const std::exception &ex) {
+        throw std::runtime_error("cannot write " + path + ": " + ex.what());
+    }
+}
+
+std::vector<std::pair<std::string, Image>> readExr(const std::string &path)
+{
+    std::vector<std::pair<std::string, Image>> out;
+    try {
+        Imf::InputFile file(path.c_str());
+        const Imath::Box2i dw = file.header().dataWindow();
+        const int w = dw.max.x - dw.min.x + 1, h = dw.max.y - dw.min.y + 1;
+        std::map<std::string, size_t> layerIndex;
+        for (Imf::ChannelList::ConstIterator it = file.header().channels().begin();
+             it != file.header().channels().end(); ++it) {
+            const std::string name = it.name();
+            const size_t dot = name.rfind('.');
+            const std::string layer = dot == std::string::npos ? std::string() : name.substr(0, dot);
+            if (layerIndex.emplace(layer, out.size()).second)
+                out.emplace_back(layer, Image(w, h));
+        }
+        Imf::FrameBuffer fb;
+        for (auto &entry : out)
+            for (int c = 0; c < 4; ++c) {
+                const std::string name = channelName(entry.first, c);
+                if (!file.header().channels().findChannel(name))
+                    continue;
+                char *base = reinterpret_cast<char *>(entry.second.rgba.data()) + c * sizeof(float) -
+                             (size_t(dw.min.x) + size_t(dw.min.y) * size_t(w)) * 4 * sizeof(float);
+                fb.insert(name, Imf::Slice(Imf::FLOAT, base, 4 * sizeof(float), 4 * sizeof(float) * size_t(w)));
+            }
+        file.setFrameBuffer(fb);
+        file.readPixels(dw.min.y, dw.max.y);
+    } catch (const std::exception &ex) {
+        throw std::runtime_error("cannot read " + path + ": " + ex.what());
+    }
+    return out;
+}
+
+unsigned char srgbByte(float v)
+{
+    if (!(v > 0.0f))
+        return 0;
+    if (v >= 1.0f)
+        return 255;
+    const float s = v <= 0.0031308f ? 12.92f * v : 1.055f * std::pow(v, 1.0f / 2.4f) - 0.055f;
+    return static_cast<unsigned char>(std::lround(s * 255.0f));
+}
+
+void writePng(const std::string &path, const Image &image)
+{
+    std::unique_ptr<FILE, FileCloser> f(std::fopen(path.c_str(), "wb"));
+    if (!f)
+        throw std::runtime_error("cannot write " + path);
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (!png || !info) {
+        png_destroy_write_struct(&png, &info);
+        throw std::runtime_error("cannot write " + path + ": libpng set-up failed");
+    }
+    std::vector<unsigned char> row(static_cast<size_t>(image.width) * 3);
+    if (setjmp(png_jmpbuf(png))) {
+        png_destroy_write_struct(&png, &info);
+        throw std::runtime_error("cannot write " + path + ": libpng error");
+    }
+    png_init_io(png, f.get());
+    png_set_IHDR(png, info, static_cast<png_uint_32>(image.width), static_cast<png_uint_32>(image.height), 8,
+                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
+    png_write_info(png, info);
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            const miColor c = image.at(x, y);
+            row[size_t(x) * 3] = srgbByte(c.r);
+            row[size_t(x) * 3 + 1] = srgbByte(c.g);
+            row[size_t(x) * 3 + 2] = srgbByte(c.b);
+        }
+        png_write_row(png, row.data());
+    }
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+}
+
+std::vector<unsigned char> readPng(const std::string &path, int &width, int &height)
+{
+    std::unique_ptr<FILE, FileCloser> f(std::fopen(path.c_str(), "rb"));
+    if (!f)
+        throw std::runtime_error("cannot read " + path);
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (!png || !info) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        throw std::runtime_error("cannot read " + path + ": libpng set-up failed");
+    }
+    std::vector<unsigned char> pixels;
+    if (setjmp(png_jmpbuf(png))) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        throw std::runtime_error("cannot read " + path + ": not a PNG this reader understands");
+    }
+    png_init_io(png, f.get());
+    png_read_info(png, info);
+    if (png_get_color_type(png, info) != PNG_COLOR_TYPE_RGB || png_get_bit_depth(png, info) != 8) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        throw std::runtime_error("cannot read " + path + ": not 8-bit RGB");
+    }
+    width = static_cast<int>(png_get_image_width(png, info));
+    height = static_cast<int>(png_get_image_height(png, info));
+    pixels.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
+    for (int y = 0; y < height; ++y)
+        png_read_row(png, pixels.data() + static_cast<size_t>(y) * static_cast<size_t>(width) * 3, nullptr);
+    png_read_end(png, nullptr);
+    png_destroy_read_struct(&png, &info, nullptr);
+    return pixels;
+}
+
+} // namespace druxhost

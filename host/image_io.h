@@ -1,0 +1,59 @@
+/*
+ * Float RGBA images and their files: one multi-layer OpenEXR file holding
+ * every pass, and an 8-bit sRGB PNG preview per pass.
+ */
+#ifndef DRUXHOST_IMAGE_IO_H
+#define DRUXHOST_IMAGE_IO_H
+
+#include "shader.h"
+
+#include <string>
+#include <vector>
+
+namespace druxhost {
+
+struct Image {
+    int width = 0, height = 0;
+    std::vector<float> rgba; /* row-major, top row first, 4 floats per pixel */
+
+    Image() = default;
+    Image(int w, int h) : width(w), height(h), rgba(static_cast<size_t>(w) * static_cast<size_t>(h) * 4, 0.0f) {}
+    miColor at(int x, int y) const
+    {
+        const float *p = &rgba[(static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4];
+        return miColor{p[0], p[1], p[2], p[3]};
+    }
+    void set(int x, int y, const miColor &c)
+    {
+        float *p = &rgba[(static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) * 4];
+        p[0] = c.r;
+        p[1] = c.g;
+        p[2] = c.b;
+        p[3] = c.a;
+    }
+};
+
+/* A named layer of a multi-layer file; an empty name is the default layer
+   (channels R, G, B, A), any other gives <name>.R, <name>.G, <name>.B, <name>.A. */
+struct Layer {
+    std::string name;
+    const Image *image;
+};
+
+/* 32-bit float channels, ZIP compression.  Throws std::runtime_error. */
+void writeExr(const std::string &path, const std::vector<Layer> &layers);
+/* Every layer of a file written by writeExr (name "" for the default layer). */
+std::vector<std::pair<std::string, Image>> readExr(const std::string &path);
+
+/* 8-bit RGB preview: each channel clamped to [0, 1] and encoded as sRGB.
+   Throws std::runtime_error. */
+void writePng(const std::string &path, const Image &image);
+/* 8-bit RGB pixels of a PNG (3 bytes per pixel), for checking previews. */
+std::vector<unsigned char> readPng(const std::string &path, int &width, int &height);
+
+/* The sRGB code of a linear value in [0, 1] (clamped). */
+unsigned char srgbByte(float linear);
+
+} // namespace druxhost
+
+#endif

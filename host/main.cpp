@@ -1,0 +1,214 @@
+/*
+ * druxrender: the reference host renderer's command line.
+ *
+ *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
+ *              [--resolution WxH] [--no-progress] [--quiet]
+ *              [--print-default-scene] [--help]
+ *
+ * Without --scene it renders the built-in default scene.  It writes
+ * DIR/render.exr (every pass as a layer) and a PNG preview per pass, shows a
+ * progress bar on a terminal and ends with a summary: time, samples per
+ * second, time per megasample, the library's memory per tag and database
+ * pins.
+ */
+#include "render.h"
+#include "runtime.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace druxhost;
+
+namespace {
+
+void usage(std::ostream &o)
+{
+    o << "usage: druxrender [options]\n"
+         "  --scene FILE           render FILE (default: the built-in scene)\n"
+         "  --out DIR              output directory (default: out)\n"
+         "  --threads N            render threads (default: all hardware threads)\n"
+         "  --samples N            eye samples per pixel (overrides the scene)\n"
+         "  --resolution WxH       image size (overrides the scene)\n"
+         "  --no-progress          no progress bar\n"
+         "  --quiet                no summary\n"
+         "  --print-default-scene  print the built-in scene in the scene format and exit\n"
+         "  --help                 this text\n";
+}
+
+bool parseInt(const char *s, int &v)
+{
+    char *end = nullptr;
+    errno = 0;
+    const long x = std::strtol(s, &end, 10);
+    if (end == s || *end || errno || x < 1 || x > 1000000)
+        return false;
+    v = static_cast<int>(x);
+    return true;
+}
+
+bool makeDir(const std::string &dir)
+{
+    std::string part;
+    for (size_t i = 0; i <= dir.size(); ++i) {
+        if (i == dir.size() || dir[i] == '/') {
+            if (!part.empty() && ::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST)
+                return false;
+        }
+        if (i < dir.size())
+            part += dir[i];
+    }
+    struct stat st;
+    return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string bytes(int64_t b)
+{
+    char buf[64];
+    if (b < 0 || b < 10 * 1024)
+        std::snprintf(buf, sizeof buf, "%lld B", static_cast<long long>(b));
+    else if (b < 10 * 1024 * 1024)
+        std::snprintf(buf, sizeof buf, "%.1f KiB", b / 1024.0);
+    else
+        std::snprintf(buf, sizeof buf, "%.1f MiB", b / (1024.0 * 1024.0));
+    return buf;
+}
+
+void drawBar(double f)
+{
+    const int width = 40;
+    const int fill = static_cast<int>(f * width + 0.5);
+    std::string bar(static_cast<size_t>(fill), '#');
+    bar.append(static_cast<size_t>(width - fill), '.');
+    std::fprintf(stderr, "\r  rendering [%s] %3d%%", bar.c_str(), static_cast<int>(f * 100.0 + 0.5));
+    std::fflush(stderr);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::string scenePath, outDir = "out";
+    int threads = 0, samples = 0, width = 0, height = 0;
+    bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto value = [&](const char *what) -> const char * {
+            if (i + 1 >= argc) {
+                std::cerr << "druxrender: " << a << " needs " << what << "\n";
+                std::exit(2);
+            }
+            return argv[++i];
+        };
+        if (a == "--scene") {
+            scenePath = value("a file");
+        } else if (a == "--out") {
+            outDir = value("a directory");
+        } else if (a == "--threads") {
+            if (!parseInt(value("a number"), threads)) {
+                std::cerr << "druxrender: --threads needs a positive number\n";
+                return 2;
+            }
+        } else if (a == "--samples") {
+            if (!parseInt(value("a number"), samples)) {
+                std::cerr << "druxrender: --samples needs a positive number\n";
+                return 2;
+            }
+        } else if (a == "--resolution") {
+            const std::string r = value("WxH");
+            const size_t x = r.find('x');
+            if (x == std::string::npos || !parseInt(r.substr(0, x).c_str(), width) ||
+                !parseInt(r.substr(x + 1).c_str(), height)) {
+                std::cerr << "druxrender: --resolution needs WxH, e.g. 640x480\n";
+                return 2;
+            }
+        } else if (a == "--no-progress") {
+            progress = false;
+        } else if (a == "--quiet") {
+            quiet = true;
+        } else if (a == "--print-default-scene") {
+            std::cout << "# The built-in scene of druxrender (druxrender --print-default-scene)\n"
+                      << writeScene(defaultScene());
+            return 0;
+        } else if (a == "--help" || a == "-h") {
+            usage(std::cout);
+            return 0;
+        } else {
+            std::cerr << "druxrender: unknown option " << a << "\n";
+            usage(std::cerr);
+            return 2;
+        }
+    }
+
+    SceneDesc scene;
+    try {
+        scene = scenePath.empty() ? defaultScene() : loadScene(scenePath);
+        if (samples)
+            scene.samples = samples;
+        if (width) {
+            scene.width = width;
+            scene.height = height;
+        }
+        validate(scene);
+    } catch (const SceneError &e) {
+        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath);
+        if (e.line() > 0)
+            std::cerr << ":" << e.line();
+        std::cerr << ": " << e.what() << "\n";
+        return 2;
+    }
+    if (!makeDir(outDir)) {
+        std::cerr << "druxrender: cannot create the output directory " << outDir << ": " << std::strerror(errno)
+                  << "\n";
+        return 2;
+    }
+
+    mirt::set_echo_messages(true);
+    RenderOptions ro;
+    ro.threads = threads;
+    if (progress)
+        ro.progress = drawBar;
+    if (!quiet)
+        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath) << ", "
+                  << scene.width << " x " << scene.height << ", " << scene.samples << " samples per pixel, "
+                  << scene.passes.size() << " passes\n";
+    RenderResult result;
+    std::vector<std::string> files;
+    try {
+        result = render(scene, ro);
+        if (progress)
+            std::fprintf(stderr, "\n");
+        files = writeOutputs(result, outDir);
+    } catch (const std::exception &e) {
+        if (progress)
+            std::fprintf(stderr, "\n");
+        std::cerr << "druxrender: " << e.what() << "\n";
+        return 1;
+    }
+    if (!quiet) {
+        const RenderStats &st = result.stats;
+        std::printf("render summary\n");
+        std::printf("  scene set-up         %.3f s (%zu triangles, BVH of %zu nodes, depth %d)\n", st.setupSeconds,
+                    st.triangles, st.bvhNodes, st.bvhDepth);
+        std::printf("  wall time            %.3f s on %d thread%s\n", st.seconds, st.threads,
+                    st.threads == 1 ? "" : "s");
+        std::printf("  eye samples          %llu (%.3f megasamples)\n",
+                    static_cast<unsigned long long>(st.eyeSamples), st.eyeSamples * 1e-6);
+        std::printf("  samples per second   %.0f\n", st.samplesPerSecond());
+        std::printf("  time per megasample  %.3f s\n", st.secondsPerMegasample());
+        std::printf("  library memory       %-26s %14s %14s\n", "tag", "at last sample", "after render");
+        for (const TagMemory &m : st.memory)
+            std::printf("                       %-26s %14s %14s\n", m.tag.c_str(), bytes(m.atEnd).c_str(),
+                        bytes(m.after).c_str());
+        std::printf("  database pins left   %ld\n", st.pinsAfter);
+        std::printf("  messages             %zu error(s), %zu warning(s)\n", st.errors, st.warnings);
+        std::printf("  files                %zu written to %s (render.exr, main.png and one PNG per pass)\n",
+                    files.size(), outDir.c_str());
+    }
+    return result.stats.errors ? 1 : 0;
+}

@@ -1,0 +1,482 @@
+#include "render.h"
+
+#include "bvh.h"
+#include "exporter.h"
+#include "geometry.h"
+#include "meshes.h"
+#include "runtime.h"
+#include "shaders.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+namespace druxhost {
+
+namespace {
+
+/* State shaders get the operation record as a fourth argument; the shader
+   record stores them under the common shader signature. */
+template <class F> miShader_fn asShader(F *fn)
+{
+    return reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)(void)>(fn));
+}
+
+/* Database items made for one render, deleted on every way out. */
+struct Items {
+    std::vector<miTag> tags;
+    std::vector<mirt::GeometryTags> geometry;
+    miTag keep(miTag t)
+    {
+        tags.push_back(t);
+        return t;
+    }
+    ~Items()
+    {
+        for (const mirt::GeometryTags &g : geometry)
+            mirt::delete_instance(g);
+        for (miTag t : tags)
+            mirt::db_delete(t);
+    }
+};
+
+/* The camera: a pinhole at `position` looking at `target`. */
+struct Camera {
+    miVector origin, right, up, forward;
+    float tanX, tanY;
+    int width, height;
+
+    Camera(const CameraDesc &c, int w, int h) : width(w), height(h)
+    {
+        origin = c.position;
+        forward = normalized(sub(c.target, c.position));
+        right = normalized(cross(forward, c.up));
+        up = cross(right, forward);
+        tanX = static_cast<float>(std::tan(c.fov * 3.14159265358979323846 / 360.0));
+        tanY = tanX * static_cast<float>(h) / static_cast<float>(w);
+    }
+    /* camera space: x right, y up, looking down -z */
+    Matrix toWorld() const
+    {
+        return {right.x,    right.y,    right.z,    0, up.x,     up.y,     up.z,     0,
+                -forward.x, -forward.y, -forward.z, 0, origin.x, origin.y, origin.z, 1};
+    }
+    /* direction through raster position (px, py), y down */
+    miVector ray(double px, double py) const
+    {
+        const float sx = static_cast<float>((2.0 * px / width - 1.0) * tanX);
+        const float sy = static_cast<float>((1.0 - 2.0 * py / height) * tanY);
+        return normalized(add(forward, add(mul(right, sx), mul(up, sy))));
+    }
+};
+
+double radicalInverse(uint32_t i, uint32_t base)
+{
+    double inv = 1.0 / base, f = inv, r = 0.0;
+    while (i) {
+        r += f * (i % base);
+        i /= base;
+        f *= inv;
+    }
+    return r;
+}
+
+uint32_t hash32(uint32_t x)
+{
+    x ^= x >> 16;
+    x *= 0x7feb352dU;
+    x ^= x >> 15;
+    x *= 0x846ca68bU;
+    x ^= x >> 16;
+    return x;
+}
+
+/* Sub-pixel position of sample s of pixel (x, y): a Halton point, rotated per
+   pixel; the pixel centre for a single sample. */
+void jitter(int x, int y, int s, int samples, double &jx, double &jy)
+{
+    if (samples <= 1) {
+        jx = jy = 0.5;
+        return;
+    }
+    const uint32_t h = hash32(static_cast<uint32_t>(x) * 0x9E3779B1u ^ hash32(static_cast<uint32_t>(y) + 0x632BE5ABu));
+    const double rx = (h & 0xFFFF) / 65536.0, ry = (h >> 16) / 65536.0;
+    jx = radicalInverse(static_cast<uint32_t>(s), 2) + rx;
+    jy = radicalInverse(static_cast<uint32_t>(s), 3) + ry;
+    if (jx >= 1.0)
+        jx -= 1.0;
+    if (jy >= 1.0)
+        jy -= 1.0;
+}
+
+BaseShaderState baseState(const OptionsDesc &o)
+{
+    BaseShaderState bs;
+    std::memset(&bs, 0, sizeof bs);
+    bs.mode = 0;
+    bs.refractBlurLimit = o.refractBlurLimit;
+    bs.reflectBlurLimit = o.reflectBlurLimit;
+    bs.minContribution = o.minContribution;
+    bs.fullSampleContribution = o.fullContribution;
+    bs.lightData = defaultLightDataArray;
+    bs.childResult1 = BLACK;
+    bs.childResult2 = BLACK;
+    bs.childTransmission = WHITE;
+    bs.pathWeight = miColor{1, 1, 1, 1};
+    return bs;
+}
+
+size_t countMessages(mirt::Level level)
+{
+    size_t n = 0;
+    for (const mirt::Message &m : mirt::messages())
+        if (m.level == level)
+            ++n;
+    return n;
+}
+
+} // namespace
+
+const std::vector<std::string> &libraryMemoryTags()
+{
+    static const std::vector<std::string> tags = {"SDK/druxFrameBufferState", "SDK/druxScatter", "SDK/druxNoise",
+                                                  "SDK/druxKeluState"};
+    return tags;
+}
+
+const Image *RenderResult::pass(const std::string &name) const
+{
+    for (size_t i = 0; i < passNames.size(); ++i)
+        if (passNames[i] == name)
+            return &passes[i];
+    return nullptr;
+}
+
+RenderResult render(const SceneDesc &s, const RenderOptions &ro)
+{
+    validate(s);
+    const auto setupStart = std::chrono::steady_clock::now();
+    const size_t errorsBefore = countMessages(mirt::Level::Error);
+    const size_t warningsBefore = countMessages(mirt::Level::Warning);
+
+    RenderResult out;
+    out.main = Image(s.width, s.height);
+    for (const PassDesc &p : s.passes) {
+        out.passNames.push_back(p.name);
+        out.passRoles.push_back(p.role);
+        out.passes.emplace_back(s.width, s.height);
+    }
+    const PassLayout layout = layoutPasses(s);
+    std::vector<std::unique_ptr<ScatterCache *>> scatterLists; /* outlive the materials */
+    std::vector<miTag> materialFns;
+    std::string fatal;
+
+    {
+        Items items;
+        BvhScene bvh;
+        mirt::Context ctx(s.width, s.height);
+
+        /* ---- options */
+        miOptions &o = ctx.options();
+        o.trace = s.options.trace ? miTRUE : miFALSE;
+        o.reflection_depth = s.options.reflectionDepth;
+        o.refraction_depth = s.options.refractionDepth;
+        o.trace_depth = s.options.traceDepth;
+        o.finalgather = s.options.finalgather ? 1 : 0;
+        o.finalgather_rays = s.options.fgRays;
+
+        /* ---- camera */
+        const Camera camera(s.camera, s.width, s.height);
+        const Matrix toWorld = camera.toWorld();
+        ctx.set_camera_transform(toWorld.data());
+        ctx.camera().focal = 1.0f;
+        ctx.camera().aperture = 2.0f * camera.tanX;
+        ctx.camera().aspect = static_cast<float>(s.width) / static_cast<float>(s.height);
+
+        /* ---- frame buffers, the exporter's block and the state shaders */
+        std::vector<int> fbIndex(s.passes.size(), 0);
+        for (int pi : layout.entryPass)
+            fbIndex[size_t(pi)] = ctx.add_framebuffer(s.passes[size_t(pi)].name);
+        for (int pi : layout.constantPass)
+            fbIndex[size_t(pi)] = ctx.add_framebuffer(s.passes[size_t(pi)].name);
+        if (!s.passes.empty()) {
+            const std::vector<uint32_t> words = buildFbufBlock(
+                s, layout, [&](const std::string &name) { return items.keep(mirt::db_create_string(name.c_str())); });
+            const miTag block = items.keep(mirt::db_create_userdata(words.data(), words.size() * 4, 0));
+            static_cast<miUserdata *>(mirt::db_data(block))->parameter_size = static_cast<int>(words.size() * 4);
+            ctx.attach_camera_userdata(block);
+            ctx.add_state_shader(items.keep(mirt::make_function(miSHADER_STATE, asShader(&druxFrameBufferState),
+                                                                nullptr, 0, 0, false, "druxFrameBufferState")));
+            for (size_t k = 0; k < layout.constantPass.size(); ++k) {
+                druxFrameBufferInit_params prm;
+                prm.nonMaterialPass = static_cast<int>(k);
+                prm.initColor = s.passes[size_t(layout.constantPass[k])].constant;
+                ctx.add_state_shader(items.keep(mirt::make_function(miSHADER_STATE, asShader(&druxFrameBufferInit),
+                                                                    &prm, sizeof prm, 0, false,
+                                                                    "druxFrameBufferInit")));
+            }
+        }
+
+        /* ---- shaders */
+        const EnvironmentParams envp = environmentParams(s.environment);
+        ctx.set_environment(items.keep(mirt::make_function(miSHADER_ENVIRONMENT, hostEnvironment, &envp, sizeof envp,
+                                                           sizeof(miColor), false, "hostEnvironment")));
+        std::map<std::string, miTag> textureFn;
+        for (const TextureDesc &t : s.textures) {
+            const TextureParams tp = textureParams(t);
+            textureFn[t.name] = items.keep(mirt::make_function(miSHADER_TEXTURE, hostNoiseTexture, &tp, sizeof tp,
+                                                               sizeof(miColor), false, t.name.c_str()));
+        }
+        std::map<std::string, miTag> materialFn, shadowFn;
+        for (const MaterialDesc &m : s.materials) {
+            scatterLists.emplace_back(new ScatterCache *(nullptr));
+            const MaterialParams mp = materialParams(m, scatterLists.back().get());
+            const miTag fn = items.keep(mirt::make_function(miSHADER_MATERIAL, hostMaterial, &mp, sizeof mp,
+                                                            sizeof(miColor), true, m.name.c_str()));
+            if (!m.texture.empty())
+                mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
+            materialFn[m.name] = fn;
+            materialFns.push_back(fn);
+            /* every surface has a shadow shader, so that it shadows the
+               passes (an opaque one with transparency 0) */
+            ShadowParams sp;
+            sp.transparency = miColor{m.transparency.r, m.transparency.g, m.transparency.b, 1.0f};
+            shadowFn[m.name] = items.keep(mirt::make_function(miSHADER_SHADOW, hostShadow, &sp, sizeof sp,
+                                                              sizeof(miColor), false, "hostShadow"));
+        }
+
+        /* ---- geometry */
+        std::map<std::string, mirt::Mesh> meshes;
+        for (const MeshDesc &m : s.meshes)
+            meshes[m.name] = buildMesh(m);
+        for (const InstanceDesc &i : s.instances) {
+            mirt::InstanceDesc d;
+            const Matrix m = i.matrix();
+            std::copy(m.begin(), m.end(), d.local_to_global);
+            d.material = materialFn.at(i.material);
+            d.shadow = shadowFn.at(i.material);
+            const std::string mask = occluderMask(s, layout, i);
+            if (!mask.empty()) {
+                const miTag text = items.keep(mirt::db_create_string(mask.c_str()));
+                d.param = items.keep(mirt::db_create_data(&text, sizeof text));
+            }
+            const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
+            items.geometry.push_back(g);
+            bvh.add(g);
+        }
+        bvh.build();
+        ctx.set_scene(&bvh);
+        out.stats.triangles = bvh.triangleCount();
+        out.stats.bvhNodes = bvh.nodeCount();
+        out.stats.bvhDepth = bvh.depth();
+
+        /* ---- lights */
+        for (const LightDesc &l : s.lights) {
+            miTag param = 0;
+            const std::string mask = lightMask(s, layout, l);
+            if (!mask.empty()) {
+                const miTag text = items.keep(mirt::db_create_string(mask.c_str()));
+                param = items.keep(mirt::db_create_data(&text, sizeof text));
+            }
+            miTag inst = 0;
+            if (l.kind == LightKind::Point) {
+                const PointLightParams lp = pointLightParams(l);
+                inst = ctx.add_point_light(l.position,
+                                           items.keep(mirt::make_function(miSHADER_LIGHT, hostPointLight, &lp,
+                                                                          sizeof lp, sizeof(miColor), false,
+                                                                          l.name.c_str())),
+                                           param);
+            } else if (l.kind == LightKind::Rect) {
+                const RectLightParams lp = rectLightParams(l);
+                inst = ctx.add_rect_light(l.position, l.u, l.v, l.samples,
+                                          items.keep(mirt::make_function(miSHADER_LIGHT, hostRectLight, &lp, sizeof lp,
+                                                                         sizeof(miColor), false, l.name.c_str())),
+                                          param);
+            } else {
+                const PlainLightParams lp = plainLightParams(l);
+                inst = ctx.add_point_light(l.position,
+                                           items.keep(mirt::make_function(miSHADER_LIGHT, hostPlainLight, &lp,
+                                                                          sizeof lp, sizeof(miColor), false,
+                                                                          l.name.c_str())),
+                                           param);
+            }
+            if (!l.shadow) {
+                const miInstance *li = static_cast<const miInstance *>(mirt::db_data(inst));
+                static_cast<miLight *>(mirt::db_data(li->item))->shadow = miFALSE;
+            }
+        }
+
+        /* ---- shader initialisation, on a state of its own.  A state whose
+           frame-buffer names were never resolved keeps its slot block at
+           exit, so it runs one sample begin first (outside the image: nothing
+           is written). */
+        {
+            miState *init = ctx.begin_state(0);
+            ctx.begin_sample(init, -1, -1, 0);
+            for (const auto &t : textureFn)
+                mirt::call_init(init, t.second, hostNoiseTexture_init);
+            for (miTag fn : materialFns)
+                mirt::call_init(init, fn, hostMaterial_init);
+            ctx.end_state(init);
+        }
+        out.stats.setupSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - setupStart).count();
+
+        /* ---- sampling */
+        const int ts = std::max(1, ro.tileSize);
+        const int tilesX = (s.width + ts - 1) / ts, tilesY = (s.height + ts - 1) / ts;
+        const int tiles = tilesX * tilesY;
+        int threads = ro.threads > 0 ? ro.threads : static_cast<int>(std::thread::hardware_concurrency());
+        threads = std::max(1, std::min(threads, tiles));
+        out.stats.threads = threads;
+        const BaseShaderState base = baseState(s.options);
+        const float invSamples = 1.0f / static_cast<float>(s.samples);
+
+        std::atomic<int> nextTile{0};
+        std::atomic<long> tilesDone{0};
+        std::mutex mu;
+        std::condition_variable cv;
+        int finished = 0;
+        bool release = false;
+
+        auto worker = [&](int thread) {
+            miState *st = nullptr;
+            try {
+                for (int tile; (tile = nextTile.fetch_add(1)) < tiles;) {
+                    if (!st) {
+                        st = ctx.begin_state(thread);
+                        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base, sizeof base, 2);
+                    }
+                    const int x0 = (tile % tilesX) * ts, y0 = (tile / tilesX) * ts;
+                    const int x1 = std::min(x0 + ts, s.width), y1 = std::min(y0 + ts, s.height);
+                    for (int y = y0; y < y1; ++y)
+                        for (int x = x0; x < x1; ++x) {
+                            miColor sum{0, 0, 0, 0};
+                            std::vector<miColor> passSum(s.passes.size(), miColor{0, 0, 0, 0});
+                            for (int k = 0; k < s.samples; ++k) {
+                                ctx.begin_sample(st, x, y, k);
+                                double jx, jy;
+                                jitter(x, y, k, s.samples, jx, jy);
+                                const miVector dir = camera.ray(x + jx, y + jy);
+                                miColor c;
+                                const miBoolean ok = ctx.shade_eye(st, camera.origin, dir, &c);
+                                ctx.end_sample(st, ok);
+                                sum.r += c.r;
+                                sum.g += c.g;
+                                sum.b += c.b;
+                                sum.a += c.a;
+                                for (size_t p = 0; p < s.passes.size(); ++p) {
+                                    if (!fbIndex[p])
+                                        continue;
+                                    const miColor v = ctx.fb_pixel(fbIndex[p], x, y);
+                                    passSum[p].r += v.r;
+                                    passSum[p].g += v.g;
+                                    passSum[p].b += v.b;
+                                    passSum[p].a += v.a;
+                                    ctx.set_fb_pixel(fbIndex[p], x, y, miColor{0, 0, 0, 0});
+                                }
+                            }
+                            out.main.set(x, y, miColor{sum.r * invSamples, sum.g * invSamples, sum.b * invSamples,
+                                                       sum.a * invSamples});
+                            for (size_t p = 0; p < s.passes.size(); ++p)
+                                out.passes[p].set(x, y,
+                                                  miColor{passSum[p].r * invSamples, passSum[p].g * invSamples,
+                                                          passSum[p].b * invSamples, passSum[p].a * invSamples});
+                        }
+                    ctx.clear_irradiance_calls(); /* the runtime keeps a record of every gather */
+                    tilesDone.fetch_add(1);
+                }
+            } catch (const mirt::FatalError &e) {
+                std::lock_guard<std::mutex> lk(mu);
+                if (fatal.empty())
+                    fatal = e.text;
+                nextTile.store(tiles);
+            } catch (const std::exception &e) {
+                std::lock_guard<std::mutex> lk(mu);
+                if (fatal.empty())
+                    fatal = e.what();
+                nextTile.store(tiles);
+            }
+            /* wait until the controller has looked at the memory in use */
+            {
+                std::unique_lock<std::mutex> lk(mu);
+                ++finished;
+                cv.notify_all();
+                cv.wait(lk, [&] { return release; });
+            }
+            if (st)
+                ctx.end_state(st);
+        };
+
+        const auto start = std::chrono::steady_clock::now();
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back(worker, t);
+        {
+            std::unique_lock<std::mutex> lk(mu);
+            while (finished < threads) {
+                cv.wait_for(lk, std::chrono::milliseconds(100));
+                if (ro.progress) {
+                    const double f = double(tilesDone.load()) / tiles;
+                    lk.unlock();
+                    ro.progress(f);
+                    lk.lock();
+                }
+            }
+            out.stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            for (const std::string &tag : libraryMemoryTags())
+                out.stats.memory.push_back(TagMemory{tag, mirt::mem_live_bytes(tag), 0});
+            release = true;
+            cv.notify_all();
+        }
+        for (std::thread &t : pool)
+            t.join();
+        if (ro.progress)
+            ro.progress(1.0);
+        out.stats.eyeSamples = static_cast<uint64_t>(s.width) * static_cast<uint64_t>(s.height) *
+                               static_cast<uint64_t>(s.samples);
+
+        /* ---- the materials' teardown: scattering caches */
+        for (miTag fn : materialFns)
+            if (miFunction *f = mirt::function(fn))
+                hostMaterial_exit(nullptr, f->params);
+    }
+    for (TagMemory &m : out.stats.memory)
+        m.after = mirt::mem_live_bytes(m.tag);
+    out.stats.pinsAfter = mirt::db_total_pins();
+    out.stats.errors = countMessages(mirt::Level::Error) - errorsBefore;
+    out.stats.warnings = countMessages(mirt::Level::Warning) - warningsBefore;
+    if (!fatal.empty())
+        throw std::runtime_error("render stopped: " + fatal);
+    return out;
+}
+
+std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir)
+{
+    std::vector<std::string> files;
+    std::vector<Layer> layers;
+    layers.push_back(Layer{"", &r.main});
+    for (size_t i = 0; i < r.passes.size(); ++i)
+        layers.push_back(Layer{r.passNames[i], &r.passes[i]});
+    const std::string exr = dir + "/render.exr";
+    writeExr(exr, layers);
+    files.push_back(exr);
+    writePng(dir + "/main.png", r.main);
+    files.push_back(dir + "/main.png");
+    for (size_t i = 0; i < r.passes.size(); ++i) {
+        const std::string png = dir + "/" + r.passNames[i] + ".png";
+        writePng(png, r.passes[i]);
+        files.push_back(png);
+    }
+    return files;
+}
+
+} // namespace druxhost

@@ -1,0 +1,87 @@
+/*
+ * The reference renderer: builds a render context from a scene description
+ * (options, camera, frame buffers and the exporter's "FBuf" block, shaders,
+ * geometry in a BVH, lights with contribution masks) and renders it with
+ * several threads.
+ *
+ * Each thread has one rendering state (druxFrameBufferState runs operation
+ * 0 on it), takes tiles from a shared counter and, per pixel and sample,
+ * runs operation 2, traces the camera ray, shades it and runs operation 3,
+ * then takes every pass's frame-buffer value of the pixel into the host's
+ * own float images (averaged over the samples) and clears it for the next
+ * sample.  At the end every thread ends its state (operation 1), the
+ * materials free their scattering caches and every database item made for
+ * the render is deleted.
+ *
+ * Sampling depends only on pixel and sample index, so an image does not
+ * depend on the number of threads.
+ */
+#ifndef DRUXHOST_RENDER_H
+#define DRUXHOST_RENDER_H
+
+#include "image_io.h"
+#include "scene.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace druxhost {
+
+struct RenderOptions {
+    int threads = 0;   /* 0: one per hardware thread */
+    int tileSize = 16;
+    /* Called from the rendering's controlling thread about ten times a
+       second with the fraction done (0 .. 1); may be empty. */
+    std::function<void(double)> progress;
+};
+
+/* Live bytes of one of the library's memory tags. */
+struct TagMemory {
+    std::string tag;
+    int64_t atEnd = 0; /* when the last sample is done, states still alive */
+    int64_t after = 0; /* after the render is torn down */
+};
+
+struct RenderStats {
+    double seconds = 0;       /* wall time of the sampling */
+    double setupSeconds = 0;  /* scene set-up, BVH included */
+    uint64_t eyeSamples = 0;
+    int threads = 0;
+    size_t triangles = 0, bvhNodes = 0;
+    int bvhDepth = 0;
+    std::vector<TagMemory> memory;
+    long pinsAfter = 0;       /* database pins left after the render */
+    size_t errors = 0;        /* error messages logged during the render */
+    size_t warnings = 0;
+
+    double samplesPerSecond() const { return seconds > 0 ? double(eyeSamples) / seconds : 0.0; }
+    double secondsPerMegasample() const { return eyeSamples ? seconds / (double(eyeSamples) * 1e-6) : 0.0; }
+};
+
+struct RenderResult {
+    Image main;                        /* the colours the eye rays returned */
+    std::vector<std::string> passNames; /* scene order */
+    std::vector<PassRole> passRoles;
+    std::vector<Image> passes;
+    RenderStats stats;
+
+    const Image *pass(const std::string &name) const;
+};
+
+/* The library's memory tags reported by the renderer. */
+const std::vector<std::string> &libraryMemoryTags();
+
+/* Throws SceneError for an invalid scene and std::runtime_error when the
+   renderer reports a fatal error. */
+RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
+
+/* Writes <dir>/render.exr (main image as the default layer, one layer per
+   pass) and <dir>/<name>.png for the main image ("main") and every pass.
+   Returns the files written. */
+std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir);
+
+} // namespace druxhost
+
+#endif
