@@ -20,45 +20,7 @@
 #include <new>
 #include <vector>
 
-namespace {
-std::atomic<uint64_t> g_newCount{0};
-
-__attribute__((noinline)) void *countedAlloc(std::size_t size) noexcept
-{
-    g_newCount.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size ? size : 1);
-}
-} // namespace
-
-/* The whole non-aligned family is replaced, so that every allocation and its
-   release pair up (the aligned forms keep the library's own pair).  Out of
-   line, so that the compiler does not pair an inlined malloc with a free. */
-__attribute__((noinline)) void *operator new(std::size_t size)
-{
-    if (void *p = countedAlloc(size))
-        return p;
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void *operator new[](std::size_t size)
-{
-    if (void *p = countedAlloc(size))
-        return p;
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void *operator new(std::size_t size, const std::nothrow_t &) noexcept
-{
-    return countedAlloc(size);
-}
-__attribute__((noinline)) void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
-{
-    return countedAlloc(size);
-}
-__attribute__((noinline)) void operator delete(void *p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete[](void *p) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void *p, std::size_t) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
-__attribute__((noinline)) void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
+#include "count_new.h"
 
 namespace {
 
@@ -102,11 +64,11 @@ struct Fixture {
 };
 
 struct AllocProbe {
-    uint64_t news = g_newCount.load();
+    uint64_t news = heapAllocationCount();
     uint64_t renderer = mirt::mem_allocation_count();
     void report(benchmark::State &state) const
     {
-        const double total = static_cast<double>(g_newCount.load() - news) +
+        const double total = static_cast<double>(heapAllocationCount() - news) +
                              static_cast<double>(mirt::mem_allocation_count() - renderer);
         state.counters["allocs/sample"] =
             benchmark::Counter(total / static_cast<double>(state.iterations() ? state.iterations() : 1));

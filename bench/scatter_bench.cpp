@@ -6,6 +6,7 @@
 #include "DruxShaderSDK.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "sss_params.h"
 
 #include <benchmark/benchmark.h>
 
@@ -18,21 +19,6 @@
 #include <vector>
 
 namespace {
-
-struct SssParams {
-    miColor scale;
-    float radius;
-    int samples;
-    int falloff;
-    int maxDepth;
-    int cacheSize;
-    float diffuse;
-    miColor color;
-    float translucence, focus, wrap;
-    miVector normalOverride;
-    miColor irradiance;
-    miColor irradianceTint;
-};
 
 struct Point {
     miVector P;
@@ -91,9 +77,7 @@ struct Scene {
     {
         s->point = {x, y, 0};
         miColor r;
-        compute_scatter(&r, &p.scale, &p.radius, &p.samples, &p.falloff, &p.maxDepth, &p.cacheSize, &p.diffuse,
-                        &p.color, &p.translucence, &p.focus, &p.wrap, &p.normalOverride, &p.irradiance,
-                        &p.irradianceTint, s, &head);
+        scatterWith(&r, &p, s, &head);
         return r;
     }
     // Evaluate every cell with lookups on a grid one radius apart.

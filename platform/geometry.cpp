@@ -41,7 +41,6 @@
 namespace mirt {
 
 /* Shared with trace.cpp (queries 94, 95, 116 and light instances). */
-bool geom_invert(const miScalar *m, miScalar *out);
 bool geom_instance_bounds(miTag instance, miVector &lo, miVector &hi);
 bool geom_instance_has_triangles(miTag instance);
 
@@ -167,40 +166,6 @@ miVector lerp3(const float *a, const float *b, const float *c, unsigned pos, flo
 
 /* ================================================================ helpers shared with trace.cpp */
 
-bool geom_invert(const miScalar *m, miScalar *out)
-{
-    double a[4][8];
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) {
-            a[r][c] = m[r * 4 + c];
-            a[r][c + 4] = (r == c) ? 1.0 : 0.0;
-        }
-    for (int col = 0; col < 4; ++col) {
-        int piv = col;
-        for (int r = col + 1; r < 4; ++r)
-            if (std::fabs(a[r][col]) > std::fabs(a[piv][col]))
-                piv = r;
-        if (std::fabs(a[piv][col]) < 1e-30)
-            return false;
-        if (piv != col)
-            for (int c = 0; c < 8; ++c)
-                std::swap(a[piv][c], a[col][c]);
-        const double inv = 1.0 / a[col][col];
-        for (int c = 0; c < 8; ++c)
-            a[col][c] *= inv;
-        for (int r = 0; r < 4; ++r) {
-            if (r == col || a[r][col] == 0.0)
-                continue;
-            const double f = a[r][col];
-            for (int c = 0; c < 8; ++c)
-                a[r][c] -= f * a[col][c];
-        }
-    }
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c)
-            out[r * 4 + c] = static_cast<miScalar>(a[r][c + 4]);
-    return true;
-}
 
 /* Tight internal-space bounds of every vertex of the instance's boxes; an
    object without readable vertices falls back to its own bounding box. */
@@ -462,7 +427,7 @@ GeometryTags build_instance(const Mesh &mesh, const InstanceDesc &desc)
     {
         miInstance *in = static_cast<miInstance *>(db_data(tags.instance));
         std::memcpy(in->local_to_global, desc.local_to_global, sizeof(miMatrix));
-        if (!geom_invert(desc.local_to_global, in->global_to_local)) {
+        if (!invert_matrix(desc.local_to_global, in->global_to_local)) {
             log_message(Level::Error, "build_instance: the instance transform is singular; its inverse is "
                                       "left as identity");
             for (int i = 0; i < 16; ++i)

@@ -280,75 +280,11 @@ Context::Impl *impl_from_item(miTag tag, int type)
 
 void set_point_for_camera(miInstance *inst, const miMatrix l2g);
 
-/* General 4x4 inverse (Gauss-Jordan with partial pivoting, double precision);
-   false for a singular matrix. */
-bool invert_affine(const miScalar *m, miScalar *out)
-{
-    /* Rows 0-2 hold the linear part, row 3 the translation (row vectors).
-       The adjugate keeps rotations and axis scalings exact: no round-off
-       residue where the inverse has zeros. */
-    const double a = m[0], b = m[1], c = m[2], d = m[4], e = m[5], f = m[6], g = m[8], h = m[9], i = m[10];
-    const double A = e * i - f * h, B = -(d * i - f * g), C = d * h - e * g;
-    const double det = a * A + b * B + c * C;
-    if (std::fabs(det) < 1e-300)
-        return false;
-    const double inv[9] = {A / det, -(b * i - c * h) / det, (b * f - c * e) / det,
-                           B / det, (a * i - c * g) / det,  -(a * f - c * d) / det,
-                           C / det, -(a * h - b * g) / det, (a * e - b * d) / det};
-    const double t[3] = {m[12], m[13], m[14]};
-    for (int r = 0; r < 3; ++r) {
-        for (int k = 0; k < 3; ++k)
-            out[r * 4 + k] = static_cast<miScalar>(inv[r * 3 + k]);
-        out[r * 4 + 3] = 0.0f;
-    }
-    for (int k = 0; k < 3; ++k)
-        out[12 + k] = static_cast<miScalar>(-(t[0] * inv[k] + t[1] * inv[3 + k] + t[2] * inv[6 + k]));
-    out[15] = 1.0f;
-    return true;
-}
-
-bool invert(const miScalar *m, miScalar *out)
-{
-    if (m[3] == 0.0f && m[7] == 0.0f && m[11] == 0.0f && m[15] == 1.0f)
-        return invert_affine(m, out);
-    double a[4][8];
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) {
-            a[r][c] = m[r * 4 + c];
-            a[r][c + 4] = (r == c) ? 1.0 : 0.0;
-        }
-    for (int col = 0; col < 4; ++col) {
-        int piv = col;
-        for (int r = col + 1; r < 4; ++r)
-            if (std::fabs(a[r][col]) > std::fabs(a[piv][col]))
-                piv = r;
-        if (std::fabs(a[piv][col]) < 1e-300)
-            return false;
-        if (piv != col)
-            for (int c = 0; c < 8; ++c)
-                std::swap(a[piv][c], a[col][c]);
-        double inv = 1.0 / a[col][col];
-        for (int c = 0; c < 8; ++c)
-            a[col][c] *= inv;
-        for (int r = 0; r < 4; ++r) {
-            if (r == col)
-                continue;
-            double f = a[r][col];
-            if (f != 0.0)
-                for (int c = 0; c < 8; ++c)
-                    a[r][c] -= f * a[col][c];
-        }
-    }
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c)
-            out[r * 4 + c] = static_cast<miScalar>(a[r][c + 4]);
-    return true;
-}
 
 void set_point_for_camera(miInstance *inst, const miMatrix l2g)
 {
     std::memcpy(inst->local_to_global, l2g, sizeof(miMatrix));
-    if (!invert(l2g, inst->global_to_local)) {
+    if (!invert_matrix(l2g, inst->global_to_local)) {
         error("camera transform is singular; the inverse is left as identity");
         for (int i = 0; i < 16; ++i)
             inst->global_to_local[i] = (i % 5 == 0) ? 1.0f : 0.0f;
@@ -593,6 +529,72 @@ void *phen_eval(miState *state, void *param, const char *who)
 }
 
 } // namespace
+
+/* 4x4 inverse: exact adjugate for affine matrices, otherwise Gauss-Jordan
+   with partial pivoting in double precision; false for a singular matrix. */
+/* Inverse of an affine matrix (last column 0, 0, 0, 1). */
+static bool invert_affine(const miScalar *m, miScalar *out)
+{
+    /* Rows 0-2 hold the linear part, row 3 the translation (row vectors).
+       The adjugate keeps rotations and axis scalings exact: no round-off
+       residue where the inverse has zeros. */
+    const double a = m[0], b = m[1], c = m[2], d = m[4], e = m[5], f = m[6], g = m[8], h = m[9], i = m[10];
+    const double A = e * i - f * h, B = -(d * i - f * g), C = d * h - e * g;
+    const double det = a * A + b * B + c * C;
+    if (std::fabs(det) < 1e-300)
+        return false;
+    const double inv[9] = {A / det, -(b * i - c * h) / det, (b * f - c * e) / det,
+                           B / det, (a * i - c * g) / det,  -(a * f - c * d) / det,
+                           C / det, -(a * h - b * g) / det, (a * e - b * d) / det};
+    const double t[3] = {m[12], m[13], m[14]};
+    for (int r = 0; r < 3; ++r) {
+        for (int k = 0; k < 3; ++k)
+            out[r * 4 + k] = static_cast<miScalar>(inv[r * 3 + k]);
+        out[r * 4 + 3] = 0.0f;
+    }
+    for (int k = 0; k < 3; ++k)
+        out[12 + k] = static_cast<miScalar>(-(t[0] * inv[k] + t[1] * inv[3 + k] + t[2] * inv[6 + k]));
+    out[15] = 1.0f;
+    return true;
+}
+
+bool invert_matrix(const miScalar *m, miScalar *out)
+{
+    if (m[3] == 0.0f && m[7] == 0.0f && m[11] == 0.0f && m[15] == 1.0f)
+        return invert_affine(m, out);
+    double a[4][8];
+    for (int r = 0; r < 4; ++r)
+        for (int c = 0; c < 4; ++c) {
+            a[r][c] = m[r * 4 + c];
+            a[r][c + 4] = (r == c) ? 1.0 : 0.0;
+        }
+    for (int col = 0; col < 4; ++col) {
+        int piv = col;
+        for (int r = col + 1; r < 4; ++r)
+            if (std::fabs(a[r][col]) > std::fabs(a[piv][col]))
+                piv = r;
+        if (std::fabs(a[piv][col]) < 1e-300)
+            return false;
+        if (piv != col)
+            for (int c = 0; c < 8; ++c)
+                std::swap(a[piv][c], a[col][c]);
+        double inv = 1.0 / a[col][col];
+        for (int c = 0; c < 8; ++c)
+            a[col][c] *= inv;
+        for (int r = 0; r < 4; ++r) {
+            if (r == col)
+                continue;
+            double f = a[r][col];
+            if (f != 0.0)
+                for (int c = 0; c < 8; ++c)
+                    a[r][c] -= f * a[col][c];
+        }
+    }
+    for (int r = 0; r < 4; ++r)
+        for (int c = 0; c < 4; ++c)
+            out[r * 4 + c] = static_cast<miScalar>(a[r][c + 4]);
+    return true;
+}
 
 /* ================================================================ internal API */
 

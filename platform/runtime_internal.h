@@ -128,6 +128,9 @@ struct Context::Impl {
    frame's own storage, spare pointing at a spare frame. */
 MI_API miState *child_state(miState *parent);
 
+/* out = inverse of the 4x4 matrix m; false (out untouched) when singular. */
+MI_API bool invert_matrix(const miScalar *m, miScalar *out);
+
 /* Call a shader (state shaders get `arg` as their operation record) with
    state->shader switched to it for the call.  miFALSE for an unknown tag. */
 MI_API miBoolean call_function(miTag fn, void *result, miState *state, void *arg = nullptr);

@@ -19,7 +19,6 @@
 namespace mirt {
 
 /* geometry.cpp */
-bool geom_invert(const miScalar *m, miScalar *out);
 bool geom_instance_bounds(miTag instance, miVector &lo, miVector &hi);
 bool geom_instance_has_triangles(miTag instance);
 
@@ -344,7 +343,7 @@ miTag make_light(Context::Impl &m, const miLight &light, const miMatrix l2g, miT
     inst->item = ltag;
     inst->param = param;
     std::memcpy(inst->local_to_global, l2g, sizeof(miMatrix));
-    if (!geom_invert(l2g, inst->global_to_local)) {
+    if (!invert_matrix(l2g, inst->global_to_local)) {
         error("light transform is singular; its inverse is left as identity");
         for (int i = 0; i < 16; ++i)
             inst->global_to_local[i] = (i % 5 == 0) ? 1.0f : 0.0f;

@@ -18,27 +18,7 @@
 #include <thread>
 #include <vector>
 
-/* Every C++ heap allocation of the process is counted (the non-aligned
-   operator new family; out of line so that no inlined malloc meets a free). */
-namespace {
-std::atomic<uint64_t> g_newCount{0};
-__attribute__((noinline)) void *counted(std::size_t n) noexcept
-{
-    g_newCount.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(n ? n : 1);
-}
-} // namespace
-#define NOINL __attribute__((noinline))
-NOINL void *operator new(std::size_t n) { if (void *p = counted(n)) return p; throw std::bad_alloc(); }
-NOINL void *operator new[](std::size_t n) { if (void *p = counted(n)) return p; throw std::bad_alloc(); }
-NOINL void *operator new(std::size_t n, const std::nothrow_t &) noexcept { return counted(n); }
-NOINL void *operator new[](std::size_t n, const std::nothrow_t &) noexcept { return counted(n); }
-NOINL void operator delete(void *p) noexcept { std::free(p); }
-NOINL void operator delete[](void *p) noexcept { std::free(p); }
-NOINL void operator delete(void *p, std::size_t) noexcept { std::free(p); }
-NOINL void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
-NOINL void operator delete(void *p, const std::nothrow_t &) noexcept { std::free(p); }
-NOINL void operator delete[](void *p, const std::nothrow_t &) noexcept { std::free(p); }
+#include "count_new.h"
 
 namespace {
 
@@ -510,7 +490,7 @@ miBoolean material(void *result, miState *st, void *)
     int count = 0;
     miTag *lights = nullptr;
     mi_instance_lightlist(&count, &lights, st);
-    const uint64_t before = g_newCount.load() + mirt::mem_allocation_count();
+    const uint64_t before = heapAllocationCount() + mirt::mem_allocation_count();
     for (int k = 0; k < count; ++k) {
         sampleLightBegin(n, e);
         int samples = 0;
@@ -530,7 +510,7 @@ miBoolean material(void *result, miState *st, void *)
         const float one = 1;
         sampleLightEnd(st, n, e, samples, &mode, &no, &one);
     }
-    t_seen.allocations += g_newCount.load() + mirt::mem_allocation_count() - before;
+    t_seen.allocations += heapAllocationCount() + mirt::mem_allocation_count() - before;
     t_seen.result.clear();
     for (miUint i = 0; i < n; ++i) {
         e[i].slots[0].result = e[i].slots[0].accum;

@@ -4,6 +4,7 @@
 #include "DruxShaderSDK.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "sss_params.h"
 
 #include <gtest/gtest.h>
 
@@ -24,22 +25,6 @@
 namespace {
 
 const char *const kTag = "SDK/druxScatter";
-
-// The host material's parameters, in compute_scatter's order.
-struct SssParams {
-    miColor scale;
-    float radius;
-    int samples;
-    int falloff;
-    int maxDepth;
-    int cacheSize;
-    float diffuse;
-    miColor color;
-    float translucence, focus, wrap;
-    miVector normalOverride;
-    miColor irradiance;
-    miColor irradianceTint;
-};
 
 struct LightParams {
     miColor color;
@@ -90,9 +75,7 @@ miBoolean probeColour(void *result, miState *state, void *)
 miBoolean sssMaterial(void *result, miState *state, void *params)
 {
     SssParams *p = static_cast<SssParams *>(params);
-    compute_scatter(static_cast<miColor *>(result), &p->scale, &p->radius, &p->samples, &p->falloff, &p->maxDepth,
-                    &p->cacheSize, &p->diffuse, &p->color, &p->translucence, &p->focus, &p->wrap,
-                    &p->normalOverride, &p->irradiance, &p->irradianceTint, state, gHead);
+    scatterWith(static_cast<miColor *>(result), p, state, gHead);
     return miTRUE;
 }
 
@@ -254,9 +237,7 @@ TEST_F(Scatter, EarlyStopsReturnBlackAndBuildNothing)
     auto black = [&](const char *why, ScatterCache **list) {
         miColor r{-1, -1, -1, -1};
         st->instance = plane, st->point = {0, 0, 0};
-        compute_scatter(&r, &p->scale, &p->radius, &p->samples, &p->falloff, &p->maxDepth, &p->cacheSize,
-                        &p->diffuse, &p->color, &p->translucence, &p->focus, &p->wrap, &p->normalOverride,
-                        &p->irradiance, &p->irradianceTint, st, list);
+        scatterWith(&r, p, st, list);
         EXPECT_TRUE(r.r == 0 && r.g == 0 && r.b == 0 && r.a == 0) << why;
         EXPECT_EQ(head, nullptr) << why;
     };
