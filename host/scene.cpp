@@ -1,5 +1,6 @@
 #include "scene.h"
 
+#include <cctype>
 #include <cmath>
 #include <set>
 
@@ -249,6 +250,8 @@ void validate(const SceneDesc &s)
         for (char c : p.name)
             if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-'))
                 fail("pass name \"" + p.name + "\": use letters, digits, '_' and '-' only");
+        if (p.name == "main")
+            fail("pass name \"main\" is taken by the main image's preview");
     }
 }
 

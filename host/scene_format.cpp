@@ -553,7 +553,9 @@ std::string writeScene(const SceneDesc &s)
         o << "\n# textures: a noise pattern mapped through a colour ramp\n";
     for (const TextureDesc &t : s.textures) {
         o << "texture " << t.name << " pattern " << patterns[static_cast<int>(t.pattern)] << " scale "
-          << num(t.scale) << " octaves " << t.octaves << " offset " << vec(t.offset);
+          << num(t.scale) << " octaves " << t.octaves;
+        if (t.offset.x != 0.0f || t.offset.y != 0.0f || t.offset.z != 0.0f)
+            o << " offset " << vec(t.offset);
         for (const RampColorEntry &k : t.ramp)
             o << " ramp " << num(k.position) << " " << col4(k.color) << " "
               << (k.interpolation >= 0 && k.interpolation <= 3 ? kinds[k.interpolation] : "none");
@@ -561,27 +563,65 @@ std::string writeScene(const SceneDesc &s)
     }
     if (!s.materials.empty())
         o << "\n# materials\n";
+    const MaterialDesc dm;
     for (const MaterialDesc &m : s.materials) {
-        o << "material " << m.name << " diffuse " << col3(m.diffuse);
+        /* only what differs from a fresh material */
+        o << "material " << m.name;
+        auto f = [&](const char *key, float v, float def) {
+            if (v != def)
+                o << " " << key << " " << num(v);
+        };
+        auto i = [&](const char *key, int v, int def) {
+            if (v != def)
+                o << " " << key << " " << v;
+        };
+        auto c = [&](const char *key, const miColor &v, const miColor &def) {
+            if (v.r != def.r || v.g != def.g || v.b != def.b)
+                o << " " << key << " " << col3(v);
+        };
+        auto b = [&](const char *key, bool v, bool def) {
+            if (v != def)
+                o << " " << key << " " << onoff(v);
+        };
+        c("diffuse", m.diffuse, dm.diffuse);
         if (!m.texture.empty())
             o << " texture " << m.texture;
-        o << " kd " << num(m.kd) << " specular " << col3(m.specular) << " model "
-          << (m.model == SpecularModel::Blinn ? "blinn" : "phong") << " exponent " << num(m.exponent)
-          << " eccentricity " << num(m.eccentricity) << " rolloff " << num(m.rolloff) << " secondary "
-          << num(m.secondary);
-        o << " translucence " << num(m.translucence) << " focus " << num(m.focus) << " wrap " << num(m.wrap);
-        o << " reflectivity " << num(m.reflectivity) << " reflect_color " << col3(m.reflectColor)
-          << " reflect_blur " << num(m.reflectBlur) << " reflect_rays " << m.reflectRays << " reflection_limit "
-          << m.reflectionLimit;
-        o << " transparency " << col3(m.transparency) << " ior " << num(m.ior) << " refract_blur "
-          << num(m.refractBlur) << " refract_rays " << m.refractRays << " refraction_limit " << m.refractionLimit
-          << " thickness " << num(m.thickness) << " fade_distance " << num(m.fadeDistance) << " absorbance "
-          << num(m.absorbance) << " chromatic " << onoff(m.chromatic);
-        o << " indirect " << onoff(m.indirect) << " irradiance_tint " << col3(m.irradianceTint);
-        o << " scatter_radius " << num(m.scatterRadius) << " scatter_scale " << col3(m.scatterScale)
-          << " scatter_samples " << m.scatterSamples << " scatter_falloff " << m.scatterFalloff
-          << " scatter_diffuse " << num(m.scatterDiffuse) << " scatter_cache " << m.scatterCache;
-        o << " bump " << num(m.bump) << " bump_scale " << num(m.bumpScale) << "\n";
+        f("kd", m.kd, dm.kd);
+        c("specular", m.specular, dm.specular);
+        if (m.model != dm.model)
+            o << " model " << (m.model == SpecularModel::Blinn ? "blinn" : "phong");
+        f("exponent", m.exponent, dm.exponent);
+        f("eccentricity", m.eccentricity, dm.eccentricity);
+        f("rolloff", m.rolloff, dm.rolloff);
+        f("secondary", m.secondary, dm.secondary);
+        f("translucence", m.translucence, dm.translucence);
+        f("focus", m.focus, dm.focus);
+        f("wrap", m.wrap, dm.wrap);
+        f("reflectivity", m.reflectivity, dm.reflectivity);
+        c("reflect_color", m.reflectColor, dm.reflectColor);
+        f("reflect_blur", m.reflectBlur, dm.reflectBlur);
+        i("reflect_rays", m.reflectRays, dm.reflectRays);
+        i("reflection_limit", m.reflectionLimit, dm.reflectionLimit);
+        c("transparency", m.transparency, dm.transparency);
+        f("ior", m.ior, dm.ior);
+        f("refract_blur", m.refractBlur, dm.refractBlur);
+        i("refract_rays", m.refractRays, dm.refractRays);
+        i("refraction_limit", m.refractionLimit, dm.refractionLimit);
+        f("thickness", m.thickness, dm.thickness);
+        f("fade_distance", m.fadeDistance, dm.fadeDistance);
+        f("absorbance", m.absorbance, dm.absorbance);
+        b("chromatic", m.chromatic, dm.chromatic);
+        b("indirect", m.indirect, dm.indirect);
+        c("irradiance_tint", m.irradianceTint, dm.irradianceTint);
+        f("scatter_radius", m.scatterRadius, dm.scatterRadius);
+        c("scatter_scale", m.scatterScale, dm.scatterScale);
+        i("scatter_samples", m.scatterSamples, dm.scatterSamples);
+        i("scatter_falloff", m.scatterFalloff, dm.scatterFalloff);
+        f("scatter_diffuse", m.scatterDiffuse, dm.scatterDiffuse);
+        i("scatter_cache", m.scatterCache, dm.scatterCache);
+        f("bump", m.bump, dm.bump);
+        f("bump_scale", m.bumpScale, dm.bumpScale);
+        o << "\n";
     }
     if (!s.meshes.empty())
         o << "\n# meshes\n";
@@ -637,6 +677,7 @@ std::string writeScene(const SceneDesc &s)
     if (!s.lights.empty())
         o << "\n# lights\n";
     static const char *lkinds[] = {"point", "rect", "plain"};
+    const LightDesc dl;
     for (const LightDesc &l : s.lights) {
         o << "light " << l.name << " " << lkinds[static_cast<int>(l.kind)];
         if (l.kind == LightKind::Rect)
@@ -644,11 +685,20 @@ std::string writeScene(const SceneDesc &s)
               << l.samples << " shadow_samples " << l.shadowSamples;
         else
             o << " position " << vec(l.position);
-        o << " color " << col3(l.color) << " intensity " << num(l.intensity) << " falloff "
-          << (l.quadratic ? "quadratic" : "none") << " shadow " << onoff(l.shadow);
-        if (l.kind != LightKind::Plain)
-            o << " shadow_mode " << (l.sharedShadow ? "shared" : "perpass") << " shadow_color "
-              << col3(l.shadowColor);
+        if (l.color.r != dl.color.r || l.color.g != dl.color.g || l.color.b != dl.color.b)
+            o << " color " << col3(l.color);
+        o << " intensity " << num(l.intensity);
+        if (l.quadratic != dl.quadratic)
+            o << " falloff " << (l.quadratic ? "quadratic" : "none");
+        if (l.shadow != dl.shadow)
+            o << " shadow " << onoff(l.shadow);
+        if (l.kind != LightKind::Plain) {
+            if (l.sharedShadow != dl.sharedShadow)
+                o << " shadow_mode " << (l.sharedShadow ? "shared" : "perpass");
+            if (l.shadowColor.r != dl.shadowColor.r || l.shadowColor.g != dl.shadowColor.g ||
+                l.shadowColor.b != dl.shadowColor.b)
+                o << " shadow_color " << col3(l.shadowColor);
+        }
         if (!l.group.empty())
             o << " group " << l.group;
         o << "\n";

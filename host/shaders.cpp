@@ -311,14 +311,15 @@ miBoolean hostMaterial(void *result, miState *state, void *pv)
     }
 
     /* ---- subsurface scattering, for surfaces seen from the camera.  The
-       cache's points are lit once, by whichever pixel touches them first; a
-       fixed sampling offset makes them independent of that pixel (and of the
-       thread count) */
+       cache's points are placed and lit once, by whichever pixel touches them
+       first; a fixed sampling offset makes them independent of that pixel,
+       of the thread count and of the render (database tags differ between
+       renders, so the offset must not depend on them) */
     miColor scatter = BLACK;
     if (!gatherRay && p->scatterList && state->type == miRAY_EYE && d == 0 &&
         param(state, &p->scatterRadius) > 0.0f) {
         const miUint qmc = state->qmc_offset;
-        state->qmc_offset = 0x9E3779B9u ^ state->instance;
+        state->qmc_offset = 0x9E3779B9u;
         compute_scatter(&scatter, &p->scatterScale, &p->scatterRadius, &p->scatterSamples, &p->scatterFalloff,
                         &p->scatterMaxDepth, &p->scatterCache, &p->scatterDiffuse, &p->diffuse, &p->translucence,
                         &p->focus, &p->wrap, &p->normalOverride, &p->irradiance, &p->irradianceTint, state,

@@ -1,0 +1,842 @@
+/*
+ * The reference host renderer: whole renders through the runtime, checked
+ * against the invariants of its pass design and against hand calculation;
+ * its BVH against the runtime's brute-force tracer; its exporter's block as
+ * the library reads it; the scene format; the output files.
+ */
+#include "bvh.h"
+#include "exporter.h"
+#include "image_io.h"
+#include "meshes.h"
+#include "render.h"
+#include "scene.h"
+
+#include "DruxShaderSDK.h"
+#include "geometry.h"
+#include "runtime.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace druxhost;
+
+namespace {
+
+constexpr float kTol = 1e-4f;
+
+class HostRender : public ::testing::Test {
+protected:
+    void SetUp() override { mirt::clear_messages(); }
+};
+
+float maxDiff(const miColor &a, const miColor &b)
+{
+    return std::max({std::fabs(a.r - b.r), std::fabs(a.g - b.g), std::fabs(a.b - b.b)});
+}
+
+float maxRGB(const Image &img)
+{
+    float m = 0;
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x) {
+            const miColor c = img.at(x, y);
+            m = std::max({m, c.r, c.g, c.b});
+        }
+    return m;
+}
+
+PassDesc pass(const char *name, PassRole role, const char *group = "")
+{
+    PassDesc p;
+    p.name = name;
+    p.role = role;
+    p.group = group;
+    return p;
+}
+
+/* A small scene with every kind of shader and pass: a textured, bumped,
+   slightly reflective floor; a mirror ball; a glass box (refraction and a
+   transparent shadow); a wax ball (scattering, translucence); a rectangular
+   light with several shadow rays, a point light and a light that knows
+   nothing of passes, each in its own light group. */
+SceneDesc testScene()
+{
+    SceneDesc s;
+    s.width = 40;
+    s.height = 30;
+    s.samples = 2;
+    s.camera.position = {0, -6, 2.5f};
+    s.camera.target = {0, 0, 0.6f};
+    s.camera.fov = 50;
+    s.options.finalgather = true;
+    s.options.fgRays = 4;
+    s.options.traceDepth = 4;
+
+    TextureDesc t;
+    t.name = "tex";
+    t.pattern = TexturePattern::Marble;
+    t.scale = 1.0f;
+    t.octaves = 2;
+    t.ramp = {{0.0f, {0.8f, 0.7f, 0.6f, 1}, RAMP_LINEAR}, {1.0f, {0.3f, 0.35f, 0.4f, 1}, RAMP_SMOOTH}};
+    s.textures.push_back(t);
+
+    MaterialDesc floor;
+    floor.name = "floor";
+    floor.texture = "tex";
+    floor.kd = 0.8f;
+    floor.specular = {0.2f, 0.2f, 0.2f, 1};
+    floor.reflectivity = 0.2f;
+    floor.bump = 0.05f;
+    s.materials.push_back(floor);
+    MaterialDesc mirror;
+    mirror.name = "mirror";
+    mirror.diffuse = {0.2f, 0.2f, 0.2f, 1};
+    mirror.kd = 0.3f;
+    mirror.specular = {0.8f, 0.8f, 0.8f, 1};
+    mirror.model = SpecularModel::Blinn;
+    mirror.reflectivity = 0.7f;
+    mirror.reflectBlur = 0.1f;
+    mirror.reflectRays = 2;
+    s.materials.push_back(mirror);
+    MaterialDesc glass;
+    glass.name = "glass";
+    glass.diffuse = {0.1f, 0.1f, 0.1f, 1};
+    glass.kd = 0.2f;
+    glass.specular = {1, 1, 1, 1};
+    glass.exponent = 80;
+    glass.reflectivity = 0.1f;
+    glass.transparency = {0.8f, 0.85f, 0.9f, 1};
+    glass.ior = 1.4f;
+    glass.indirect = false;
+    s.materials.push_back(glass);
+    MaterialDesc wax;
+    wax.name = "wax";
+    wax.diffuse = {0.9f, 0.6f, 0.4f, 1};
+    wax.kd = 0.4f;
+    wax.translucence = 0.3f;
+    wax.scatterRadius = 0.4f;
+    wax.scatterScale = {0.5f, 0.4f, 0.3f, 1};
+    wax.scatterSamples = 3;
+    s.materials.push_back(wax);
+
+    MeshDesc plane;
+    plane.name = "plane";
+    plane.kind = MeshKind::Plane;
+    plane.a = plane.b = 12;
+    s.meshes.push_back(plane);
+    MeshDesc ball;
+    ball.name = "ball";
+    ball.kind = MeshKind::Sphere;
+    ball.a = 0.7f;
+    ball.n = 16;
+    ball.m = 8;
+    s.meshes.push_back(ball);
+    MeshDesc box;
+    box.name = "box";
+    box.kind = MeshKind::Box;
+    box.a = box.b = box.c = 0.9f;
+    s.meshes.push_back(box);
+
+    auto inst = [&](const char *name, const char *mesh, const char *mat, miVector at) {
+        InstanceDesc i;
+        i.name = name;
+        i.mesh = mesh;
+        i.material = mat;
+        i.steps.push_back({TransformStep::Translate, at});
+        s.instances.push_back(i);
+    };
+    inst("floor", "plane", "floor", {0, 0, 0});
+    inst("mirrorball", "ball", "mirror", {-1.4f, 0.6f, 0.7f});
+    inst("glassbox", "box", "glass", {0.1f, -0.8f, 0.5f});
+    inst("waxball", "ball", "wax", {1.5f, 0.3f, 0.7f});
+
+    LightDesc key;
+    key.name = "key";
+    key.kind = LightKind::Rect;
+    key.position = {-2, -3, 4};
+    key.u = {0.6f, -0.4f, 0};
+    key.v = {-0.2f, -0.3f, -0.4f};
+    key.intensity = 25;
+    key.samples = 2;
+    key.shadowSamples = 2;
+    key.group = "key";
+    s.lights.push_back(key);
+    LightDesc fill;
+    fill.name = "fill";
+    fill.position = {3, -2, 3};
+    fill.color = {0.6f, 0.7f, 1, 1};
+    fill.intensity = 8;
+    fill.group = "fill";
+    s.lights.push_back(fill);
+    LightDesc rim;
+    rim.name = "rim";
+    rim.kind = LightKind::Plain;
+    rim.position = {0.5f, 4, 3};
+    rim.intensity = 6;
+    rim.group = "rim";
+    s.lights.push_back(rim);
+
+    s.passes = {pass("beauty", PassRole::Beauty),         pass("diffuse", PassRole::Diffuse),
+                pass("specular", PassRole::Specular),     pass("reflection", PassRole::Reflection),
+                pass("refraction", PassRole::Refraction), pass("indirect", PassRole::Indirect),
+                pass("scatter", PassRole::Scatter),       pass("background", PassRole::Background),
+                pass("shadow", PassRole::Shadow),         pass("key", PassRole::LightGroup, "key"),
+                pass("fill", PassRole::LightGroup, "fill"), pass("rim", PassRole::LightGroup, "rim")};
+    PassDesc matte = pass("matte", PassRole::Constant);
+    matte.constant = {0.25f, 0.5f, 0.75f, 1};
+    s.passes.push_back(matte);
+    return s;
+}
+
+RenderResult renderWith(const SceneDesc &s, int threads, int tile = 8)
+{
+    RenderOptions o;
+    o.threads = threads;
+    o.tileSize = tile;
+    return render(s, o);
+}
+
+bool sameBits(const Image &a, const Image &b)
+{
+    return a.width == b.width && a.height == b.height &&
+           std::memcmp(a.rgba.data(), b.rgba.data(), a.rgba.size() * sizeof(float)) == 0;
+}
+
+/* ------------------------------------------------------------------ renders */
+
+TEST_F(HostRender, AdditivePassesSumToBeautyAndBeautyIsTheShadedColour)
+{
+    const SceneDesc s = testScene();
+    const RenderResult r = renderWith(s, 2);
+    const Image *beauty = r.pass("beauty");
+    ASSERT_NE(beauty, nullptr);
+    int checked = 0;
+    for (int y = 0; y < s.height; ++y)
+        for (int x = 0; x < s.width; ++x) {
+            miColor sum{0, 0, 0, 0};
+            for (size_t p = 0; p < r.passes.size(); ++p)
+                if (isAdditive(r.passRoles[p])) {
+                    const miColor c = r.passes[p].at(x, y);
+                    sum.r += c.r;
+                    sum.g += c.g;
+                    sum.b += c.b;
+                }
+            ASSERT_LE(maxDiff(sum, beauty->at(x, y)), kTol) << "pixel " << x << ", " << y;
+            ASSERT_LE(maxDiff(r.main.at(x, y), beauty->at(x, y)), kTol) << "pixel " << x << ", " << y;
+            ++checked;
+        }
+    EXPECT_EQ(checked, s.width * s.height);
+    /* every component really took part */
+    for (const char *name : {"beauty", "diffuse", "specular", "reflection", "refraction", "indirect", "scatter",
+                             "background", "shadow", "key", "fill", "rim"})
+        EXPECT_GT(maxRGB(*r.pass(name)), 0.01f) << name << " stayed black";
+    /* the non-material pass holds its constant colour everywhere */
+    const Image *matte = r.pass("matte");
+    for (int y = 0; y < s.height; ++y)
+        for (int x = 0; x < s.width; ++x) {
+            const miColor c = matte->at(x, y);
+            ASSERT_EQ(c.r, 0.25f);
+            ASSERT_EQ(c.g, 0.5f);
+            ASSERT_EQ(c.b, 0.75f);
+            ASSERT_EQ(c.a, 1.0f);
+        }
+    EXPECT_EQ(r.stats.errors, 0u);
+    EXPECT_EQ(r.stats.warnings, 0u);
+}
+
+TEST_F(HostRender, IdenticalWithOneAndTwoThreads)
+{
+    const SceneDesc s = testScene();
+    const RenderResult one = renderWith(s, 1, 8);
+    const RenderResult two = renderWith(s, 2, 4);
+    EXPECT_EQ(one.stats.threads, 1);
+    EXPECT_EQ(two.stats.threads, 2);
+    EXPECT_TRUE(sameBits(one.main, two.main));
+    ASSERT_EQ(one.passes.size(), two.passes.size());
+    for (size_t p = 0; p < one.passes.size(); ++p)
+        EXPECT_TRUE(sameBits(one.passes[p], two.passes[p])) << one.passNames[p];
+}
+
+/* No environment, no indirect light and no scattering: every bit of light
+   comes from a lamp, so light groups account for all of beauty. */
+SceneDesc lampsOnly()
+{
+    SceneDesc s = testScene();
+    s.environment.zenith = s.environment.horizon = s.environment.ground = miColor{0, 0, 0, 1};
+    s.options.finalgather = false;
+    for (MaterialDesc &m : s.materials)
+        m.scatterRadius = 0;
+    return s;
+}
+
+TEST_F(HostRender, MaskedLightsReachOnlyTheirGroups)
+{
+    const SceneDesc all = lampsOnly();
+    SceneDesc keyOnly = all;
+    keyOnly.lights.erase(keyOnly.lights.begin() + 1, keyOnly.lights.end());
+    ASSERT_EQ(keyOnly.lights.size(), 1u);
+    ASSERT_EQ(keyOnly.lights[0].name, "key");
+
+    const RenderResult a = renderWith(all, 2);
+    const RenderResult k = renderWith(keyOnly, 2);
+    const Image &aKey = *a.pass("key"), &aFill = *a.pass("fill"), &aRim = *a.pass("rim");
+    for (int y = 0; y < all.height; ++y)
+        for (int x = 0; x < all.width; ++x) {
+            /* the key group of the full render is what the key light alone gives */
+            ASSERT_LE(maxDiff(aKey.at(x, y), k.pass("beauty")->at(x, y)), kTol) << x << ", " << y;
+            ASSERT_LE(maxDiff(aKey.at(x, y), k.pass("key")->at(x, y)), kTol) << x << ", " << y;
+            /* the other groups see nothing of it */
+            ASSERT_EQ(maxDiff(k.pass("fill")->at(x, y), miColor{0, 0, 0, 0}), 0.0f);
+            ASSERT_EQ(maxDiff(k.pass("rim")->at(x, y), miColor{0, 0, 0, 0}), 0.0f);
+            /* and the three groups together make beauty */
+            const miColor g{aKey.at(x, y).r + aFill.at(x, y).r + aRim.at(x, y).r,
+                            aKey.at(x, y).g + aFill.at(x, y).g + aRim.at(x, y).g,
+                            aKey.at(x, y).b + aFill.at(x, y).b + aRim.at(x, y).b, 0};
+            ASSERT_LE(maxDiff(g, a.pass("beauty")->at(x, y)), 3 * kTol) << x << ", " << y;
+        }
+    EXPECT_GT(maxRGB(aFill), 0.01f);
+    EXPECT_GT(maxRGB(aRim), 0.01f);
+}
+
+TEST_F(HostRender, ShadowPassIsTheLightTakenAway)
+{
+    /* indirect light and scattering light their points with shadows of their
+       own, so they stay out of this comparison */
+    SceneDesc shadowed = testScene();
+    shadowed.options.finalgather = false;
+    for (MaterialDesc &m : shadowed.materials)
+        m.scatterRadius = 0;
+    SceneDesc open = shadowed;
+    /* only the lights that take part in the pass protocol lose their
+       shadows; the plain light keeps its own in both renders */
+    for (LightDesc &l : open.lights)
+        if (l.kind != LightKind::Plain)
+            l.shadow = false;
+
+    const RenderResult a = renderWith(shadowed, 2);
+    const RenderResult b = renderWith(open, 2);
+    float taken = 0;
+    for (int y = 0; y < shadowed.height; ++y)
+        for (int x = 0; x < shadowed.width; ++x) {
+            const miColor lit = b.pass("beauty")->at(x, y), dark = a.pass("beauty")->at(x, y);
+            const miColor lost{lit.r - dark.r, lit.g - dark.g, lit.b - dark.b, 0};
+            ASSERT_LE(maxDiff(lost, a.pass("shadow")->at(x, y)), kTol) << x << ", " << y;
+            ASSERT_EQ(maxDiff(b.pass("shadow")->at(x, y), miColor{0, 0, 0, 0}), 0.0f);
+            taken = std::max(taken, lost.r);
+        }
+    EXPECT_GT(taken, 0.05f) << "the scene casts no shadow worth the name";
+}
+
+/* A 3 x 3 image looking straight down at the origin of a plane; the centre
+   pixel's ray hits (0, 0, 0).  A point light at (2, 0, 2): cos = 1/sqrt(2),
+   distance^2 = 8, colour 16/8 = 2.  Phong with exponent 2 and the mirror
+   direction (0, 0, 1): highlight cos^2 = 0.5. */
+SceneDesc handScene(float occluderTransparency, bool withOccluder)
+{
+    SceneDesc s;
+    s.width = s.height = 3;
+    s.samples = 1;
+    s.camera.position = {0, 0, 4};
+    s.camera.target = {0, 0, 0};
+    s.camera.up = {0, 1, 0};
+    s.camera.fov = 10;
+    s.environment.zenith = s.environment.horizon = s.environment.ground = miColor{0, 0, 0, 1};
+    s.options.finalgather = false;
+    MaterialDesc m;
+    m.name = "m";
+    m.diffuse = {0.5f, 0.25f, 0.75f, 1};
+    m.kd = 0.8f;
+    m.specular = {0.2f, 0.2f, 0.2f, 1};
+    m.exponent = 2;
+    s.materials.push_back(m);
+    MaterialDesc veil;
+    veil.name = "veil";
+    veil.transparency = {occluderTransparency, occluderTransparency, occluderTransparency, 1};
+    s.materials.push_back(veil);
+    MeshDesc plane;
+    plane.name = "plane";
+    plane.a = plane.b = 4;
+    s.meshes.push_back(plane);
+    MeshDesc small;
+    small.name = "small";
+    small.a = small.b = 0.4f;
+    s.meshes.push_back(small);
+    InstanceDesc ground;
+    ground.name = "ground";
+    ground.mesh = "plane";
+    ground.material = "m";
+    s.instances.push_back(ground);
+    if (withOccluder) {
+        InstanceDesc o;
+        o.name = "occluder";
+        o.mesh = "small";
+        o.material = "veil";
+        o.steps.push_back({TransformStep::Translate, {1, 0, 1}});
+        s.instances.push_back(o);
+    }
+    LightDesc l;
+    l.name = "lamp";
+    l.position = {2, 0, 2};
+    l.intensity = 16;
+    l.group = "lamp";
+    s.lights.push_back(l);
+    s.passes = {pass("beauty", PassRole::Beauty),    pass("diffuse", PassRole::Diffuse),
+                pass("specular", PassRole::Specular), pass("shadow", PassRole::Shadow),
+                pass("lamp", PassRole::LightGroup, "lamp"), pass("other", PassRole::LightGroup, "other")};
+    return s;
+}
+
+void expectRGB(const miColor &c, float r, float g, float b, const char *what)
+{
+    EXPECT_NEAR(c.r, r, 1e-5f) << what;
+    EXPECT_NEAR(c.g, g, 1e-5f) << what;
+    EXPECT_NEAR(c.b, b, 1e-5f) << what;
+}
+
+TEST_F(HostRender, CentrePixelMatchesHandCalculation)
+{
+    const float c = 0.70710678f;
+    const float dr = 0.8f * 0.5f * c * 2, dg = 0.8f * 0.25f * c * 2, db = 0.8f * 0.75f * c * 2;
+    const float sp = 0.2f * 0.5f * 2;
+    {
+        const RenderResult r = renderWith(handScene(0, false), 1);
+        expectRGB(r.pass("diffuse")->at(1, 1), dr, dg, db, "diffuse, unshadowed");
+        expectRGB(r.pass("specular")->at(1, 1), sp, sp, sp, "specular, unshadowed");
+        expectRGB(r.pass("beauty")->at(1, 1), dr + sp, dg + sp, db + sp, "beauty, unshadowed");
+        expectRGB(r.pass("lamp")->at(1, 1), dr + sp, dg + sp, db + sp, "the lamp's group");
+        expectRGB(r.pass("other")->at(1, 1), 0, 0, 0, "another group");
+        expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, "shadow, nothing in the way");
+        EXPECT_EQ(r.pass("beauty")->at(1, 1).a, 1.0f);
+    }
+    {
+        /* an opaque card on the way to the lamp: all of it is taken away */
+        const RenderResult r = renderWith(handScene(0, true), 1);
+        expectRGB(r.pass("diffuse")->at(1, 1), 0, 0, 0, "diffuse, opaque occluder");
+        expectRGB(r.pass("beauty")->at(1, 1), 0, 0, 0, "beauty, opaque occluder");
+        expectRGB(r.pass("shadow")->at(1, 1), dr + sp, dg + sp, db + sp, "shadow, opaque occluder");
+    }
+    {
+        /* a card letting a quarter through */
+        const RenderResult r = renderWith(handScene(0.25f, true), 1);
+        expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * dr, 0.25f * dg, 0.25f * db, "diffuse, veil");
+        expectRGB(r.pass("specular")->at(1, 1), 0.25f * sp, 0.25f * sp, 0.25f * sp, "specular, veil");
+        expectRGB(r.pass("shadow")->at(1, 1), 0.75f * (dr + sp), 0.75f * (dg + sp), 0.75f * (db + sp),
+                  "shadow, veil");
+    }
+}
+
+TEST_F(HostRender, OccluderMaskLimitsWhichPassesItShadows)
+{
+    /* The veil shadows only the diffuse pass: the specular pass and the
+       lamp's group see the light unshadowed. */
+    SceneDesc s = handScene(0.25f, true);
+    s.instances[1].shadowPasses = {"diffuse"};
+    const RenderResult r = renderWith(s, 1);
+    const float c = 0.70710678f;
+    expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * 0.8f * 0.5f * c * 2, 0.25f * 0.8f * 0.25f * c * 2,
+              0.25f * 0.8f * 0.75f * c * 2, "masked occluder, diffuse");
+    expectRGB(r.pass("specular")->at(1, 1), 0.2f, 0.2f, 0.2f, "masked occluder, specular");
+    /* every pass but the diffuse one sees the lamp unshadowed, the shadow
+       pass included: nothing was taken away from it */
+    expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, "masked occluder, shadow");
+}
+
+TEST_F(HostRender, NothingLeakedNothingPinned)
+{
+    const int64_t noiseBefore = mirt::mem_live_bytes("SDK/druxNoise");
+    const RenderResult r = renderWith(testScene(), 2);
+    EXPECT_EQ(r.stats.pinsAfter, 0);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+    for (const TagMemory &m : r.stats.memory) {
+        if (m.tag == "SDK/druxNoise") {
+            /* the gradient table, built once for the process: 65,535 gradients of 12 bytes */
+            EXPECT_EQ(m.after, 65535 * 12);
+            EXPECT_TRUE(noiseBefore == 0 || noiseBefore == 65535 * 12);
+        } else {
+            EXPECT_EQ(m.after, 0) << m.tag;
+        }
+        if (m.tag == "SDK/druxFrameBufferState") {
+            EXPECT_GT(m.atEnd, 0) << "the states' slot blocks were alive at the last sample";
+        }
+        if (m.tag == "SDK/druxScatter") {
+            EXPECT_GT(m.atEnd, 0) << "the wax ball built a scattering cache";
+        }
+    }
+    EXPECT_EQ(mirt::shader_interface_outstanding(), 0);
+    EXPECT_EQ(r.stats.eyeSamples, 40u * 30u * 2u);
+}
+
+TEST_F(HostRender, WithoutPassesOrLights)
+{
+    /* no frame-buffer block at all: the shaders run without entries */
+    SceneDesc s = testScene();
+    s.passes.clear();
+    const RenderResult r = renderWith(s, 2);
+    EXPECT_TRUE(r.passes.empty());
+    EXPECT_GT(maxRGB(r.main), 0.05f);
+    EXPECT_EQ(r.stats.errors, 0u);
+    EXPECT_EQ(r.stats.pinsAfter, 0);
+
+    /* no lights: the surfaces get only what the sky gives */
+    SceneDesc dark = lampsOnly();
+    dark.lights.clear();
+    const RenderResult d = renderWith(dark, 2);
+    EXPECT_EQ(maxRGB(*d.pass("beauty")), 0.0f);
+    EXPECT_EQ(maxRGB(d.main), 0.0f);
+}
+
+TEST_F(HostRender, InvalidScenesAreRefused)
+{
+    SceneDesc s = testScene();
+    s.instances[0].material = "nosuch";
+    EXPECT_THROW(render(s), SceneError);
+    s = testScene();
+    s.samples = 0;
+    EXPECT_THROW(render(s), SceneError);
+    s = testScene();
+    s.passes.push_back(pass("beauty", PassRole::Diffuse));
+    EXPECT_THROW(render(s), SceneError);
+    s = testScene();
+    s.camera.target = s.camera.position;
+    EXPECT_THROW(render(s), SceneError);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+}
+
+/* ------------------------------------------------------------------ BVH */
+
+TEST(HostBvh, FindsWhatBruteForceFinds)
+{
+    mirt::reset();
+    std::vector<mirt::GeometryTags> made;
+    BvhScene bvh;
+    mirt::MeshScene brute;
+    auto add = [&](const mirt::Mesh &mesh, const Matrix &m, int objectType = 0) {
+        mirt::InstanceDesc d;
+        std::copy(m.begin(), m.end(), d.local_to_global);
+        d.object_type = objectType;
+        const mirt::GeometryTags g = mirt::build_instance(mesh, d);
+        made.push_back(g);
+        bvh.add(g);
+        brute.add(g);
+    };
+    mirt::Mesh plane = mirt::make_plane(6, 6, 3, 3);
+    plane.triangles_per_box = 5; /* several boxes */
+    add(plane, identity());
+    add(mirt::make_sphere(0.8f, 20, 10), multiply(scaling({1, 1.5f, 1}), translation({-1, 0.5f, 1})));
+    add(makeTorus(0.7f, 0.25f, 24, 12), multiply(rotation(0, 60), translation({1.2f, 0, 1})), 2);
+    add(makeBox(0.6f, 0.6f, 0.6f), multiply(rotation(2, 30), translation({0, -1.5f, 0.3f})));
+    bvh.build();
+    EXPECT_EQ(bvh.triangleCount(), 18u + 20u * 10u * 2u - 2u * 20u + 24u * 12u * 2u + 12u);
+    EXPECT_GT(bvh.nodeCount(), 1u);
+
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> u(-1, 1);
+    int hits = 0;
+    for (int i = 0; i < 3000; ++i) {
+        const miVector org{3 * u(rng), 3 * u(rng), 1.5f + 1.5f * u(rng)};
+        const miVector dir = normalized({u(rng), u(rng), u(rng)});
+        if (length(dir) == 0)
+            continue;
+        mirt::Hit a, b;
+        const bool ha = bvh.intersect(org, dir, 1e-4, 1e30, a);
+        const bool hb = brute.intersect(org, dir, 1e-4, 1e30, b);
+        ASSERT_EQ(ha, hb) << "ray " << i;
+        if (!ha)
+            continue;
+        ++hits;
+        ASSERT_EQ(a.instance, b.instance) << "ray " << i;
+        ASSERT_EQ(a.pri, b.pri) << "ray " << i;
+        ASSERT_EQ(a.pri_idx, b.pri_idx) << "ray " << i;
+        ASSERT_NEAR(a.dist, b.dist, 1e-9 * std::max(1.0, b.dist)) << "ray " << i;
+        for (int k = 0; k < 3; ++k)
+            ASSERT_NEAR(a.bary[k], b.bary[k], 1e-6f);
+        ASSERT_LE(maxDiff({a.normal.x, a.normal.y, a.normal.z, 0}, {b.normal.x, b.normal.y, b.normal.z, 0}), 1e-6f);
+        ASSERT_LE(maxDiff({a.normal_geom.x, a.normal_geom.y, a.normal_geom.z, 0},
+                          {b.normal_geom.x, b.normal_geom.y, b.normal_geom.z, 0}),
+                  1e-6f);
+        ASSERT_EQ(a.num_tex, b.num_tex);
+        ASSERT_EQ(a.num_bumps, b.num_bumps);
+        ASSERT_EQ(a.has_derivs, b.has_derivs);
+        if (a.num_tex) {
+            ASSERT_LE(maxDiff({a.tex[0].x, a.tex[0].y, a.tex[0].z, 0}, {b.tex[0].x, b.tex[0].y, b.tex[0].z, 0}),
+                      1e-6f);
+        }
+        if (a.has_derivs) {
+            ASSERT_LE(maxDiff({a.derivs[0].x, a.derivs[0].y, a.derivs[0].z, 0},
+                              {b.derivs[0].x, b.derivs[0].y, b.derivs[0].z, 0}),
+                      1e-5f);
+        }
+        /* tmax cuts the hit off */
+        mirt::Hit c;
+        ASSERT_FALSE(bvh.intersect(org, dir, 1e-4, a.dist * 0.999, c));
+    }
+    EXPECT_GT(hits, 600);
+    for (const mirt::GeometryTags &g : made)
+        mirt::delete_instance(g);
+}
+
+TEST(HostBvh, EmptyAndAxisAlignedRays)
+{
+    mirt::reset();
+    BvhScene empty;
+    empty.build();
+    mirt::Hit h;
+    EXPECT_FALSE(empty.intersect({0, 0, 0}, {0, 0, 1}, 0, 1e30, h));
+
+    /* rays parallel to the slabs of a flat plane's box, and straight at it */
+    BvhScene flat;
+    const mirt::GeometryTags g = mirt::build_instance(mirt::make_plane(2, 2, 1, 1), mirt::InstanceDesc());
+    flat.add(g);
+    flat.build();
+    ASSERT_TRUE(flat.intersect({0.25f, 0.5f, 3}, {0, 0, -1}, 1e-4, 1e30, h));
+    EXPECT_NEAR(h.dist, 3.0, 1e-9);
+    EXPECT_FLOAT_EQ(h.point.x, 0.25f);
+    EXPECT_FLOAT_EQ(h.point.y, 0.5f);
+    EXPECT_FLOAT_EQ(h.tex[0].x, 0.625f); /* u = (x + 1) / 2 */
+    EXPECT_FLOAT_EQ(h.tex[0].y, 0.75f);
+    EXPECT_FALSE(flat.intersect({0.25f, 0.5f, 3}, {1, 0, 0}, 1e-4, 1e30, h));
+    EXPECT_FALSE(flat.intersect({0.25f, 0.5f, 3}, {0, 0, 1}, 1e-4, 1e30, h));
+    EXPECT_FALSE(flat.intersect({3, 0, 0}, {-1, 0, 0}, 1e-4, 1e30, h)); /* in the plane: edge-on */
+    mirt::delete_instance(g);
+}
+
+/* ------------------------------------------------------------------ exporter */
+
+TEST(HostExporter, MaskTextDigits)
+{
+    EXPECT_EQ(maskText({}), "");
+    EXPECT_EQ(maskText({true}), "1");
+    EXPECT_EQ(maskText({false, false, false, true}), "8");
+    EXPECT_EQ(maskText({true, false, false, false, false, true}), "12");
+    EXPECT_EQ(maskText({true, true, true, true, true, true, true, true, false}), "FF0");
+}
+
+TEST(HostExporter, BlockAsTheLibraryReadsIt)
+{
+    mirt::reset();
+    const SceneDesc s = testScene();
+    const PassLayout layout = layoutPasses(s);
+    ASSERT_EQ(layout.entryPass.size(), 12u);
+    ASSERT_EQ(layout.constantPass.size(), 1u);
+
+    mirt::Context ctx(4, 4);
+    std::vector<miTag> names;
+    for (int pi : layout.entryPass)
+        ctx.add_framebuffer(s.passes[size_t(pi)].name);
+    ctx.add_framebuffer("matte");
+    const std::vector<uint32_t> words = buildFbufBlock(s, layout, [&](const std::string &n) {
+        names.push_back(mirt::db_create_string(n.c_str()));
+        return names.back();
+    });
+    const miTag block = mirt::db_create_userdata(words.data(), words.size() * 4, 0);
+    ctx.attach_camera_userdata(block);
+    const miTag sh = mirt::make_function(
+        miSHADER_STATE,
+        reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)(void)>(&druxFrameBufferState)), nullptr, 0, 0,
+        false, "druxFrameBufferState");
+    ctx.add_state_shader(sh);
+    miState *st = ctx.begin_state(0);
+    ctx.begin_sample(st, 0, 0, 0);
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = getFrameBufferInfo(st, &types, &e);
+    ASSERT_EQ(n, 12u);
+    EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), 13u);
+    int lastType = -1;
+    for (miUint i = 0; i < n; ++i) {
+        const PassDesc &p = s.passes[size_t(layout.entryPass[i])];
+        const int type = passTypeOf(p.role);
+        EXPECT_GE(type, lastType) << "records ordered by type";
+        lastType = type;
+        EXPECT_EQ(types->range[type].first <= int(i) && int(i) < types->range[type].first + types->range[type].count,
+                  true)
+            << p.name;
+        EXPECT_EQ(e[i].fbId, getNamedFrameBufferID(st, p.name.c_str())) << p.name;
+        EXPECT_EQ(static_cast<PassRole>(e[i].hostData[0]), p.role);
+        EXPECT_EQ(e[i].hostData[1], static_cast<miUint>(layout.entryPass[i]));
+        const bool noTraceAdd = p.role == PassRole::Diffuse || p.role == PassRole::Specular ||
+                                p.role == PassRole::Reflection || p.role == PassRole::Refraction ||
+                                p.role == PassRole::Indirect || p.role == PassRole::Scatter;
+        EXPECT_EQ((e[i].flags & FBINFO_NO_TRACE_ADD) != 0, noTraceAdd) << p.name;
+        EXPECT_EQ((e[i].flags & FBINFO_SHADOW_PASS) != 0, p.role == PassRole::Shadow) << p.name;
+        const bool shadowed = p.role == PassRole::Beauty || p.role == PassRole::Diffuse ||
+                              p.role == PassRole::Specular || p.role == PassRole::Shadow ||
+                              p.role == PassRole::LightGroup;
+        EXPECT_EQ((e[i].flags & FBINFO_SHADOWED) != 0, shadowed) << p.name;
+    }
+    /* light masks through the library's own reading of them */
+    for (const LightDesc &l : s.lights) {
+        const std::string mask = lightMask(s, layout, l);
+        for (miUint i = 0; i < n; ++i) {
+            const PassDesc &p = s.passes[size_t(layout.entryPass[i])];
+            const bool expected = p.role != PassRole::LightGroup || p.group == l.group;
+            EXPECT_EQ(contributesToPass(int(i), mask.c_str()) != 0, expected) << l.name << " / " << p.name;
+        }
+    }
+    InstanceDesc inst;
+    inst.shadowPasses = {"diffuse", "shadow"};
+    const std::string om = occluderMask(s, layout, inst);
+    for (miUint i = 0; i < n; ++i) {
+        const std::string &name = s.passes[size_t(layout.entryPass[i])].name;
+        EXPECT_EQ(contributesToPass(int(i), om.c_str()) != 0, name == "diffuse" || name == "shadow") << name;
+    }
+    EXPECT_TRUE(occluderMask(s, layout, InstanceDesc()).empty());
+    ctx.end_state(st);
+    EXPECT_EQ(mirt::db_total_pins(), 0);
+    EXPECT_EQ(mirt::mem_live_bytes("SDK/druxFrameBufferState"), 0);
+}
+
+/* ------------------------------------------------------------------ scene format */
+
+std::string readFile(const std::string &path)
+{
+    std::ifstream in(path);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+TEST(HostSceneFormat, ShippedDefaultSceneIsTheBuiltInOne)
+{
+    const std::string text = readFile(std::string(DRUXHOST_SCENE_DIR) + "/default.scene");
+    ASSERT_FALSE(text.empty());
+    const SceneDesc parsed = parseScene(text);
+    EXPECT_EQ(writeScene(parsed), writeScene(defaultScene()));
+}
+
+TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
+{
+    SceneDesc s = testScene();
+    MeshDesc tri;
+    tri.name = "tri";
+    tri.kind = MeshKind::Triangles;
+    tri.P = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0.5f}};
+    tri.N = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}};
+    tri.uv = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+    tri.tris = {{0, 1, 2}};
+    s.meshes.push_back(tri);
+    s.instances[1].steps.push_back({TransformStep::Rotate, {1, 33.5f, 0}});
+    s.instances[2].shadowPasses = {"diffuse", "key"};
+    s.passes[3].allOccluders = true;
+    s.lights[1].sharedShadow = true;
+    s.lights[1].shadowColor = {0.1f, 0.2f, 0.3f, 1};
+    const std::string text = writeScene(s);
+    const SceneDesc back = parseScene(text);
+    EXPECT_EQ(writeScene(back), text);
+    ASSERT_EQ(back.meshes.back().tris.size(), 1u);
+    EXPECT_EQ(back.meshes.back().P[2].z, 0.5f);
+    EXPECT_EQ(back.instances[2].shadowPasses.size(), 2u);
+    EXPECT_TRUE(back.passes[3].allOccluders);
+    EXPECT_TRUE(back.lights[1].sharedShadow);
+    EXPECT_EQ(back.passes.back().constant.b, 0.75f);
+    EXPECT_EQ(back.textures[0].ramp[1].interpolation, RAMP_SMOOTH);
+}
+
+TEST(HostSceneFormat, CommentsBlanksAndDefaults)
+{
+    const SceneDesc s = parseScene("# a comment\n\n   resolution 8 6   # trailing\nsamples 3\n"
+                                   "material m\nmesh p plane 2 2 1 1\ninstance i mesh p material m\n"
+                                   "light l point position 0 0 3\npass b beauty\n");
+    EXPECT_EQ(s.width, 8);
+    EXPECT_EQ(s.height, 6);
+    EXPECT_EQ(s.samples, 3);
+    EXPECT_EQ(s.materials[0].kd, MaterialDesc().kd);
+    EXPECT_EQ(s.lights[0].position.z, 3.0f);
+    EXPECT_EQ(s.passes[0].role, PassRole::Beauty);
+}
+
+void expectError(const std::string &text, int line, const std::string &fragment)
+{
+    try {
+        parseScene(text);
+        ADD_FAILURE() << "accepted: " << text;
+    } catch (const SceneError &e) {
+        EXPECT_EQ(e.line(), line) << e.what();
+        EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
+    }
+}
+
+TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
+{
+    expectError("resolution 8 6\nfrobnicate 1\n", 2, "unknown command \"frobnicate\"");
+    expectError("resolution 8\n", 1, "missing height");
+    expectError("samples four\n", 1, "\"four\" is not a whole number");
+    expectError("\ncamera fov wide\n", 2, "\"wide\" is not a finite number");
+    expectError("camera fov nan\n", 1, "not a finite number");
+    expectError("material m shininess 3\n", 1, "unknown material key \"shininess\"");
+    expectError("light l spot position 0 0 1\n", 1, "is not one of point, rect, plain");
+    expectError("light l point center 0 0 1\n", 1, "unknown light key \"center\"");
+    expectError("pass p sparkle\n", 1, "unknown pass role \"sparkle\"");
+    expectError("mesh t triangles\nv 0 0 0\nv 1 0 0\n", 1, "not closed by \"end\"");
+    expectError("mesh t triangles\nv 0 0 0\nq 1 2 3\nend\n", 3, "expected v, vn, vt, f or end");
+    expectError("resolution 8 6 7\n", 1, "unexpected \"7\"");
+    expectError("samples 2\nsamples 3\n", 2, "given twice");
+    expectError("instance i mesh m\n", 1, "needs a mesh and a material");
+    /* whole-scene checks carry no line */
+    expectError("material m\ninstance i mesh nosuch material m\n", 0, "unknown mesh \"nosuch\"");
+    expectError("material m\nmaterial m\n", 0, "\"m\" is defined twice");
+    expectError("mesh t triangles\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 0 1 3\nend\n", 0, "vertex index 3 out of range");
+    expectError("resolution 0 5\n", 0, "outside 1 .. 16384");
+    expectError("pass g lightgroup\n", 0, "names no group");
+    expectError("light l rect u 1 0 0 v 2 0 0\n", 0, "do not span a rectangle");
+    EXPECT_THROW(loadScene("/nonexistent/dir/x.scene"), SceneError);
+}
+
+/* ------------------------------------------------------------------ files */
+
+TEST_F(HostRender, OutputFilesHoldTheImages)
+{
+    SceneDesc s = testScene();
+    s.width = 12;
+    s.height = 9;
+    s.samples = 1;
+    const RenderResult r = renderWith(s, 2);
+    char tmpl[] = "/tmp/druxhost_test_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const std::vector<std::string> files = writeOutputs(r, dir);
+    EXPECT_EQ(files.size(), 2u + r.passes.size());
+
+    const auto layers = readExr(dir + "/render.exr");
+    ASSERT_EQ(layers.size(), 1u + r.passes.size());
+    for (const auto &l : layers) {
+        const Image *want = l.first.empty() ? &r.main : r.pass(l.first);
+        ASSERT_NE(want, nullptr) << "layer " << l.first;
+        EXPECT_TRUE(sameBits(l.second, *want)) << "layer " << l.first;
+    }
+    int w = 0, h = 0;
+    const std::vector<unsigned char> px = readPng(dir + "/beauty.png", w, h);
+    ASSERT_EQ(w, 12);
+    ASSERT_EQ(h, 9);
+    const miColor c = r.pass("beauty")->at(5, 4);
+    EXPECT_EQ(px[(4 * 12 + 5) * 3], srgbByte(c.r));
+    EXPECT_EQ(px[(4 * 12 + 5) * 3 + 2], srgbByte(c.b));
+    for (const std::string &f : files)
+        std::remove(f.c_str());
+    ::rmdir(dir.c_str());
+    EXPECT_THROW(writePng("/nonexistent/dir/x.png", r.main), std::runtime_error);
+    EXPECT_THROW(readExr("/nonexistent/dir/x.exr"), std::runtime_error);
+}
+
+TEST(HostImages, SrgbEncoding)
+{
+    EXPECT_EQ(srgbByte(0.0f), 0);
+    EXPECT_EQ(srgbByte(-1.0f), 0);
+    EXPECT_EQ(srgbByte(std::nanf("")), 0);
+    EXPECT_EQ(srgbByte(1.0f), 255);
+    EXPECT_EQ(srgbByte(7.5f), 255);
+    EXPECT_EQ(srgbByte(0.18f), 118); /* middle grey */
+    EXPECT_EQ(srgbByte(0.5f), 188);
+    EXPECT_EQ(srgbByte(0.001f), 3); /* linear segment: 12.92 * 0.001 * 255 = 3.29 */
+}
+
+} // namespace
