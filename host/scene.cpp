@@ -268,9 +268,9 @@ SceneDesc defaultScene()
     s.options.finalgather = true;
     s.options.fgRays = 6;
     s.options.minContribution = 0.02f;
-    s.environment.zenith = {0.12f, 0.2f, 0.45f, 1};
-    s.environment.horizon = {0.55f, 0.58f, 0.62f, 1};
-    s.environment.ground = {0.2f, 0.19f, 0.17f, 1};
+    s.environment.zenith = {0.07f, 0.12f, 0.3f, 1};
+    s.environment.horizon = {0.36f, 0.39f, 0.44f, 1};
+    s.environment.ground = {0.12f, 0.11f, 0.1f, 1};
     s.options.fullContribution = 0.5f;
 
     TextureDesc marble;
@@ -403,7 +403,7 @@ SceneDesc defaultScene()
     key.u = {0.8f, -0.6f, 0.0f};
     key.v = {-0.32f, -0.43f, -0.45f};
     key.color = {1.0f, 0.95f, 0.88f, 1};
-    key.intensity = 42.0f;
+    key.intensity = 55.0f;
     key.samples = 4;
     key.shadowSamples = 1;
     key.group = "key";
