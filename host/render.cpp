@@ -349,6 +349,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
 
         auto worker = [&](int thread) {
             miState *st = nullptr;
+            std::vector<miColor> passSum(s.passes.size());
             try {
                 for (int tile; (tile = nextTile.fetch_add(1)) < tiles;) {
                     if (!st) {
@@ -360,7 +361,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                     for (int y = y0; y < y1; ++y)
                         for (int x = x0; x < x1; ++x) {
                             miColor sum{0, 0, 0, 0};
-                            std::vector<miColor> passSum(s.passes.size(), miColor{0, 0, 0, 0});
+                            std::fill(passSum.begin(), passSum.end(), miColor{0, 0, 0, 0});
                             for (int k = 0; k < s.samples; ++k) {
                                 ctx.begin_sample(st, x, y, k);
                                 double jx, jy;

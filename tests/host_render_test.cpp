@@ -10,6 +10,7 @@
 #include "meshes.h"
 #include "render.h"
 #include "scene.h"
+#include "shaders.h"
 
 #include "DruxShaderSDK.h"
 #include "geometry.h"
@@ -448,6 +449,175 @@ TEST_F(HostRender, OccluderMaskLimitsWhichPassesItShadows)
     /* every pass but the diffuse one sees the lamp unshadowed, the shadow
        pass included: nothing was taken away from it */
     expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, "masked occluder, shadow");
+}
+
+TEST_F(HostRender, SharedShadowIgnoresOccluderMasks)
+{
+    /* One shadow value for every pass: the masked veil now dims the specular
+       pass too, and the shadow pass holds what all of them lost. */
+    SceneDesc s = handScene(0.25f, true);
+    s.instances[1].shadowPasses = {"diffuse"};
+    s.lights[0].sharedShadow = true;
+    const RenderResult r = renderWith(s, 1);
+    const float c = 0.70710678f;
+    const float dr = 0.8f * 0.5f * c * 2, dg = 0.8f * 0.25f * c * 2, db = 0.8f * 0.75f * c * 2, sp = 0.2f;
+    expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * dr, 0.25f * dg, 0.25f * db, "shared, diffuse");
+    expectRGB(r.pass("specular")->at(1, 1), 0.25f * sp, 0.25f * sp, 0.25f * sp, "shared, specular");
+    expectRGB(r.pass("shadow")->at(1, 1), 0.75f * (dr + sp), 0.75f * (dg + sp), 0.75f * (db + sp), "shared, shadow");
+}
+
+TEST_F(HostRender, RectangularLightWithSeveralShadowRays)
+{
+    /* A small square light where the point light was, facing the shaded
+       point: nearly the point light's numbers (its extent changes them by
+       well under 0.1%).  An opaque card takes all of it away, through every
+       one of the three shadow rays per light sample. */
+    for (bool card : {false, true}) {
+        SceneDesc s = handScene(0, card);
+        LightDesc &l = s.lights[0];
+        l.kind = LightKind::Rect;
+        l.u = {0, 0.004f, 0};
+        l.v = {0.0028284f, 0, -0.0028284f}; /* u x v points at the origin */
+        l.samples = 2;
+        l.shadowSamples = 3;
+        const RenderResult r = renderWith(s, 1);
+        const float c = 0.70710678f;
+        const float dr = 0.8f * 0.5f * c * 2, dg = 0.8f * 0.25f * c * 2, db = 0.8f * 0.75f * c * 2, sp = 0.2f;
+        const miColor d = r.pass("diffuse")->at(1, 1), sh = r.pass("shadow")->at(1, 1);
+        const float k = card ? 0.0f : 1.0f;
+        EXPECT_NEAR(d.r, k * dr, 2e-3f) << "card " << card;
+        EXPECT_NEAR(d.g, k * dg, 2e-3f) << "card " << card;
+        EXPECT_NEAR(d.b, k * db, 2e-3f) << "card " << card;
+        EXPECT_NEAR(r.pass("specular")->at(1, 1).r, k * sp, 2e-3f) << "card " << card;
+        EXPECT_NEAR(sh.r, (1 - k) * (dr + sp), 2e-3f) << "card " << card;
+        EXPECT_NEAR(sh.b, (1 - k) * (db + sp), 2e-3f) << "card " << card;
+    }
+    /* seen from behind, the one-sided light gives nothing */
+    SceneDesc back = handScene(0, false);
+    back.lights[0].kind = LightKind::Rect;
+    back.lights[0].u = {0, 0.004f, 0};
+    back.lights[0].v = {-0.0028284f, 0, 0.0028284f};
+    const RenderResult r = renderWith(back, 1);
+    expectRGB(r.pass("beauty")->at(1, 1), 0, 0, 0, "back of the light");
+}
+
+TEST_F(HostRender, TextureDrivesTheDiffuseColour)
+{
+    /* a ramp with one key gives its colour at every lookup */
+    SceneDesc s = handScene(0, false);
+    TextureDesc t;
+    t.name = "flat";
+    t.ramp = {{0.5f, {0.2f, 0.4f, 0.6f, 1}, RAMP_LINEAR}};
+    s.textures.push_back(t);
+    s.materials[0].texture = "flat";
+    const RenderResult r = renderWith(s, 1);
+    const float c = 0.70710678f;
+    expectRGB(r.pass("diffuse")->at(1, 1), 0.8f * 0.2f * c * 2, 0.8f * 0.4f * c * 2, 0.8f * 0.6f * c * 2,
+              "diffuse from the texture");
+}
+
+/* A 3 x 3 view straight down at a plane under a sky of one colour. */
+SceneDesc skyScene(const MaterialDesc &m)
+{
+    SceneDesc s = handScene(0, false);
+    s.camera.position = {0, -3, 3};
+    s.camera.up = {0, 0, 1};
+    s.environment.zenith = s.environment.horizon = s.environment.ground = miColor{0.2f, 0.4f, 0.8f, 1};
+    s.lights.clear();
+    s.materials[0] = m;
+    s.materials[0].name = "m";
+    s.passes = {pass("beauty", PassRole::Beauty),         pass("diffuse", PassRole::Diffuse),
+                pass("reflection", PassRole::Reflection), pass("refraction", PassRole::Refraction),
+                pass("indirect", PassRole::Indirect),     pass("background", PassRole::Background)};
+    return s;
+}
+
+TEST_F(HostRender, ReflectionRefractionAndIndirectLightOfAPlainSky)
+{
+    MaterialDesc mirror;
+    mirror.kd = 0;
+    mirror.reflectivity = 0.5f;
+    mirror.reflectColor = {1, 0.5f, 0.25f, 1};
+    mirror.indirect = false;
+    {
+        const RenderResult r = renderWith(skyScene(mirror), 1);
+        for (int y = 0; y < 3; ++y)
+            for (int x = 0; x < 3; ++x) {
+                expectRGB(r.pass("reflection")->at(x, y), 0.1f, 0.1f, 0.1f, "mirror: reflection");
+                expectRGB(r.pass("beauty")->at(x, y), 0.1f, 0.1f, 0.1f, "mirror: beauty");
+                expectRGB(r.pass("background")->at(x, y), 0, 0, 0, "mirror: no background");
+            }
+    }
+    MaterialDesc pane;
+    pane.kd = 0;
+    pane.transparency = {0.6f, 0.6f, 0.6f, 1};
+    pane.indirect = false;
+    {
+        /* index 1: the ray goes straight through to the sky */
+        const RenderResult r = renderWith(skyScene(pane), 1);
+        expectRGB(r.pass("refraction")->at(1, 1), 0.12f, 0.24f, 0.48f, "pane: refraction");
+        expectRGB(r.pass("beauty")->at(1, 1), 0.12f, 0.24f, 0.48f, "pane: beauty");
+        expectRGB(r.pass("reflection")->at(1, 1), 0, 0, 0, "pane: reflection");
+    }
+    MaterialDesc matte;
+    matte.diffuse = {1, 0.5f, 1, 1};
+    matte.kd = 0.8f;
+    {
+        /* every gathered ray sees the sky: irradiance is the sky colour */
+        SceneDesc s = skyScene(matte);
+        s.options.finalgather = true;
+        s.options.fgRays = 5;
+        const RenderResult r = renderWith(s, 1);
+        expectRGB(r.pass("indirect")->at(1, 1), 0.8f * 0.2f, 0.8f * 0.5f * 0.4f, 0.8f * 0.8f, "matte: indirect");
+        expectRGB(r.pass("beauty")->at(1, 1), 0.8f * 0.2f, 0.8f * 0.5f * 0.4f, 0.8f * 0.8f, "matte: beauty");
+        expectRGB(r.pass("diffuse")->at(1, 1), 0, 0, 0, "matte: no lamp");
+    }
+}
+
+TEST_F(HostRender, EyeRaysThatMissShowTheSky)
+{
+    SceneDesc s = testScene();
+    s.camera.position = {0, 0, 1};
+    s.camera.target = {0, 0.2f, 5};
+    s.camera.up = {0, 1, 0};
+    s.samples = 1;
+    const RenderResult r = renderWith(s, 2);
+    EnvironmentParams env = environmentParams(s.environment);
+    for (int y = 0; y < s.height; y += 7)
+        for (int x = 0; x < s.width; x += 5) {
+            const miColor b = r.pass("beauty")->at(x, y), bg = r.pass("background")->at(x, y);
+            EXPECT_LE(maxDiff(b, bg), 0.0f);
+            EXPECT_EQ(b.a, 0.0f) << "nothing covers the pixel";
+            EXPECT_EQ(bg.a, 1.0f);
+            EXPECT_EQ(maxDiff(r.pass("diffuse")->at(x, y), miColor{0, 0, 0, 0}), 0.0f);
+            EXPECT_GT(b.b, 0.0f);
+        }
+    /* the sky's colours: zenith straight up, horizon level, ground below */
+    const miColor up = skyColor(env, {0, 0, 1}), level = skyColor(env, {1, 0, 0}), down = skyColor(env, {0, 0, -1});
+    expectRGB(up, s.environment.zenith.r, s.environment.zenith.g, s.environment.zenith.b, "zenith");
+    expectRGB(level, s.environment.horizon.r, s.environment.horizon.g, s.environment.horizon.b, "horizon");
+    expectRGB(down, s.environment.ground.r, s.environment.ground.g, s.environment.ground.b, "ground");
+    env.intensity = 2;
+    expectRGB(skyColor(env, {0, 0, 1}), 2 * s.environment.zenith.r, 2 * s.environment.zenith.g,
+              2 * s.environment.zenith.b, "zenith, intensity 2");
+}
+
+TEST_F(HostRender, ProgressGoesFromZeroToOne)
+{
+    std::vector<double> seen;
+    RenderOptions o;
+    o.threads = 2;
+    o.progress = [&](double f) { seen.push_back(f); };
+    render(testScene(), o);
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back(), 1.0);
+    for (size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_GE(seen[i], 0.0);
+        EXPECT_LE(seen[i], 1.0);
+        if (i) {
+            EXPECT_GE(seen[i], seen[i - 1]);
+        }
+    }
 }
 
 TEST_F(HostRender, NothingLeakedNothingPinned)
