@@ -258,8 +258,8 @@ void validate(const SceneDesc &s)
 SceneDesc defaultScene()
 {
     SceneDesc s;
-    s.width = 480;
-    s.height = 360;
+    s.width = 640;
+    s.height = 480;
     s.samples = 4;
     s.camera.position = {0.0f, -9.0f, 3.2f};
     s.camera.target = {0.0f, 0.2f, 0.8f};
