@@ -314,10 +314,11 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
         }
 
-        /* ---- shader initialisation, on a state of its own.  A state whose
-           frame-buffer names were never resolved keeps its slot block at
-           exit, so it runs one sample begin first (outside the image: nothing
-           is written). */
+        /* ---- shader initialisation, on a state of its own.  The state
+           shader resolves frame-buffer names at a state's first sample begin
+           and need not release the slot block of a state that never had one,
+           so this state runs one sample begin first (outside the image:
+           nothing is written). */
         {
             miState *init = ctx.begin_state(0);
             ctx.begin_sample(init, -1, -1, 0);

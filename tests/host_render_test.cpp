@@ -656,6 +656,20 @@ TEST_F(HostRender, WithoutPassesOrLights)
     EXPECT_EQ(r.stats.errors, 0u);
     EXPECT_EQ(r.stats.pinsAfter, 0);
 
+    /* only a non-material pass: no entries, the constant colour still arrives */
+    SceneDesc onlyConstant = testScene();
+    onlyConstant.passes.erase(onlyConstant.passes.begin(), onlyConstant.passes.end() - 1);
+    ASSERT_EQ(onlyConstant.passes[0].role, PassRole::Constant);
+    const RenderResult c = renderWith(onlyConstant, 2);
+    for (int y = 0; y < onlyConstant.height; y += 3)
+        for (int x = 0; x < onlyConstant.width; x += 3) {
+            const miColor m = c.passes[0].at(x, y);
+            ASSERT_EQ(m.g, 0.5f);
+            ASSERT_EQ(m.a, 1.0f);
+        }
+    EXPECT_EQ(mirt::mem_live_bytes("SDK/druxFrameBufferState"), 0);
+    EXPECT_EQ(c.stats.errors, 0u);
+
     /* no lights: the surfaces get only what the sky gives */
     SceneDesc dark = lampsOnly();
     dark.lights.clear();
