@@ -559,6 +559,31 @@ TEST_F(HostRender, ReflectionRefractionAndIndirectLightOfAPlainSky)
         expectRGB(r.pass("beauty")->at(1, 1), 0.12f, 0.24f, 0.48f, "pane: beauty");
         expectRGB(r.pass("reflection")->at(1, 1), 0, 0, 0, "pane: reflection");
     }
+    MaterialDesc half;
+    half.diffuse = {0.5f, 0.25f, 0.75f, 1};
+    half.kd = 0.8f;
+    half.specular = {0.2f, 0.2f, 0.2f, 1};
+    half.exponent = 2;
+    half.transparency = {0.4f, 0.4f, 0.4f, 1};
+    half.indirect = false;
+    {
+        /* A surface letting 40% through, lit by the lamp of the hand scene
+           (cos 1/sqrt(2), colour 2) and seen from (0, -3, 3): the mirror
+           direction (0, 1, 1)/sqrt(2) makes cos 1/2 with the lamp, so the
+           Phong highlight is 0.2 * 0.5^2 * 2 = 0.1.  Diffuse and highlight
+           pass the opacity 0.6, the sky comes through at 0.4. */
+        SceneDesc s = skyScene(half);
+        s.lights = handScene(0, false).lights;
+        s.passes.push_back(pass("specular", PassRole::Specular));
+        const RenderResult r = renderWith(s, 1);
+        const float c = 0.70710678f;
+        const float dr = 0.6f * 0.8f * 0.5f * c * 2, dg = 0.6f * 0.8f * 0.25f * c * 2, db = 0.6f * 0.8f * 0.75f * c * 2;
+        expectRGB(r.pass("diffuse")->at(1, 1), dr, dg, db, "half: diffuse");
+        expectRGB(r.pass("specular")->at(1, 1), 0.06f, 0.06f, 0.06f, "half: specular");
+        expectRGB(r.pass("refraction")->at(1, 1), 0.08f, 0.16f, 0.32f, "half: refraction");
+        expectRGB(r.pass("beauty")->at(1, 1), dr + 0.06f + 0.08f, dg + 0.06f + 0.16f, db + 0.06f + 0.32f,
+                  "half: beauty");
+    }
     MaterialDesc matte;
     matte.diffuse = {1, 0.5f, 1, 1};
     matte.kd = 0.8f;
