@@ -82,10 +82,10 @@ std::string bytes(int64_t b)
 void drawBar(double f)
 {
     const int width = 40;
-    const int fill = static_cast<int>(f * width + 0.5);
+    const int fill = static_cast<int>(f * width);
     std::string bar(static_cast<size_t>(fill), '#');
     bar.append(static_cast<size_t>(width - fill), '.');
-    std::fprintf(stderr, "\r  rendering [%s] %3d%%", bar.c_str(), static_cast<int>(f * 100.0 + 0.5));
+    std::fprintf(stderr, "\r  rendering [%s] %3d%%", bar.c_str(), static_cast<int>(f * 100.0));
     std::fflush(stderr);
 }
 
