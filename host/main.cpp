@@ -175,7 +175,8 @@ int main(int argc, char **argv)
         ro.progress = drawBar;
     if (!quiet)
         std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath) << ", "
-                  << scene.width << " x " << scene.height << ", " << scene.samples << " samples per pixel, "
+                  << scene.width << " x " << scene.height << ", " << scene.samples
+                  << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
                   << scene.passes.size() << " passes\n";
     RenderResult result;
     std::vector<std::string> files;
