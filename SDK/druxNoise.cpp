@@ -19,14 +19,15 @@
  * Nothing here allocates or locks on the evaluation paths; the blends are
  * written out in full so the compiler sees straight-line code.
  *
- * On x86 the 3D and 4D blends and the gradient noise run four lanes at a time
- * with SSE2: every lane performs exactly the single-precision operations of
- * the scalar formulas, in the same order, so the results are bit for bit
- * those of the scalar code kept below for other processors (defining
- * DRUX_NOISE_SCALAR selects it on x86 too).  The 3D lattice rows are read as
- * one unaligned 4-float load each (three lattice values along x and one
- * unused); cells whose three x indices wrap around the tile edge are read
- * value by value instead.
+ * On x86 the 3D and 4D blends and the gradient noise run several lanes at a
+ * time: every lane performs exactly the single-precision operations of the
+ * scalar formulas, in the same order, so the results are bit for bit those
+ * of the scalar code kept below for other processors (defining
+ * DRUX_NOISE_SCALAR selects it on x86 too).  The SSE2 variants work on any
+ * x86-64 processor; where the processor has AVX2, variants using it are
+ * chosen once when the library is loaded.  The vector 3D and 4D blends read
+ * a copy of the lattice with its wrap-around written out (see
+ * PaddedLattice), so every row along x is one load at a fixed offset.
  */
 #include "druxInternal.h"
 
@@ -44,7 +45,13 @@
 
 #if defined(__SSE2__) && !defined(DRUX_NOISE_SCALAR)
 #define DRUX_NOISE_SSE 1
-#include <emmintrin.h>
+#include <immintrin.h>
+/* Variants for wider instruction sets, chosen once at load time through an
+   indirect function (an ELF feature of the GNU C library's loader);
+   DRUX_NOISE_NO_DISPATCH keeps the SSE2 variants only. */
+#if defined(__x86_64__) && defined(__ELF__) && defined(__GLIBC__) && !defined(DRUX_NOISE_NO_DISPATCH)
+#define DRUX_NOISE_DISPATCH 1
+#endif
 #endif
 
 /* The blends are meant to become one straight block of code. */
@@ -151,6 +158,35 @@ template <class Lattice> inline float blend3Scalar(const AxisF &a, const AxisF &
 }
 
 #ifdef DRUX_NOISE_SSE
+/*
+ * The 3D lattice with its wrap-around written out, for the vector code:
+ * entry (a, b, c), a in 0..35 and b, c in 0..34, holds the lattice value of
+ * cell ((a - 1) & 31, (b - 1) & 31, (c - 1) & 31).  The three lattice values
+ * of cell n (n in 0..32; 32 wraps like 0) along an axis are then entries n,
+ * n + 1, n + 2: a row along x is one 4-float load (the fourth value unused)
+ * and all 9 rows around a cell lie at fixed offsets from one entry, whose
+ * position is a multiply-add of the three cell numbers.  The values are
+ * copies of NoiseTable's, so the blends read exactly the same lattice values
+ * as the table lookup with its wrap masks.  Filled when the library is
+ * loaded.
+ */
+constexpr int kPadX = 36, kPadY = 35, kPadZ = 35;
+constexpr int kRow = kPadX, kPlane = kPadX * kPadY; /* strides in floats */
+
+struct alignas(64) PaddedLattice {
+    float v[kPadX * kPadY * kPadZ];
+    double side; /* KELU_CUBE_SIDE, read once */
+    PaddedLattice() : side(KELU_CUBE_SIDE)
+    {
+        for (int c = 0; c < kPadZ; ++c)
+            for (int b = 0; b < kPadY; ++b)
+                for (int a = 0; a < kPadX; ++a)
+                    v[a + kRow * b + kPlane * c] =
+                        NoiseTable[((a - 1u) & kWrap) | ((b - 1u) & kWrap) << 5 | ((c - 1u) & kWrap) << 10];
+    }
+};
+PaddedLattice padded;
+
 /* S on four lanes, operation for operation as the scalar S (2q as q + q). */
 DRUX_NOISE_INLINE __m128 Sv(__m128 p, __m128 q, __m128 r, __m128 f)
 {
@@ -159,104 +195,227 @@ DRUX_NOISE_INLINE __m128 Sv(__m128 p, __m128 q, __m128 r, __m128 f)
     return _mm_add_ps(_mm_add_ps(p, q), _mm_mul_ps(f, inner));
 }
 
-/* Transposes three rows (p, q, r, -) into p, q and r vectors whose lanes are
-   the rows (the fourth lane repeats the third). */
+/* Three rows (p, q, r, -) to p, q and r vectors whose lanes are the rows (the
+   fourth lane is a spare copy). */
 DRUX_NOISE_INLINE void transpose3(__m128 r0, __m128 r1, __m128 r2, __m128 &p, __m128 &q, __m128 &r)
 {
-    const __m128 t0 = _mm_unpacklo_ps(r0, r1); /* p0 p1 q0 q1 */
-    const __m128 t1 = _mm_unpacklo_ps(r2, r2); /* p2 p2 q2 q2 */
-    const __m128 t2 = _mm_unpackhi_ps(r0, r1); /* r0 r1 -  -  */
-    const __m128 t3 = _mm_unpackhi_ps(r2, r2); /* r2 r2 -  -  */
-    p = _mm_movelh_ps(t0, t1);
-    q = _mm_movehl_ps(t1, t0);
-    r = _mm_movelh_ps(t2, t3);
+    const __m128 lo = _mm_unpacklo_ps(r0, r1); /* p0 p1 q0 q1 */
+    const __m128 hi = _mm_unpackhi_ps(r0, r1); /* r0 r1 -  -  */
+    p = _mm_castpd_ps(_mm_unpacklo_pd(_mm_castps_pd(lo), _mm_castps_pd(r2))); /* p0 p1 p2 q2 */
+    q = _mm_shuffle_ps(lo, r2, _MM_SHUFFLE(1, 1, 3, 2));                     /* q0 q1 q2 q2 */
+    r = _mm_shuffle_ps(hi, r2, _MM_SHUFFLE(2, 2, 1, 0));                     /* r0 r1 r2 r2 */
 }
 
-/*
- * The cells of a 3D point, for the four-lane code: lattice indices along x
- * (i0, i1, i2), row offsets along y (<< 5) and plane offsets along z (<< 10),
- * and the weights (u, v, w, 0).
- */
-struct Cells3 {
-    unsigned x[3], y[3], z[3];
+/* The cell of a 3D point for the vector code: the padded-lattice entry of its
+   first lattice point and the weights (u, v, w, w). */
+struct Cell3 {
+    const float *base;
     __m128 w;
 };
 
+/* From the lattice positions (tx, ty, tz, tz) rounded to single: cells,
+   weights and the padded-lattice entry (byte offset 4a + 144b + 5040c from a
+   16-bit multiply-add). */
+DRUX_NOISE_INLINE Cell3 cellFromPositions(__m128 t)
+{
+    const __m128i n = _mm_cvttps_epi32(t);
+    const __m128i n16 = _mm_packs_epi32(n, n); /* nx ny nz nz (16 bits each) */
+    const __m128i off = _mm_madd_epi16(n16, _mm_setr_epi16(4, 4 * kRow, 4 * kPlane, 0, 0, 0, 0, 0));
+    const int bytes = _mm_cvtsi128_si32(_mm_add_epi32(off, _mm_shuffle_epi32(off, _MM_SHUFFLE(1, 1, 1, 1))));
+    return {reinterpret_cast<const float *>(reinterpret_cast<const char *>(padded.v) + bytes),
+            _mm_sub_ps(t, _mm_cvtepi32_ps(n))};
+}
+
 /*
- * The common steps for three double coordinates, two at a time: range test,
- * fraction x - floor(x), lattice position rounded to single, cell, weight,
- * wrapped indices.  Same operations as fracDouble and cellF.  Returns false
- * for a non-number coordinate.
+ * The common steps for three double coordinates: range test, fraction
+ * x - floor(x) in double, lattice position rounded to single; two
+ * coordinates per vector.  Same operations as fracDouble and cellF.  Returns
+ * false for a non-number coordinate.
  */
-DRUX_NOISE_INLINE bool cells3(double x, double y, double z, Cells3 &cells)
+DRUX_NOISE_INLINE bool cells3(double x, double y, double z, Cell3 &cell)
 {
     __m128d xy = _mm_setr_pd(x, y);
-    __m128d zz = _mm_set_sd(z);
-    if (__builtin_expect(_mm_movemask_pd(_mm_or_pd(_mm_cmpunord_pd(xy, xy), _mm_cmpunord_pd(zz, zz))), 0))
-        return false;
+    __m128d zz = _mm_set1_pd(z);
     const __m128d absMask = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFFll));
     const __m128d limit = _mm_set1_pd(kRangeLimit);
-    const __m128d one = _mm_set1_pd(1.0);
-    /* beyond the range: coordinate 0 */
-    xy = _mm_and_pd(xy, _mm_cmple_pd(_mm_and_pd(xy, absMask), limit));
-    zz = _mm_and_pd(zz, _mm_cmple_pd(_mm_and_pd(zz, absMask), limit));
+    const __m128d inXY = _mm_cmple_pd(_mm_and_pd(xy, absMask), limit);
+    const __m128d inZ = _mm_cmple_pd(_mm_and_pd(zz, absMask), limit);
+    if (__builtin_expect(_mm_movemask_pd(_mm_and_pd(inXY, inZ)) != 3, 0)) {
+        if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+            return false;
+        xy = _mm_and_pd(xy, inXY); /* beyond the range: coordinate 0 */
+        zz = _mm_and_pd(zz, inZ);
+    }
     /* floor: truncation, minus 1 where that exceeds the coordinate */
+    const __m128d one = _mm_set1_pd(1.0);
     const __m128d txy = _mm_cvtepi32_pd(_mm_cvttpd_epi32(xy));
     const __m128d tzz = _mm_cvtepi32_pd(_mm_cvttpd_epi32(zz));
     const __m128d fxy = _mm_sub_pd(xy, _mm_sub_pd(txy, _mm_and_pd(_mm_cmplt_pd(xy, txy), one)));
     const __m128d fzz = _mm_sub_pd(zz, _mm_sub_pd(tzz, _mm_and_pd(_mm_cmplt_pd(zz, tzz), one)));
-    const __m128d side = _mm_set1_pd(static_cast<double>(KELU_CUBE_SIDE));
-    const __m128 t = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(side, fxy)), _mm_cvtpd_ps(_mm_mul_pd(side, fzz)));
-    const __m128i n = _mm_cvttps_epi32(t);
-    cells.w = _mm_sub_ps(t, _mm_cvtepi32_ps(n));
-    /* low five bits, then times 1, 32, 1024 per axis (16-bit multiply-add) */
-    const __m128i wrap = _mm_set1_epi32(static_cast<int>(kWrap));
-    const __m128i stride = _mm_setr_epi16(1, 0, 32, 0, 1024, 0, 0, 0);
-    const __m128i oneI = _mm_set1_epi32(1);
-    alignas(16) unsigned i0[4], i1[4], i2[4];
-    _mm_store_si128(reinterpret_cast<__m128i *>(i0), _mm_madd_epi16(_mm_and_si128(_mm_sub_epi32(n, oneI), wrap), stride));
-    _mm_store_si128(reinterpret_cast<__m128i *>(i1), _mm_madd_epi16(_mm_and_si128(n, wrap), stride));
-    _mm_store_si128(reinterpret_cast<__m128i *>(i2), _mm_madd_epi16(_mm_and_si128(_mm_add_epi32(n, oneI), wrap), stride));
-    cells.x[0] = i0[0], cells.x[1] = i1[0], cells.x[2] = i2[0];
-    cells.y[0] = i0[1], cells.y[1] = i1[1], cells.y[2] = i2[1];
-    cells.z[0] = i0[2], cells.z[1] = i1[2], cells.z[2] = i2[2];
+    const __m128d side = _mm_set1_pd(padded.side);
+    cell = cellFromPositions(_mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(side, fxy)), _mm_cvtpd_ps(_mm_mul_pd(side, fzz))));
     return true;
 }
 
 /*
- * blend3Scalar on four lanes.  A row (three lattice values along x) is one
- * vector; `op` turns table values into lattice values lane by lane.  For each
- * y the rows of the three z planes are transposed so that the lanes are the z
- * planes: the x blends of one y and the y blend then run once for all three
- * planes, and only the last blend along z is scalar.
+ * blend3Scalar on four lanes.  Rows along x are single loads; `op` turns
+ * table values into lattice values lane by lane.  For each y the rows of the
+ * three z planes are transposed so that the lanes are the z planes: the x
+ * blends of one y and the y blend run once for all three planes, and only
+ * the last blend along z is scalar.
  */
-template <bool Contiguous, class RowOp> DRUX_NOISE_INLINE float blend3Sse(const Cells3 &c, RowOp op)
+template <class RowOp> DRUX_NOISE_INLINE float blend3Sse(const Cell3 &c, RowOp op)
 {
-    const float *T = NoiseTable;
+    const float *b = c.base;
     const __m128 U = _mm_shuffle_ps(c.w, c.w, _MM_SHUFFLE(0, 0, 0, 0));
     const __m128 V = _mm_shuffle_ps(c.w, c.w, _MM_SHUFFLE(1, 1, 1, 1));
-    auto row = [&](unsigned base) __attribute__((always_inline)) {
-        if (Contiguous) /* entries x0, x0 + 1, x0 + 2 (and one unused) */
-            return op(_mm_loadu_ps(T + (base | c.x[0])));
-        return op(_mm_setr_ps(T[base | c.x[0]], T[base | c.x[1]], T[base | c.x[2]], 0.0f));
-    };
-    auto xBlend = [&](unsigned yj) __attribute__((always_inline)) {
-        __m128 p, q, r;
-        transpose3(row(yj | c.z[0]), row(yj | c.z[1]), row(yj | c.z[2]), p, q, r);
-        return Sv(p, q, r, U);
-    };
-    const __m128 G = Sv(xBlend(c.y[0]), xBlend(c.y[1]), xBlend(c.y[2]), V);
+    __m128 p, q, r;
+    transpose3(op(_mm_loadu_ps(b)), op(_mm_loadu_ps(b + kPlane)), op(_mm_loadu_ps(b + 2 * kPlane)), p, q, r);
+    const __m128 h0 = Sv(p, q, r, U);
+    transpose3(op(_mm_loadu_ps(b + kRow)), op(_mm_loadu_ps(b + kRow + kPlane)), op(_mm_loadu_ps(b + kRow + 2 * kPlane)),
+               p, q, r);
+    const __m128 h1 = Sv(p, q, r, U);
+    transpose3(op(_mm_loadu_ps(b + 2 * kRow)), op(_mm_loadu_ps(b + 2 * kRow + kPlane)),
+               op(_mm_loadu_ps(b + 2 * kRow + 2 * kPlane)), p, q, r);
+    const __m128 h2 = Sv(p, q, r, U);
+    const __m128 G = Sv(h0, h1, h2, V);
     const float g0 = _mm_cvtss_f32(G);
     const float g1 = _mm_cvtss_f32(_mm_shuffle_ps(G, G, _MM_SHUFFLE(1, 1, 1, 1)));
     const float g2 = _mm_cvtss_f32(_mm_movehl_ps(G, G));
     return S(g0, g1, g2, _mm_cvtss_f32(_mm_movehl_ps(c.w, c.w)));
 }
 
-/* The x indices are consecutive unless the cell touches the tile edge. */
-template <class RowOp> DRUX_NOISE_INLINE float blend3Rows(const Cells3 &c, RowOp op)
+struct SameRow {
+    DRUX_NOISE_INLINE __m128 operator()(__m128 row) const { return row; }
+};
+
+/* The fourth-axis blend of the 4D noise on four lanes (see noise_scalar_4d). */
+struct FourthAxis {
+    __m128 h0, h1, h2, w;
+    static DRUX_NOISE_INLINE __m128 frac(__m128 v) { return _mm_sub_ps(v, _mm_cvtepi32_ps(_mm_cvttps_epi32(v))); }
+    DRUX_NOISE_INLINE __m128 operator()(__m128 row) const
+    {
+        const __m128 g = _mm_add_ps(row, _mm_set1_ps(2.0f));
+        return Sv(frac(_mm_mul_ps(h0, g)), frac(_mm_mul_ps(h1, g)), frac(_mm_mul_ps(h2, g)), w);
+    }
+};
+
+#ifdef DRUX_NOISE_DISPATCH
+/*
+ * The same steps with AVX2 instructions (no fused multiply-add), chosen once
+ * at load time on processors that have them: SSE4.1 floor for the fractions,
+ * eight-lane blends for two y rows at a time, three-operand forms.  Every
+ * lane performs the single-precision operations of S in the same order, so
+ * the results are bit for bit those of the SSE2 and scalar code.
+ */
+#define DRUX_AVX2_INLINE inline __attribute__((target("avx2"), always_inline))
+
+DRUX_AVX2_INLINE __m256 Sv8(__m256 p, __m256 q, __m256 r, __m256 f)
 {
-    return c.x[0] < c.x[2] ? blend3Sse<true>(c, op) : blend3Sse<false>(c, op);
+    const __m256 pq = _mm256_sub_ps(p, q);
+    const __m256 inner = _mm256_sub_ps(_mm256_mul_ps(_mm256_add_ps(_mm256_sub_ps(p, _mm256_add_ps(q, q)), r), f),
+                                       _mm256_add_ps(pq, pq));
+    return _mm256_add_ps(_mm256_add_ps(p, q), _mm256_mul_ps(f, inner));
 }
+
+DRUX_AVX2_INLINE __m128 Sv4(__m128 p, __m128 q, __m128 r, __m128 f)
+{
+    const __m128 pq = _mm_sub_ps(p, q);
+    const __m128 inner = _mm_sub_ps(_mm_mul_ps(_mm_add_ps(_mm_sub_ps(p, _mm_add_ps(q, q)), r), f), _mm_add_ps(pq, pq));
+    return _mm_add_ps(_mm_add_ps(p, q), _mm_mul_ps(f, inner));
+}
+
+DRUX_AVX2_INLINE void transpose3x8(__m256 r0, __m256 r1, __m256 r2, __m256 &p, __m256 &q, __m256 &r)
+{
+    const __m256 lo = _mm256_unpacklo_ps(r0, r1);
+    const __m256 hi = _mm256_unpackhi_ps(r0, r1);
+    p = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(lo), _mm256_castps_pd(r2)));
+    q = _mm256_shuffle_ps(lo, r2, _MM_SHUFFLE(1, 1, 3, 2));
+    r = _mm256_shuffle_ps(hi, r2, _MM_SHUFFLE(2, 2, 1, 0));
+}
+
+DRUX_AVX2_INLINE void transpose3x4(__m128 r0, __m128 r1, __m128 r2, __m128 &p, __m128 &q, __m128 &r)
+{
+    const __m128 lo = _mm_unpacklo_ps(r0, r1);
+    const __m128 hi = _mm_unpackhi_ps(r0, r1);
+    p = _mm_castpd_ps(_mm_unpacklo_pd(_mm_castps_pd(lo), _mm_castps_pd(r2)));
+    q = _mm_shuffle_ps(lo, r2, _MM_SHUFFLE(1, 1, 3, 2));
+    r = _mm_shuffle_ps(hi, r2, _MM_SHUFFLE(2, 2, 1, 0));
+}
+
+DRUX_AVX2_INLINE bool cells3Avx2(double x, double y, double z, Cell3 &cell)
+{
+    __m256d p = _mm256_set_m128d(_mm_set1_pd(z), _mm_setr_pd(x, y)); /* x y z z */
+    const __m256d absMask = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7FFFFFFFFFFFFFFFll));
+    const __m256d in = _mm256_cmp_pd(_mm256_and_pd(p, absMask), _mm256_set1_pd(kRangeLimit), _CMP_LE_OQ);
+    if (__builtin_expect(_mm256_movemask_pd(in) != 15, 0)) {
+        if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+            return false;
+        p = _mm256_and_pd(p, in); /* beyond the range: coordinate 0 */
+    }
+    /* x - floor(x) equals the fraction of fracDouble (floor is exact) */
+    const __m256d f = _mm256_sub_pd(p, _mm256_floor_pd(p));
+    const __m128 t = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_set1_pd(padded.side), f));
+    const __m128i n = _mm_cvttps_epi32(t);
+    const __m128i n16 = _mm_packs_epi32(n, n);
+    const __m128i off = _mm_madd_epi16(n16, _mm_setr_epi16(4, 4 * kRow, 4 * kPlane, 0, 0, 0, 0, 0));
+    const int bytes = _mm_cvtsi128_si32(_mm_add_epi32(off, _mm_shuffle_epi32(off, _MM_SHUFFLE(1, 1, 1, 1))));
+    cell.base = reinterpret_cast<const float *>(reinterpret_cast<const char *>(padded.v) + bytes);
+    cell.w = _mm_sub_ps(t, _mm_cvtepi32_ps(n));
+    return true;
+}
+
+/* Two rows, y = j and y = j + 1 of one z plane, in the two halves. */
+DRUX_AVX2_INLINE __m256 rowPair(const float *p)
+{
+    return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(p)), _mm_loadu_ps(p + kRow), 1);
+}
+
+/* blend3Sse with the rows of y0 and y1 in one eight-lane vector. */
+template <class RowOp> DRUX_AVX2_INLINE float blend3Avx2(const Cell3 &c, RowOp op)
+{
+    const float *b = c.base;
+    const __m256 U = _mm256_broadcastss_ps(c.w);
+    __m256 p8, q8, r8;
+    transpose3x8(op(rowPair(b)), op(rowPair(b + kPlane)), op(rowPair(b + 2 * kPlane)), p8, q8, r8);
+    const __m256 h01 = Sv8(p8, q8, r8, U);
+    __m128 p, q, r;
+    transpose3x4(op(_mm_loadu_ps(b + 2 * kRow)), op(_mm_loadu_ps(b + 2 * kRow + kPlane)),
+                 op(_mm_loadu_ps(b + 2 * kRow + 2 * kPlane)), p, q, r);
+    const __m128 h2 = Sv4(p, q, r, _mm256_castps256_ps128(U));
+    const __m128 G = Sv4(_mm256_castps256_ps128(h01), _mm256_extractf128_ps(h01, 1), h2,
+                         _mm_shuffle_ps(c.w, c.w, _MM_SHUFFLE(1, 1, 1, 1)));
+    const float g0 = _mm_cvtss_f32(G);
+    const float g1 = _mm_cvtss_f32(_mm_movehdup_ps(G));
+    const float g2 = _mm_cvtss_f32(_mm_movehl_ps(G, G));
+    return S(g0, g1, g2, _mm_cvtss_f32(_mm_movehl_ps(c.w, c.w)));
+}
+
+struct SameRowAvx2 {
+    DRUX_AVX2_INLINE __m256 operator()(__m256 row) const { return row; }
+    DRUX_AVX2_INLINE __m128 operator()(__m128 row) const { return row; }
+};
+
+struct FourthAxisAvx2 {
+    float h0, h1, h2, w;
+    /* v - trunc(v): the products stay below 2^24, so rounding toward zero
+       gives the same value as the truncation through int. */
+    static DRUX_AVX2_INLINE __m256 frac(__m256 v) { return _mm256_sub_ps(v, _mm256_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC)); }
+    static DRUX_AVX2_INLINE __m128 frac(__m128 v) { return _mm_sub_ps(v, _mm_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC)); }
+    DRUX_AVX2_INLINE __m256 operator()(__m256 row) const
+    {
+        const __m256 g = _mm256_add_ps(row, _mm256_set1_ps(2.0f));
+        return Sv8(frac(_mm256_mul_ps(_mm256_set1_ps(h0), g)), frac(_mm256_mul_ps(_mm256_set1_ps(h1), g)),
+                   frac(_mm256_mul_ps(_mm256_set1_ps(h2), g)), _mm256_set1_ps(w));
+    }
+    DRUX_AVX2_INLINE __m128 operator()(__m128 row) const
+    {
+        const __m128 g = _mm_add_ps(row, _mm_set1_ps(2.0f));
+        return Sv4(frac(_mm_mul_ps(_mm_set1_ps(h0), g)), frac(_mm_mul_ps(_mm_set1_ps(h1), g)),
+                   frac(_mm_mul_ps(_mm_set1_ps(h2), g)), _mm_set1_ps(w));
+    }
+};
+#endif
 #endif
 
 /* ---- gradient noise */
@@ -278,6 +437,9 @@ struct LockGuard {
     LockGuard &operator=(const LockGuard &) = delete;
 };
 
+inline float lerp(float s, float m, float n) { return m + (n - m) * s; }
+
+#ifndef DRUX_NOISE_SSE
 /* Integer part, offsets and fade weight of one gradient-noise coordinate.
    Returns false for a non-number. */
 struct GradAxis {
@@ -297,11 +459,130 @@ inline bool gradAxis(float q, GradAxis &a)
     return true;
 }
 
-inline float lerp(float s, float m, float n) { return m + (n - m) * s; }
-
 inline float gdot(const miVector &g, float x, float y, float z) { return g.x * x + g.y * y + g.z * z; }
+#endif
+
+
+/* ---- 3D and 4D value noise, one variant per instruction set */
+
+/* The fourth axis of the 4D noise: weight and the three multipliers.
+   Returns false for a non-number w. */
+struct Fourth {
+    float h0, h1, h2, w;
+};
+inline bool fourthAxis(int cells, double w, Fourth &f)
+{
+    double fw;
+    if (!fracDouble(w, fw))
+        return false;
+    const int nCells = cells > kMaxCells4d ? kMaxCells4d : (cells < 0 ? 0 : cells);
+    const float s = static_cast<float>(static_cast<double>(nCells) * fw);
+    const int k = static_cast<int>(s);
+    const float *T = NoiseTable;
+    const float kMul = 21568.16f; /* 0x46A88052 */
+    f = {(T[k] + 1.0f) * kMul, (T[k + 1] + 1.0f) * kMul, (T[k + 2] + 1.0f) * kMul, s - static_cast<float>(k)};
+    return true;
+}
+
+#ifndef DRUX_NOISE_SSE
+float noise3dPlain(double x, double y, double z)
+{
+    double fx, fy, fz;
+    if (!fracDouble(x, fx) || !fracDouble(y, fy) || !fracDouble(z, fz))
+        return nanF();
+    const double side = KELU_CUBE_SIDE;
+    const AxisF a = cellF(static_cast<float>(side * fx), 0);
+    const AxisF b = cellF(static_cast<float>(side * fy), 5);
+    const AxisF c = cellF(static_cast<float>(side * fz), 10);
+    const float *T = NoiseTable;
+    return 0.125f * blend3Scalar(a, b, c, [T](unsigned p) { return T[p]; });
+}
+
+float noise4dPlain(int cells, double x, double y, double z, double w)
+{
+    Fourth h;
+    if (!fourthAxis(cells, w, h))
+        return nanF();
+    double fx, fy, fz;
+    if (!fracDouble(x, fx) || !fracDouble(y, fy) || !fracDouble(z, fz))
+        return nanF();
+    const double side = KELU_CUBE_SIDE;
+    const AxisF a = cellF(static_cast<float>(side * fx), 0);
+    const AxisF b = cellF(static_cast<float>(side * fy), 5);
+    const AxisF c = cellF(static_cast<float>(side * fz), 10);
+    const float *T = NoiseTable;
+    auto fourth = [&](unsigned p) {
+        const float g = T[p] + 2.0f;
+        const float a0 = h.h0 * g, a1 = h.h1 * g, a2 = h.h2 * g;
+        return S(a0 - static_cast<float>(static_cast<int>(a0)), a1 - static_cast<float>(static_cast<int>(a1)),
+                 a2 - static_cast<float>(static_cast<int>(a2)), h.w);
+    };
+    return 0.125f * blend3Scalar(a, b, c, fourth) - 1.0f;
+}
+#else
+float noise3dSse2(double x, double y, double z)
+{
+    Cell3 c;
+    if (!cells3(x, y, z, c))
+        return nanF();
+    return 0.125f * blend3Sse(c, SameRow());
+}
+
+float noise4dSse2(int cells, double x, double y, double z, double w)
+{
+    Fourth h;
+    if (!fourthAxis(cells, w, h))
+        return nanF();
+    Cell3 c;
+    if (!cells3(x, y, z, c))
+        return nanF();
+    const FourthAxis op{_mm_set1_ps(h.h0), _mm_set1_ps(h.h1), _mm_set1_ps(h.h2), _mm_set1_ps(h.w)};
+    return 0.125f * blend3Sse(c, op) - 1.0f;
+}
+#endif
+
+#ifdef DRUX_NOISE_DISPATCH
+__attribute__((target("avx2"))) float noise3dAvx2(double x, double y, double z)
+{
+    Cell3 c;
+    if (!cells3Avx2(x, y, z, c))
+        return nanF();
+    return 0.125f * blend3Avx2(c, SameRowAvx2());
+}
+
+__attribute__((target("avx2"))) float noise4dAvx2(int cells, double x, double y, double z, double w)
+{
+    Fourth h;
+    if (!fourthAxis(cells, w, h))
+        return nanF();
+    Cell3 c;
+    if (!cells3Avx2(x, y, z, c))
+        return nanF();
+    return 0.125f * blend3Avx2(c, FourthAxisAvx2{h.h0, h.h1, h.h2, h.w}) - 1.0f;
+}
+
+/* Runs inside the loader's relocation of the library, before any
+   sanitizer runtime is ready: no instrumentation. */
+#define DRUX_NOISE_RESOLVER __attribute__((used, no_sanitize("address", "undefined", "thread")))
+DRUX_NOISE_RESOLVER bool haveAvx2()
+{
+    __builtin_cpu_init(); /* resolvers may run before the processor model is set up */
+    return __builtin_cpu_supports("avx2");
+}
+#endif
 
 } // namespace
+
+#ifdef DRUX_NOISE_DISPATCH
+/* Load-time selection of the variant behind each dispatched entry point. */
+extern "C" {
+DRUX_NOISE_RESOLVER static float (*resolveNoiseScalar3d())(double, double, double) { return haveAvx2() ? noise3dAvx2 : noise3dSse2; }
+DRUX_NOISE_RESOLVER static float (*resolveNoiseScalar4d())(int, double, double, double, double)
+{
+    return haveAvx2() ? noise4dAvx2 : noise4dSse2;
+}
+}
+#endif
 
 extern "C" {
 
@@ -370,26 +651,20 @@ DRUX_API float noise_scalar_2d(double x, double y)
 }
 
 /* 3D noise: fractions in double, lattice position rounded to single, blends
-   in single; period 1 in x, y and z. */
+   in single; period 1 in x, y and z.  On x86 the variant for the processor
+   is chosen once when the library is loaded. */
+#ifdef DRUX_NOISE_DISPATCH
+DRUX_API float noise_scalar_3d(double x, double y, double z) __attribute__((ifunc("resolveNoiseScalar3d")));
+#else
 DRUX_API float noise_scalar_3d(double x, double y, double z)
 {
 #ifdef DRUX_NOISE_SSE
-    Cells3 cells;
-    if (!cells3(x, y, z, cells))
-        return nanF();
-    return 0.125f * blend3Rows(cells, [](__m128 row) __attribute__((always_inline)) { return row; });
+    return noise3dSse2(x, y, z);
 #else
-    double fx, fy, fz;
-    if (!fracDouble(x, fx) || !fracDouble(y, fy) || !fracDouble(z, fz))
-        return nanF();
-    const double side = KELU_CUBE_SIDE;
-    const AxisF a = cellF(static_cast<float>(side * fx), 0);
-    const AxisF b = cellF(static_cast<float>(side * fy), 5);
-    const AxisF c = cellF(static_cast<float>(side * fz), 10);
-    const float *T = NoiseTable;
-    return 0.125f * blend3Scalar(a, b, c, [T](unsigned p) { return T[p]; });
+    return noise3dPlain(x, y, z);
 #endif
 }
+#endif
 
 /*
  * 4D noise: a 3D lattice whose every point carries its own 1D lattice along
@@ -403,52 +678,19 @@ DRUX_API float noise_scalar_3d(double x, double y, double z)
  * The products h_j * g stay below 2^24 (h < 43,136.32, g < 3), so their
  * truncation through int is exact and defined.
  */
+#ifdef DRUX_NOISE_DISPATCH
+DRUX_API float noise_scalar_4d(int cells, double x, double y, double z, double w)
+    __attribute__((ifunc("resolveNoiseScalar4d")));
+#else
 DRUX_API float noise_scalar_4d(int cells, double x, double y, double z, double w)
 {
-    double fw;
-    if (!fracDouble(w, fw))
-        return nanF();
-    const int nCells = cells > kMaxCells4d ? kMaxCells4d : (cells < 0 ? 0 : cells);
-    const float s = static_cast<float>(static_cast<double>(nCells) * fw);
-    const int k = static_cast<int>(s);
-    const float ww = s - static_cast<float>(k);
-
-    const float *T = NoiseTable;
-    const float kMul = 21568.16f; /* 0x46A88052 */
-    const float h0 = (T[k] + 1.0f) * kMul;
-    const float h1 = (T[k + 1] + 1.0f) * kMul;
-    const float h2 = (T[k + 2] + 1.0f) * kMul;
 #ifdef DRUX_NOISE_SSE
-    Cells3 spatial;
-    if (!cells3(x, y, z, spatial))
-        return nanF();
-    const __m128 H0 = _mm_set1_ps(h0), H1 = _mm_set1_ps(h1), H2 = _mm_set1_ps(h2);
-    const __m128 W = _mm_set1_ps(ww), two = _mm_set1_ps(2.0f);
-    auto frac = [](__m128 v) __attribute__((always_inline)) {
-        return _mm_sub_ps(v, _mm_cvtepi32_ps(_mm_cvttps_epi32(v)));
-    };
-    auto fourth = [&](__m128 row) __attribute__((always_inline)) {
-        const __m128 g = _mm_add_ps(row, two);
-        return Sv(frac(_mm_mul_ps(H0, g)), frac(_mm_mul_ps(H1, g)), frac(_mm_mul_ps(H2, g)), W);
-    };
-    return 0.125f * blend3Rows(spatial, fourth) - 1.0f;
+    return noise4dSse2(cells, x, y, z, w);
 #else
-    double fx, fy, fz;
-    if (!fracDouble(x, fx) || !fracDouble(y, fy) || !fracDouble(z, fz))
-        return nanF();
-    const double side = KELU_CUBE_SIDE;
-    const AxisF a = cellF(static_cast<float>(side * fx), 0);
-    const AxisF b = cellF(static_cast<float>(side * fy), 5);
-    const AxisF c = cellF(static_cast<float>(side * fz), 10);
-    auto fourth = [&](unsigned p) {
-        const float g = T[p] + 2.0f;
-        const float a0 = h0 * g, a1 = h1 * g, a2 = h2 * g;
-        return S(a0 - static_cast<float>(static_cast<int>(a0)), a1 - static_cast<float>(static_cast<int>(a1)),
-                 a2 - static_cast<float>(static_cast<int>(a2)), ww);
-    };
-    return 0.125f * blend3Scalar(a, b, c, fourth) - 1.0f;
+    return noise4dPlain(cells, x, y, z, w);
 #endif
 }
+#endif
 
 /*
  * 2D noise with its slopes, in double precision: (twice d value / d cell x,

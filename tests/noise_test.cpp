@@ -492,4 +492,213 @@ TEST(GradientNoise, ConcurrentInitAndEvaluation)
     });
 }
 
+
+// ------------------------------------------------------------ reference evaluation
+//
+// The noises evaluated step by step as plainly as possible: one scalar
+// single-precision operation after another, in the order of the blend
+// formula.  The library's vector code must give the same bits for every
+// input: the rounding of each step is part of the results.
+
+#if defined(__clang__)
+#pragma clang fp contract(off)
+#elif defined(__GNUC__)
+#pragma GCC push_options
+#pragma GCC optimize("fp-contract=off")
+#endif
+
+namespace plain {
+
+float S(float p, float q, float r, float f) { return p + q + f * ((p - 2.0f * q + r) * f - 2.0f * (p - q)); }
+
+// x - floor(x) in double; beyond +-1e9 the coordinate counts as 0.
+double fraction(double x)
+{
+    if (!(std::fabs(x) <= 1e9))
+        return 0.0;
+    int n = static_cast<int>(x);
+    n -= x < static_cast<double>(n);
+    return x - static_cast<double>(n);
+}
+
+struct Axis {
+    int i[3]; // the three wrapped lattice cells
+    float w;  // weight within the cell
+};
+
+Axis axis(double x)
+{
+    const float t = static_cast<float>(32.0 * fraction(x));
+    const int n = static_cast<int>(t);
+    return {{(n - 1) & 31, n & 31, (n + 1) & 31}, t - static_cast<float>(n)};
+}
+
+// Rows along x, then y, then z; `value` gives a lattice point's value.
+template <class V> float blend3(const Axis &a, const Axis &b, const Axis &c, V value)
+{
+    float g[3];
+    for (int k = 0; k < 3; ++k) {
+        float h[3];
+        for (int j = 0; j < 3; ++j) {
+            const int row = 32 * b.i[j] + 1024 * c.i[k];
+            h[j] = S(value(row + a.i[0]), value(row + a.i[1]), value(row + a.i[2]), a.w);
+        }
+        g[k] = S(h[0], h[1], h[2], b.w);
+    }
+    return S(g[0], g[1], g[2], c.w);
+}
+
+float noise3(double x, double y, double z)
+{
+    if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+        return NAN;
+    return 0.125f * blend3(axis(x), axis(y), axis(z), [](int p) { return T[p]; });
+}
+
+float noise4(int cells, double x, double y, double z, double w)
+{
+    if (std::isnan(x) || std::isnan(y) || std::isnan(z) || std::isnan(w))
+        return NAN;
+    const int n = cells < 0 ? 0 : cells > 60000 ? 60000 : cells;
+    const float s = static_cast<float>(n * fraction(w));
+    const int k = static_cast<int>(s);
+    const float ww = s - static_cast<float>(k);
+    const float C = 21568.16f;
+    const float h0 = (T[k] + 1.0f) * C, h1 = (T[k + 1] + 1.0f) * C, h2 = (T[k + 2] + 1.0f) * C;
+    auto value = [&](int p) {
+        const float g = T[p] + 2.0f;
+        const float a0 = h0 * g, a1 = h1 * g, a2 = h2 * g;
+        return S(a0 - std::trunc(a0), a1 - std::trunc(a1), a2 - std::trunc(a2), ww);
+    };
+    return 0.125f * blend3(axis(x), axis(y), axis(z), value) - 1.0f;
+}
+
+float lerp(float s, float m, float n) { return m + (n - m) * s; }
+
+float gradient3(const std::vector<miVector> &G, float x, float y, float z)
+{
+    if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+        return NAN;
+    int i[3];
+    float f0[3], f1[3], s[3];
+    const float q[3] = {x, y, z};
+    for (int a = 0; a < 3; ++a) {
+        if (!(std::fabs(q[a]) <= 1e9f)) {
+            i[a] = 0, f0[a] = 0.0f, f1[a] = -1.0f, s[a] = 0.0f;
+            continue;
+        }
+        i[a] = static_cast<int>(q[a]);
+        i[a] -= q[a] < static_cast<float>(i[a]);
+        f0[a] = q[a] - static_cast<float>(i[a]);
+        f1[a] = f0[a] - 1.0f;
+        s[a] = f0[a] * f0[a] * (3.0f - 2.0f * f0[a]);
+    }
+    const unsigned char *P = PermutationArray;
+    auto corner = [&](int a, int b, int e) {
+        const int h = P[(i[0] + a + P[(i[1] + b + P[(i[2] + e) & 255]) & 255]) & 255];
+        const float ox = a ? f1[0] : f0[0], oy = b ? f1[1] : f0[1], oz = e ? f1[2] : f0[2];
+        return G[h].x * ox + G[h].y * oy + G[h].z * oz;
+    };
+    const float y0 = lerp(s[1], lerp(s[0], corner(0, 0, 0), corner(1, 0, 0)), lerp(s[0], corner(0, 1, 0), corner(1, 1, 0)));
+    const float y1 = lerp(s[1], lerp(s[0], corner(0, 0, 1), corner(1, 0, 1)), lerp(s[0], corner(0, 1, 1), corner(1, 1, 1)));
+    return lerp(s[2], y0, y1);
+}
+
+} // namespace plain
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC pop_options
+#endif
+
+// Coordinates that reach every branch of the set-up: cell borders and whole
+// numbers from both sides, the wrap-around cells 0 and 31, tiny negatives
+// whose fraction rounds to 1, the +-1e9 limit and beyond, non-numbers.
+struct CoordinateSource {
+    std::mt19937_64 rng{20240611};
+    std::uniform_real_distribution<double> unit{0.0, 1.0};
+    double operator()()
+    {
+        static const double special[] = {0.0, -0.0, 1.0, -1.0, 0.5, -0.5, 1e9, -1e9, 1e9 + 0.5, -1e9 - 0.5,
+                                         999999999.75, -999999999.75, 3e9, -1e300, HUGE_VAL, -HUGE_VAL, NAN,
+                                         1e-310, -1e-310, -1e-20, 1 - 0x1p-53, -(1 - 0x1p-53), 2147483647.5};
+        const double whole = static_cast<double>(static_cast<int>(rng() % 2001) - 1000);
+        switch (rng() % 12) {
+        case 0:
+            return special[rng() % (sizeof special / sizeof special[0])];
+        case 1: // a cell border, the edge cells included
+            return whole + static_cast<double>(rng() % 33) / 32.0;
+        case 2: // next to a cell border
+            return std::nextafter(whole + static_cast<double>(rng() % 33) / 32.0, rng() % 2 ? 1e300 : -1e300);
+        case 3: // within a cell width of the tile edge
+            return whole + (rng() % 2 ? 1.0 : 0.0) + (unit(rng) - 0.5) / 16.0;
+        case 4:
+            return (unit(rng) * 2 - 1) * 1.5e9;
+        case 5:
+            return (unit(rng) * 2 - 1) * 1e-6;
+        default:
+            return (unit(rng) * 2 - 1) * (rng() % 2 ? 4.0 : 3000.0);
+        }
+    }
+};
+
+bool sameBits(float a, float b)
+{
+    uint32_t x, y;
+    std::memcpy(&x, &a, 4);
+    std::memcpy(&y, &b, 4);
+    return x == y || (std::isnan(a) && std::isnan(b));
+}
+
+TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)
+{
+    CoordinateSource coord;
+    int mismatches = 0;
+    for (int n = 0; n < 150000 && mismatches < 10; ++n) {
+        const double x = coord(), y = coord(), z = coord(), w = coord();
+        const float v3 = noise_scalar_3d(x, y, z), e3 = plain::noise3(x, y, z);
+        if (!sameBits(v3, e3)) {
+            ADD_FAILURE() << std::hexfloat << "noise_scalar_3d(" << x << ", " << y << ", " << z << ") = " << v3
+                          << ", expected " << e3;
+            ++mismatches;
+        }
+        const int cells = static_cast<int>(coord.rng() % 70000) - 5000;
+        const float v4 = noise_scalar_4d(cells, x, y, z, w), e4 = plain::noise4(cells, x, y, z, w);
+        if (!sameBits(v4, e4)) {
+            ADD_FAILURE() << std::hexfloat << "noise_scalar_4d(" << cells << ", " << x << ", " << y << ", " << z
+                          << ", " << w << ") = " << v4 << ", expected " << e4;
+            ++mismatches;
+        }
+    }
+    // The whole lattice: every cell along each axis at weights 0 and 1/2.
+    for (int k = 0; k < 32; ++k)
+        for (int j = 0; j < 32; ++j)
+            for (int i = 0; i < 32; ++i) {
+                const double x = (i + 0.5 * (k & 1)) / 32, y = (j + 0.5 * (i & 1)) / 32 - 3, z = k / 32.0 + 7;
+                ASSERT_TRUE(sameBits(noise_scalar_3d(x, y, z), plain::noise3(x, y, z))) << x << " " << y << " " << z;
+            }
+}
+
+TEST(NoiseBits, GradientNoiseMatchesThePlainEvaluation)
+{
+    inFreshProcess([] {
+        mirt::Context ctx;
+        miState *state = ctx.begin_state(0);
+        noise_gradient_init(state);
+        const std::vector<miVector> G = redrawGradients(256);
+        CoordinateSource coord;
+        int mismatches = 0;
+        for (int n = 0; n < 150000 && mismatches < 10; ++n) {
+            const float x = static_cast<float>(coord() * (n % 3 ? 1 : 97)), y = static_cast<float>(coord()),
+                        z = static_cast<float>(coord());
+            const float v = noise_gradient_3d(x, y, z), e = plain::gradient3(G, x, y, z);
+            if (!sameBits(v, e)) {
+                ADD_FAILURE() << std::hexfloat << "noise_gradient_3d(" << x << ", " << y << ", " << z << ") = " << v
+                              << ", expected " << e;
+                ++mismatches;
+            }
+        }
+        ctx.end_state(state);
+    });
+}
+
 } // namespace
