@@ -541,6 +541,172 @@ float noise4dSse2(int cells, double x, double y, double z, double w)
 }
 #endif
 
+
+/* ---- gradient noise, one variant per instruction set */
+
+/* The permutation hashes of the eight corners around cell (i, j, k), in the
+   order (a, b, e) = 000, 010, 001, 011, 100, 110, 101, 111. */
+struct CornerHashes {
+    unsigned h000, h010, h001, h011, h100, h110, h101, h111;
+};
+DRUX_NOISE_INLINE CornerHashes cornerHashes(unsigned i, unsigned j, unsigned k)
+{
+    const unsigned char *P = PermutationArray;
+    const unsigned pk0 = P[k & 255u], pk1 = P[(k + 1u) & 255u];
+    const unsigned pj00 = P[(j + pk0) & 255u], pj10 = P[(j + 1u + pk0) & 255u];
+    const unsigned pj01 = P[(j + pk1) & 255u], pj11 = P[(j + 1u + pk1) & 255u];
+    return {P[(i + pj00) & 255u],      P[(i + pj10) & 255u],      P[(i + pj01) & 255u],      P[(i + pj11) & 255u],
+            P[(i + 1u + pj00) & 255u], P[(i + 1u + pj10) & 255u], P[(i + 1u + pj01) & 255u], P[(i + 1u + pj11) & 255u]};
+}
+
+#ifndef DRUX_NOISE_SSE
+float gradient3dPlain(float x, float y, float z)
+{
+    const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
+    if (!G)
+        return 0.0f;
+    GradAxis ax, ay, az;
+    if (!gradAxis(x, ax) || !gradAxis(y, ay) || !gradAxis(z, az))
+        return nanF();
+    const CornerHashes c = cornerHashes(static_cast<unsigned>(ax.i), static_cast<unsigned>(ay.i),
+                                        static_cast<unsigned>(az.i));
+    const float c000 = gdot(G[c.h000], ax.f0, ay.f0, az.f0);
+    const float c100 = gdot(G[c.h100], ax.f1, ay.f0, az.f0);
+    const float c010 = gdot(G[c.h010], ax.f0, ay.f1, az.f0);
+    const float c110 = gdot(G[c.h110], ax.f1, ay.f1, az.f0);
+    const float c001 = gdot(G[c.h001], ax.f0, ay.f0, az.f1);
+    const float c101 = gdot(G[c.h101], ax.f1, ay.f0, az.f1);
+    const float c011 = gdot(G[c.h011], ax.f0, ay.f1, az.f1);
+    const float c111 = gdot(G[c.h111], ax.f1, ay.f1, az.f1);
+
+    const float y0 = lerp(ay.s, lerp(ax.s, c000, c100), lerp(ax.s, c010, c110));
+    const float y1 = lerp(ay.s, lerp(ax.s, c001, c101), lerp(ax.s, c011, c111));
+    return lerp(az.s, y0, y1);
+}
+#else
+/* Integer parts, offsets f0 and f1 = f0 - 1 and fade weights of the three
+   coordinates at once, as gradAxis does it per axis (lanes x, y, z, -).
+   Returns false for a non-number. */
+struct GradCell {
+    unsigned i, j, k;
+    __m128 f0, f1, fade;
+};
+DRUX_NOISE_INLINE bool gradCell(float x, float y, float z, GradCell &c)
+{
+    __m128 q = _mm_setr_ps(x, y, z, 0.0f);
+    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    const __m128 in = _mm_cmple_ps(_mm_and_ps(q, absMask), _mm_set1_ps(1e9f));
+    if (__builtin_expect(_mm_movemask_ps(in) != 15, 0)) {
+        if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+            return false;
+        q = _mm_and_ps(q, in); /* beyond the range: 0 */
+    }
+    const __m128 one = _mm_set1_ps(1.0f);
+    __m128i iv = _mm_cvttps_epi32(q);
+    __m128 fl = _mm_cvtepi32_ps(iv);
+    const __m128 below = _mm_cmplt_ps(q, fl); /* non-whole negatives: truncation - 1 */
+    iv = _mm_add_epi32(iv, _mm_castps_si128(below));
+    fl = _mm_sub_ps(fl, _mm_and_ps(below, one));
+    c.f0 = _mm_sub_ps(q, fl);
+    c.f1 = _mm_sub_ps(c.f0, one);
+    c.fade = _mm_mul_ps(_mm_mul_ps(c.f0, c.f0), _mm_sub_ps(_mm_set1_ps(3.0f), _mm_add_ps(c.f0, c.f0)));
+    c.i = static_cast<unsigned>(_mm_cvtsi128_si32(iv));
+    c.j = static_cast<unsigned>(_mm_cvtsi128_si32(_mm_shuffle_epi32(iv, _MM_SHUFFLE(1, 1, 1, 1))));
+    c.k = static_cast<unsigned>(_mm_cvtsi128_si32(_mm_shuffle_epi32(iv, _MM_SHUFFLE(2, 2, 2, 2))));
+    return true;
+}
+
+/* The blends along x (lanes (b, e) = 00, 10, 01, 11 of the corner values cA
+   with a = 0 and cB with a = 1), then y, then z, as lerp does them. */
+DRUX_NOISE_INLINE float gradBlend(__m128 cA, __m128 cB, __m128 fade)
+{
+    const __m128 sx = _mm_shuffle_ps(fade, fade, _MM_SHUFFLE(0, 0, 0, 0));
+    const __m128 sy = _mm_shuffle_ps(fade, fade, _MM_SHUFFLE(1, 1, 1, 1));
+    const __m128 xl = _mm_add_ps(cA, _mm_mul_ps(_mm_sub_ps(cB, cA), sx));
+    const __m128 m = _mm_shuffle_ps(xl, xl, _MM_SHUFFLE(2, 0, 2, 0));
+    const __m128 n = _mm_shuffle_ps(xl, xl, _MM_SHUFFLE(3, 1, 3, 1));
+    const __m128 yl = _mm_add_ps(m, _mm_mul_ps(_mm_sub_ps(n, m), sy));
+    const float y0 = _mm_cvtss_f32(yl);
+    const float y1 = _mm_cvtss_f32(_mm_shuffle_ps(yl, yl, _MM_SHUFFLE(1, 1, 1, 1)));
+    return lerp(_mm_cvtss_f32(_mm_movehl_ps(fade, fade)), y0, y1);
+}
+
+/* Offsets of the corners along y and z for the lanes (b, e) = 00, 10, 01, 11. */
+DRUX_NOISE_INLINE void gradOffsets(const GradCell &c, __m128 &offY, __m128 &offZ)
+{
+    const __m128 lo = _mm_unpacklo_ps(c.f0, c.f1); /* f0x f1x f0y f1y */
+    const __m128 hi = _mm_unpackhi_ps(c.f0, c.f1); /* f0z f1z  -   -  */
+    offY = _mm_shuffle_ps(lo, lo, _MM_SHUFFLE(3, 2, 3, 2)); /* f0y f1y f0y f1y */
+    offZ = _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(1, 1, 0, 0)); /* f0z f0z f1z f1z */
+}
+
+/* Lanes are the corners (b, e) = (0,0), (1,0), (0,1), (1,1); group A has
+   a = 0, group B a = 1.  A gradient is read as four floats (x, y, z and the
+   next entry's x, unused): entries up to 255 only, far inside the table. */
+float gradient3dSse2(float x, float y, float z)
+{
+    const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
+    if (!G)
+        return 0.0f;
+    GradCell c;
+    if (!gradCell(x, y, z, c))
+        return nanF();
+    const CornerHashes h = cornerHashes(c.i, c.j, c.k);
+    auto group = [G](unsigned h0, unsigned h1, unsigned h2, unsigned h3, __m128 &gx, __m128 &gy, __m128 &gz)
+                     __attribute__((always_inline)) {
+        const __m128 g0 = _mm_loadu_ps(&G[h0].x), g1 = _mm_loadu_ps(&G[h1].x);
+        const __m128 g2 = _mm_loadu_ps(&G[h2].x), g3 = _mm_loadu_ps(&G[h3].x);
+        const __m128 t0 = _mm_unpacklo_ps(g0, g1), t1 = _mm_unpacklo_ps(g2, g3);
+        const __m128 t2 = _mm_unpackhi_ps(g0, g1), t3 = _mm_unpackhi_ps(g2, g3);
+        gx = _mm_movelh_ps(t0, t1);
+        gy = _mm_movehl_ps(t1, t0);
+        gz = _mm_movelh_ps(t2, t3);
+    };
+    __m128 gxA, gyA, gzA, gxB, gyB, gzB, offY, offZ;
+    group(h.h000, h.h010, h.h001, h.h011, gxA, gyA, gzA);
+    group(h.h100, h.h110, h.h101, h.h111, gxB, gyB, gzB);
+    gradOffsets(c, offY, offZ);
+    const __m128 offXA = _mm_shuffle_ps(c.f0, c.f0, _MM_SHUFFLE(0, 0, 0, 0));
+    const __m128 offXB = _mm_shuffle_ps(c.f1, c.f1, _MM_SHUFFLE(0, 0, 0, 0));
+    /* dot products (gx * x + gy * y) + gz * z, as gdot */
+    const __m128 cA = _mm_add_ps(_mm_add_ps(_mm_mul_ps(gxA, offXA), _mm_mul_ps(gyA, offY)), _mm_mul_ps(gzA, offZ));
+    const __m128 cB = _mm_add_ps(_mm_add_ps(_mm_mul_ps(gxB, offXB), _mm_mul_ps(gyB, offY)), _mm_mul_ps(gzB, offZ));
+    return gradBlend(cA, cB, c.fade);
+}
+#endif
+
+#ifdef DRUX_NOISE_DISPATCH
+/* gradient3dSse2 with all eight corners in one eight-lane vector: group A in
+   the low half, group B in the high half. */
+__attribute__((target("avx2"))) float gradient3dAvx2(float x, float y, float z)
+{
+    const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
+    if (!G)
+        return 0.0f;
+    GradCell c;
+    if (!gradCell(x, y, z, c))
+        return nanF();
+    const CornerHashes h = cornerHashes(c.i, c.j, c.k);
+    auto pair = [G](unsigned lo, unsigned hi) __attribute__((always_inline, target("avx2"))) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(&G[lo].x)), _mm_loadu_ps(&G[hi].x), 1);
+    };
+    const __m256 g0 = pair(h.h000, h.h100), g1 = pair(h.h010, h.h110);
+    const __m256 g2 = pair(h.h001, h.h101), g3 = pair(h.h011, h.h111);
+    const __m256d t0 = _mm256_castps_pd(_mm256_unpacklo_ps(g0, g1)), t1 = _mm256_castps_pd(_mm256_unpacklo_ps(g2, g3));
+    const __m256d t2 = _mm256_castps_pd(_mm256_unpackhi_ps(g0, g1)), t3 = _mm256_castps_pd(_mm256_unpackhi_ps(g2, g3));
+    const __m256 gx = _mm256_castpd_ps(_mm256_unpacklo_pd(t0, t1));
+    const __m256 gy = _mm256_castpd_ps(_mm256_unpackhi_pd(t0, t1));
+    const __m256 gz = _mm256_castpd_ps(_mm256_unpacklo_pd(t2, t3));
+    __m128 offY, offZ;
+    gradOffsets(c, offY, offZ);
+    const __m256 offX = _mm256_set_m128(_mm_shuffle_ps(c.f1, c.f1, _MM_SHUFFLE(0, 0, 0, 0)),
+                                        _mm_shuffle_ps(c.f0, c.f0, _MM_SHUFFLE(0, 0, 0, 0)));
+    const __m256 cAB = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(gx, offX), _mm256_mul_ps(gy, _mm256_set_m128(offY, offY))),
+                                     _mm256_mul_ps(gz, _mm256_set_m128(offZ, offZ)));
+    return gradBlend(_mm256_castps256_ps128(cAB), _mm256_extractf128_ps(cAB, 1), c.fade);
+}
+#endif
+
 #ifdef DRUX_NOISE_DISPATCH
 __attribute__((target("avx2"))) float noise3dAvx2(double x, double y, double z)
 {
@@ -580,6 +746,10 @@ DRUX_NOISE_RESOLVER static float (*resolveNoiseScalar3d())(double, double, doubl
 DRUX_NOISE_RESOLVER static float (*resolveNoiseScalar4d())(int, double, double, double, double)
 {
     return haveAvx2() ? noise4dAvx2 : noise4dSse2;
+}
+DRUX_NOISE_RESOLVER static float (*resolveNoiseGradient3d())(float, float, float)
+{
+    return haveAvx2() ? gradient3dAvx2 : gradient3dSse2;
 }
 }
 #endif
@@ -798,104 +968,20 @@ DRUX_API void noise_gradient_init(miState *state)
  * permutation; the eight corner contributions are blended with the cubic
  * fade 3t^2 - 2t^3.  0 at every lattice point, period 256 on each axis.
  * 0.0 while the table has not been built; a non-number coordinate gives a
- * non-number.
+ * non-number.  On x86 the variant for the processor is chosen once when the
+ * library is loaded.
  */
+#ifdef DRUX_NOISE_DISPATCH
+DRUX_API float noise_gradient_3d(float x, float y, float z) __attribute__((ifunc("resolveNoiseGradient3d")));
+#else
 DRUX_API float noise_gradient_3d(float x, float y, float z)
 {
-    const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
-    if (!G)
-        return 0.0f;
-    const unsigned char *P = PermutationArray;
 #ifdef DRUX_NOISE_SSE
-    /* Set-up of the three axes at once, as gradAxis does it per axis. */
-    __m128 q = _mm_setr_ps(x, y, z, 0.0f);
-    if (__builtin_expect(_mm_movemask_ps(_mm_cmpunord_ps(q, q)), 0))
-        return nanF();
-    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-    const __m128 one = _mm_set1_ps(1.0f);
-    q = _mm_and_ps(q, _mm_cmple_ps(_mm_and_ps(q, absMask), _mm_set1_ps(1e9f))); /* beyond: 0 */
-    __m128i iv = _mm_cvttps_epi32(q);
-    __m128 fl = _mm_cvtepi32_ps(iv);
-    const __m128 below = _mm_cmplt_ps(q, fl); /* non-whole negatives: truncation - 1 */
-    iv = _mm_add_epi32(iv, _mm_castps_si128(below));
-    fl = _mm_sub_ps(fl, _mm_and_ps(below, one));
-    const __m128 F0 = _mm_sub_ps(q, fl);
-    const __m128 F1 = _mm_sub_ps(F0, one);
-    const __m128 fade = _mm_mul_ps(_mm_mul_ps(F0, F0), _mm_sub_ps(_mm_set1_ps(3.0f), _mm_add_ps(F0, F0)));
-    const unsigned i = static_cast<unsigned>(_mm_cvtsi128_si32(iv));
-    const unsigned j = static_cast<unsigned>(_mm_cvtsi128_si32(_mm_shuffle_epi32(iv, _MM_SHUFFLE(1, 1, 1, 1))));
-    const unsigned k = static_cast<unsigned>(_mm_cvtsi128_si32(_mm_shuffle_epi32(iv, _MM_SHUFFLE(2, 2, 2, 2))));
+    return gradient3dSse2(x, y, z);
 #else
-    GradAxis ax, ay, az;
-    if (!gradAxis(x, ax) || !gradAxis(y, ay) || !gradAxis(z, az))
-        return nanF();
-    const unsigned i = static_cast<unsigned>(ax.i), j = static_cast<unsigned>(ay.i),
-                   k = static_cast<unsigned>(az.i);
-#endif
-
-    const unsigned pk0 = P[k & 255u], pk1 = P[(k + 1u) & 255u];
-    const unsigned pj00 = P[(j + pk0) & 255u], pj10 = P[(j + 1u + pk0) & 255u];
-    const unsigned pj01 = P[(j + pk1) & 255u], pj11 = P[(j + 1u + pk1) & 255u];
-    const unsigned h000 = P[(i + pj00) & 255u], h100 = P[(i + 1u + pj00) & 255u];
-    const unsigned h010 = P[(i + pj10) & 255u], h110 = P[(i + 1u + pj10) & 255u];
-    const unsigned h001 = P[(i + pj01) & 255u], h101 = P[(i + 1u + pj01) & 255u];
-    const unsigned h011 = P[(i + pj11) & 255u], h111 = P[(i + 1u + pj11) & 255u];
-
-#ifdef DRUX_NOISE_SSE
-    /* Lanes are the corners (b, e) = (0,0), (1,0), (0,1), (1,1); group A has
-       a = 0, group B a = 1.  A gradient is read as four floats (x, y, z and
-       the next entry's x, unused): entries up to 255 only, far inside. */
-    auto grad = [G](unsigned h) __attribute__((always_inline)) { return _mm_loadu_ps(&G[h].x); };
-    __m128 gxA, gyA, gzA, gxB, gyB, gzB;
-    {
-        const __m128 g0 = grad(h000), g1 = grad(h010), g2 = grad(h001), g3 = grad(h011);
-        const __m128 t0 = _mm_unpacklo_ps(g0, g1), t1 = _mm_unpacklo_ps(g2, g3);
-        const __m128 t2 = _mm_unpackhi_ps(g0, g1), t3 = _mm_unpackhi_ps(g2, g3);
-        gxA = _mm_movelh_ps(t0, t1);
-        gyA = _mm_movehl_ps(t1, t0);
-        gzA = _mm_movelh_ps(t2, t3);
-    }
-    {
-        const __m128 g0 = grad(h100), g1 = grad(h110), g2 = grad(h101), g3 = grad(h111);
-        const __m128 t0 = _mm_unpacklo_ps(g0, g1), t1 = _mm_unpacklo_ps(g2, g3);
-        const __m128 t2 = _mm_unpackhi_ps(g0, g1), t3 = _mm_unpackhi_ps(g2, g3);
-        gxB = _mm_movelh_ps(t0, t1);
-        gyB = _mm_movehl_ps(t1, t0);
-        gzB = _mm_movelh_ps(t2, t3);
-    }
-    const __m128 lo = _mm_unpacklo_ps(F0, F1); /* f0x f1x f0y f1y */
-    const __m128 hi = _mm_unpackhi_ps(F0, F1); /* f0z f1z  -   -  */
-    const __m128 offY = _mm_shuffle_ps(lo, lo, _MM_SHUFFLE(3, 2, 3, 2)); /* f0y f1y f0y f1y */
-    const __m128 offZ = _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(1, 1, 0, 0)); /* f0z f0z f1z f1z */
-    const __m128 offXA = _mm_shuffle_ps(F0, F0, _MM_SHUFFLE(0, 0, 0, 0));
-    const __m128 offXB = _mm_shuffle_ps(F1, F1, _MM_SHUFFLE(0, 0, 0, 0));
-    /* dot products (gx * x + gy * y) + gz * z, as gdot */
-    const __m128 cA = _mm_add_ps(_mm_add_ps(_mm_mul_ps(gxA, offXA), _mm_mul_ps(gyA, offY)), _mm_mul_ps(gzA, offZ));
-    const __m128 cB = _mm_add_ps(_mm_add_ps(_mm_mul_ps(gxB, offXB), _mm_mul_ps(gyB, offY)), _mm_mul_ps(gzB, offZ));
-    /* along x: (x00, x10, x01, x11); along y: (y0, y1) from (x00, x01) and (x10, x11) */
-    const __m128 sx = _mm_shuffle_ps(fade, fade, _MM_SHUFFLE(0, 0, 0, 0));
-    const __m128 sy = _mm_shuffle_ps(fade, fade, _MM_SHUFFLE(1, 1, 1, 1));
-    const __m128 xl = _mm_add_ps(cA, _mm_mul_ps(_mm_sub_ps(cB, cA), sx));
-    const __m128 m = _mm_shuffle_ps(xl, xl, _MM_SHUFFLE(2, 0, 2, 0));
-    const __m128 n = _mm_shuffle_ps(xl, xl, _MM_SHUFFLE(3, 1, 3, 1));
-    const __m128 yl = _mm_add_ps(m, _mm_mul_ps(_mm_sub_ps(n, m), sy));
-    const float y0 = _mm_cvtss_f32(yl);
-    const float y1 = _mm_cvtss_f32(_mm_shuffle_ps(yl, yl, _MM_SHUFFLE(1, 1, 1, 1)));
-    return lerp(_mm_cvtss_f32(_mm_movehl_ps(fade, fade)), y0, y1);
-#else
-    const float c000 = gdot(G[h000], ax.f0, ay.f0, az.f0);
-    const float c100 = gdot(G[h100], ax.f1, ay.f0, az.f0);
-    const float c010 = gdot(G[h010], ax.f0, ay.f1, az.f0);
-    const float c110 = gdot(G[h110], ax.f1, ay.f1, az.f0);
-    const float c001 = gdot(G[h001], ax.f0, ay.f0, az.f1);
-    const float c101 = gdot(G[h101], ax.f1, ay.f0, az.f1);
-    const float c011 = gdot(G[h011], ax.f0, ay.f1, az.f1);
-    const float c111 = gdot(G[h111], ax.f1, ay.f1, az.f1);
-
-    const float y0 = lerp(ay.s, lerp(ax.s, c000, c100), lerp(ax.s, c010, c110));
-    const float y1 = lerp(ay.s, lerp(ax.s, c001, c101), lerp(ax.s, c011, c111));
-    return lerp(az.s, y0, y1);
+    return gradient3dPlain(x, y, z);
 #endif
 }
+#endif
 
 } // extern "C"
