@@ -40,7 +40,7 @@ for t in "${targets[@]}"; do
   echo "== fuzz $t: ${seconds}s"
   if "$build/fuzz/${t}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=4096 -print_final_stats=1 \
       -artifact_prefix="$build/artifacts/$t-" "$work" "fuzz/corpus/$t" >"$log" 2>&1; then
-    grep -E '^#[0-9]+ +DONE' "$log" | tail -1 || true
+    grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -1 || true
     grep -E '^stat::(number_of_executed_units|average_exec_per_sec)' "$log" || true
   else
     echo "!! $t failed; last lines of $log:"
