@@ -24,8 +24,9 @@
  * scalar formulas, in the same order, so the results are bit for bit those
  * of the scalar code kept below for other processors (defining
  * DRUX_NOISE_SCALAR selects it on x86 too).  The SSE2 variants work on any
- * x86-64 processor; where the processor has AVX2, variants using it are
- * chosen once when the library is loaded.  The vector 3D and 4D blends read
+ * x86-64 processor; where the processor has AVX2 (and, on AMD processors,
+ * AVX-512), variants using it are chosen once when the library is loaded.
+ * None of them fuses a multiply and an add.  The vector 3D and 4D blends read
  * a copy of the lattice with its wrap-around written out (see
  * PaddedLattice), so the lattice values along y of every row are one load
  * at a fixed offset.
@@ -754,12 +755,14 @@ __attribute__((target("avx2"))) float gradient3dAvx2(float x, float y, float z)
     const __m256 gx = _mm256_castpd_ps(_mm256_unpacklo_pd(t0, t1));
     const __m256 gy = _mm256_castpd_ps(_mm256_unpackhi_pd(t0, t1));
     const __m256 gz = _mm256_castpd_ps(_mm256_unpacklo_pd(t2, t3));
-    __m128 offY, offZ;
-    gradOffsets(c, offY, offZ);
-    const __m256 offX = _mm256_set_m128(_mm_shuffle_ps(c.f1, c.f1, _MM_SHUFFLE(0, 0, 0, 0)),
-                                        _mm_shuffle_ps(c.f0, c.f0, _MM_SHUFFLE(0, 0, 0, 0)));
-    const __m256 cAB = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(gx, offX), _mm256_mul_ps(gy, _mm256_set_m128(offY, offY))),
-                                     _mm256_mul_ps(gz, _mm256_set_m128(offZ, offZ)));
+    /* offsets of the eight corners from (f0 x y z - | f1 x y z -) */
+    const __m256 F = _mm256_set_m128(c.f1, c.f0);
+    const __m256 offX = _mm256_permutevar8x32_ps(F, _mm256_setr_epi32(0, 0, 0, 0, 4, 4, 4, 4));
+    const __m256 offY = _mm256_permutevar8x32_ps(F, _mm256_setr_epi32(1, 5, 1, 5, 1, 5, 1, 5));
+    const __m256 offZ = _mm256_permutevar8x32_ps(F, _mm256_setr_epi32(2, 2, 6, 6, 2, 2, 6, 6));
+    /* dot products (gx * x + gy * y) + gz * z, as gdot */
+    const __m256 cAB =
+        _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(gx, offX), _mm256_mul_ps(gy, offY)), _mm256_mul_ps(gz, offZ));
     return gradBlend(_mm256_castps256_ps128(cAB), _mm256_extractf128_ps(cAB, 1), c.fade);
 }
 #endif
@@ -806,6 +809,9 @@ DRUX_AVX512 float noise4dAvx512(int cells, double x, double y, double z, double 
 /* Runs inside the loader's relocation of the library, before any
    sanitizer runtime is ready: no instrumentation. */
 #define DRUX_NOISE_RESOLVER __attribute__((used, no_sanitize("address", "undefined", "thread")))
+/* The resolvers carry plain C names (which the ifunc attributes name), kept
+   inside the library. */
+#define DRUX_NOISE_HIDDEN __attribute__((visibility("hidden")))
 DRUX_NOISE_RESOLVER bool haveAvx2()
 {
     __builtin_cpu_init(); /* resolvers may run before the processor model is set up */
@@ -824,15 +830,15 @@ DRUX_NOISE_RESOLVER bool haveFastAvx512()
 #ifdef DRUX_NOISE_DISPATCH
 /* Load-time selection of the variant behind each dispatched entry point. */
 extern "C" {
-DRUX_NOISE_RESOLVER static float (*resolveNoiseScalar3d())(double, double, double)
+DRUX_NOISE_RESOLVER DRUX_NOISE_HIDDEN float (*resolveNoiseScalar3d())(double, double, double)
 {
     return haveFastAvx512() ? noise3dAvx512 : haveAvx2() ? noise3dAvx2 : noise3dSse2;
 }
-DRUX_NOISE_RESOLVER static float (*resolveNoiseScalar4d())(int, double, double, double, double)
+DRUX_NOISE_RESOLVER DRUX_NOISE_HIDDEN float (*resolveNoiseScalar4d())(int, double, double, double, double)
 {
     return haveFastAvx512() ? noise4dAvx512 : haveAvx2() ? noise4dAvx2 : noise4dSse2;
 }
-DRUX_NOISE_RESOLVER static float (*resolveNoiseGradient3d())(float, float, float)
+DRUX_NOISE_RESOLVER DRUX_NOISE_HIDDEN float (*resolveNoiseGradient3d())(float, float, float)
 {
     return haveAvx2() ? gradient3dAvx2 : gradient3dSse2;
 }
