@@ -50,7 +50,8 @@
 #include <immintrin.h>
 /* Variants for wider instruction sets, chosen once at load time through an
    indirect function (an ELF feature of the GNU C library's loader);
-   DRUX_NOISE_NO_DISPATCH keeps the SSE2 variants only. */
+   DRUX_NOISE_NO_DISPATCH keeps the SSE2 variants only, DRUX_NOISE_NO_AVX512
+   stops at the AVX2 ones. */
 #if defined(__x86_64__) && defined(__ELF__) && defined(__GLIBC__) && !defined(DRUX_NOISE_NO_DISPATCH)
 #define DRUX_NOISE_DISPATCH 1
 #endif
@@ -820,8 +821,12 @@ DRUX_NOISE_RESOLVER bool haveAvx2()
 
 DRUX_NOISE_RESOLVER bool haveFastAvx512()
 {
+#ifdef DRUX_NOISE_NO_AVX512 /* keeps the AVX2 variants (for checking them) */
+    return false;
+#else
     __builtin_cpu_init();
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("avx512f") && __builtin_cpu_is("amd");
+#endif
 }
 #endif
 
