@@ -279,6 +279,7 @@ bool BvhScene::intersect(const miVector &org, const miVector &dir, double tmin, 
     const double inv[3] = {1.0 / dx, 1.0 / dy, 1.0 / dz};
     const bool neg[3] = {dx < 0, dy < 0, dz < 0};
     const double o[3] = {ox, oy, oz};
+    const double d3[3] = {dx, dy, dz};
 
     const Tri *best = nullptr;
     double bestT = tmax, bestU = 0, bestV = 0;
@@ -310,24 +311,8 @@ bool BvhScene::intersect(const miVector &org, const miVector &dir, double tmin, 
         if (n.count > 0) {
             for (int i = n.first; i < n.first + n.count; ++i) {
                 const Tri &t = tris_[size_t(i)];
-                /* Moeller-Trumbore in double precision, both faces */
-                const double e1x = double(t.b.x) - t.a.x, e1y = double(t.b.y) - t.a.y, e1z = double(t.b.z) - t.a.z;
-                const double e2x = double(t.c.x) - t.a.x, e2y = double(t.c.y) - t.a.y, e2z = double(t.c.z) - t.a.z;
-                const double px = dy * e2z - dz * e2y, py = dz * e2x - dx * e2z, pz = dx * e2y - dy * e2x;
-                const double det = e1x * px + e1y * py + e1z * pz;
-                if (std::fabs(det) < 1e-18)
-                    continue;
-                const double id = 1.0 / det;
-                const double sx = ox - t.a.x, sy = oy - t.a.y, sz = oz - t.a.z;
-                const double u = (sx * px + sy * py + sz * pz) * id;
-                if (u < 0.0 || u > 1.0)
-                    continue;
-                const double qx = sy * e1z - sz * e1y, qy = sz * e1x - sx * e1z, qz = sx * e1y - sy * e1x;
-                const double v = (dx * qx + dy * qy + dz * qz) * id;
-                if (v < 0.0 || u + v > 1.0)
-                    continue;
-                const double d = (e2x * qx + e2y * qy + e2z * qz) * id;
-                if (d <= tmin || d >= bestT)
+                double d, u, v;
+                if (!mirt::intersect_triangle(t.a, t.b, t.c, o, d3, tmin, bestT, d, u, v))
                     continue;
                 best = &t;
                 bestT = d;

@@ -569,28 +569,13 @@ bool MeshScene::intersect(const miVector &org, const miVector &dir, double tmin,
     const Tri *best = nullptr;
     double best_t = tmax, best_u = 0, best_v = 0;
     const double ox = org.x, oy = org.y, oz = org.z, dx = dir.x, dy = dir.y, dz = dir.z;
+    const double o[3] = {ox, oy, oz}, d[3] = {dx, dy, dz};
     for (const Tri &t : tris_) {
-        /* Moeller-Trumbore in double precision, both faces */
-        const double e1x = double(t.b.x) - t.a.x, e1y = double(t.b.y) - t.a.y, e1z = double(t.b.z) - t.a.z;
-        const double e2x = double(t.c.x) - t.a.x, e2y = double(t.c.y) - t.a.y, e2z = double(t.c.z) - t.a.z;
-        const double px = dy * e2z - dz * e2y, py = dz * e2x - dx * e2z, pz = dx * e2y - dy * e2x;
-        const double det = e1x * px + e1y * py + e1z * pz;
-        if (std::fabs(det) < 1e-18)
-            continue;
-        const double inv = 1.0 / det;
-        const double sx = ox - t.a.x, sy = oy - t.a.y, sz = oz - t.a.z;
-        const double u = (sx * px + sy * py + sz * pz) * inv;
-        if (u < 0.0 || u > 1.0)
-            continue;
-        const double qx = sy * e1z - sz * e1y, qy = sz * e1x - sx * e1z, qz = sx * e1y - sy * e1x;
-        const double v = (dx * qx + dy * qy + dz * qz) * inv;
-        if (v < 0.0 || u + v > 1.0)
-            continue;
-        const double d = (e2x * qx + e2y * qy + e2z * qz) * inv;
-        if (d <= tmin || d >= best_t)
+        double tt, u, v;
+        if (!intersect_triangle(t.a, t.b, t.c, o, d, tmin, best_t, tt, u, v))
             continue;
         best = &t;
-        best_t = d;
+        best_t = tt;
         best_u = u;
         best_v = v;
     }

@@ -43,6 +43,31 @@ struct GeometryTags {
 MI_API GeometryTags build_instance(const Mesh &mesh, const InstanceDesc &desc);
 MI_API void delete_instance(const GeometryTags &tags);
 
+/* Moeller-Trumbore in double precision, both faces: true when the ray
+   org + t * dir meets the triangle (a, b, c) with tmin < t < tmax; (u, v) are
+   the barycentric weights of b and c. */
+inline bool intersect_triangle(const miVector &a, const miVector &b, const miVector &c, const double org[3],
+                               const double dir[3], double tmin, double tmax, double &t, double &u, double &v)
+{
+    const double e1x = double(b.x) - a.x, e1y = double(b.y) - a.y, e1z = double(b.z) - a.z;
+    const double e2x = double(c.x) - a.x, e2y = double(c.y) - a.y, e2z = double(c.z) - a.z;
+    const double px = dir[1] * e2z - dir[2] * e2y, py = dir[2] * e2x - dir[0] * e2z, pz = dir[0] * e2y - dir[1] * e2x;
+    const double det = e1x * px + e1y * py + e1z * pz;
+    if (det > -1e-18 && det < 1e-18)
+        return false;
+    const double inv = 1.0 / det;
+    const double sx = org[0] - a.x, sy = org[1] - a.y, sz = org[2] - a.z;
+    u = (sx * px + sy * py + sz * pz) * inv;
+    if (u < 0.0 || u > 1.0)
+        return false;
+    const double qx = sy * e1z - sz * e1y, qy = sz * e1x - sx * e1z, qz = sx * e1y - sy * e1x;
+    v = (dir[0] * qx + dir[1] * qy + dir[2] * qz) * inv;
+    if (v < 0.0 || u + v > 1.0)
+        return false;
+    t = (e2x * qx + e2y * qy + e2z * qz) * inv;
+    return t > tmin && t < tmax;
+}
+
 /* Simple meshes. */
 MI_API Mesh make_plane(float size_x, float size_y, int nx, int ny);   /* z = 0, normal +z */
 MI_API Mesh make_sphere(float radius, int segments, int rings);
