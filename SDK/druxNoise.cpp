@@ -239,7 +239,7 @@ DRUX_NOISE_INLINE bool cells3(double x, double y, double z, Cell3 &cell)
     const __m128d inXY = _mm_cmple_pd(_mm_and_pd(xy, absMask), limit);
     const __m128d inZ = _mm_cmple_pd(_mm_and_pd(zz, absMask), limit);
     if (__builtin_expect(_mm_movemask_pd(_mm_and_pd(inXY, inZ)) != 3, 0)) {
-        if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+        if (_mm_movemask_pd(_mm_or_pd(_mm_cmpunord_pd(xy, xy), _mm_cmpunord_pd(zz, zz))))
             return false;
         xy = _mm_and_pd(xy, inXY); /* beyond the range: coordinate 0 */
         zz = _mm_and_pd(zz, inZ);
@@ -340,7 +340,7 @@ DRUX_AVX2_INLINE bool cells3Avx2(double x, double y, double z, Cell3 &cell)
     const __m256d absMask = _mm256_castsi256_pd(_mm256_set1_epi64x(0x7FFFFFFFFFFFFFFFll));
     const __m256d in = _mm256_cmp_pd(_mm256_and_pd(p, absMask), _mm256_set1_pd(kRangeLimit), _CMP_LE_OQ);
     if (__builtin_expect(_mm256_movemask_pd(in) != 15, 0)) {
-        if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+        if (_mm256_movemask_pd(_mm256_cmp_pd(p, p, _CMP_UNORD_Q)))
             return false;
         p = _mm256_and_pd(p, in); /* beyond the range: coordinate 0 */
     }
@@ -644,19 +644,18 @@ float gradient3dPlain(float x, float y, float z)
 }
 #else
 /* Integer parts, offsets f0 and f1 = f0 - 1 and fade weights of the three
-   coordinates at once, as gradAxis does it per axis (lanes x, y, z, -).
+   coordinates q = (x, y, z, 0) at once, as gradAxis does it per axis.
    Returns false for a non-number. */
 struct GradCell {
     unsigned i, j, k;
     __m128 f0, f1, fade;
 };
-DRUX_NOISE_INLINE bool gradCell(float x, float y, float z, GradCell &c)
+DRUX_NOISE_INLINE bool gradCell(__m128 q, GradCell &c)
 {
-    __m128 q = _mm_setr_ps(x, y, z, 0.0f);
     const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
     const __m128 in = _mm_cmple_ps(_mm_and_ps(q, absMask), _mm_set1_ps(1e9f));
     if (__builtin_expect(_mm_movemask_ps(in) != 15, 0)) {
-        if (std::isnan(x) || std::isnan(y) || std::isnan(z))
+        if (_mm_movemask_ps(_mm_cmpunord_ps(q, q)))
             return false;
         q = _mm_and_ps(q, in); /* beyond the range: 0 */
     }
@@ -704,11 +703,12 @@ DRUX_NOISE_INLINE void gradOffsets(const GradCell &c, __m128 &offY, __m128 &offZ
    next entry's x, unused): entries up to 255 only, far inside the table. */
 float gradient3dSse2(float x, float y, float z)
 {
+    GradCell c;
+    const bool number = gradCell(_mm_setr_ps(x, y, z, 0.0f), c);
     const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
     if (!G)
         return 0.0f;
-    GradCell c;
-    if (!gradCell(x, y, z, c))
+    if (!number)
         return nanF();
     const CornerHashes h = cornerHashes(c.i, c.j, c.k);
     auto group = [G](unsigned h0, unsigned h1, unsigned h2, unsigned h3, __m128 &gx, __m128 &gy, __m128 &gz)
@@ -735,15 +735,41 @@ float gradient3dSse2(float x, float y, float z)
 #endif
 
 #ifdef DRUX_NOISE_DISPATCH
+/* gradCell with SSE4.1 floor: the integer parts come one conversion after
+   the floor, so the permutation hashes can start sooner.  floor(q) + 0 is
+   the floor that gradCell subtracts (a whole number, +0 rather than -0 for
+   q = -0), so the offsets are the same. */
+DRUX_AVX2_INLINE bool gradCellAvx2(__m128 q, GradCell &c)
+{
+    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    const __m128 in = _mm_cmple_ps(_mm_and_ps(q, absMask), _mm_set1_ps(1e9f));
+    if (__builtin_expect(_mm_movemask_ps(in) != 15, 0)) {
+        if (_mm_movemask_ps(_mm_cmpunord_ps(q, q)))
+            return false;
+        q = _mm_and_ps(q, in); /* beyond the range: 0 */
+    }
+    const __m128 fl = _mm_floor_ps(q);
+    const __m128i iv = _mm_cvttps_epi32(fl);
+    c.f0 = _mm_sub_ps(q, _mm_add_ps(fl, _mm_setzero_ps()));
+    c.f1 = _mm_sub_ps(c.f0, _mm_set1_ps(1.0f));
+    c.fade = _mm_mul_ps(_mm_mul_ps(c.f0, c.f0), _mm_sub_ps(_mm_set1_ps(3.0f), _mm_add_ps(c.f0, c.f0)));
+    const unsigned long long ij = static_cast<unsigned long long>(_mm_cvtsi128_si64(iv));
+    c.i = static_cast<unsigned>(ij);
+    c.j = static_cast<unsigned>(ij >> 32);
+    c.k = static_cast<unsigned>(_mm_extract_epi32(iv, 2));
+    return true;
+}
+
 /* gradient3dSse2 with all eight corners in one eight-lane vector: group A in
    the low half, group B in the high half. */
 __attribute__((target("avx2"))) float gradient3dAvx2(float x, float y, float z)
 {
+    GradCell c;
+    const bool number = gradCellAvx2(_mm_setr_ps(x, y, z, 0.0f), c);
     const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
     if (!G)
         return 0.0f;
-    GradCell c;
-    if (!gradCell(x, y, z, c))
+    if (!number)
         return nanF();
     const CornerHashes h = cornerHashes(c.i, c.j, c.k);
     auto pair = [G](unsigned lo, unsigned hi) __attribute__((always_inline, target("avx2"))) {

@@ -669,6 +669,12 @@ TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)
             ++mismatches;
         }
     }
+    // Whole numbers and signed zeros on every axis.
+    const double whole[] = {-0.0, 0.0, 1.0, -1.0, -3.0, 31.0, -1e9, 1e9, 3e9, 0.5, -0.5};
+    for (double x : whole)
+        for (double y : whole)
+            for (double z : whole)
+                EXPECT_TRUE(sameBits(noise_scalar_3d(x, y, z), plain::noise3(x, y, z))) << x << " " << y << " " << z;
     // The whole lattice: every cell along each axis at weights 0 and 1/2.
     for (int k = 0; k < 32; ++k)
         for (int j = 0; j < 32; ++j)
@@ -697,6 +703,15 @@ TEST(NoiseBits, GradientNoiseMatchesThePlainEvaluation)
                 ++mismatches;
             }
         }
+        // Lattice points, where every offset of a corner is zero: the signs of
+        // those zeros (-0 in, offsets -0) must come out as in the plain steps.
+        const float whole[] = {-0.0f, 0.0f, 1.0f, -1.0f, -3.0f, 255.0f, -256.0f, 0.5f, -0.5f, 3e9f, -3e9f};
+        for (float x : whole)
+            for (float y : whole)
+                for (float z : whole) {
+                    const float v = noise_gradient_3d(x, y, z), e = plain::gradient3(G, x, y, z);
+                    EXPECT_TRUE(sameBits(v, e)) << std::hexfloat << x << " " << y << " " << z << ": " << v << " vs " << e;
+                }
         ctx.end_state(state);
     });
 }
