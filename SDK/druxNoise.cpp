@@ -600,7 +600,6 @@ float noise4dSse2(int cells, double x, double y, double z, double w)
 }
 #endif
 
-
 /* ---- gradient noise, one variant per instruction set */
 
 /* The permutation hashes of the eight corners around cell (i, j, k), in the
