@@ -121,12 +121,14 @@ struct AxisD {
     double w;
 };
 
+#ifndef DRUX_NOISE_SSE
 inline AxisF cellF(float t, unsigned shift)
 {
     const int n = static_cast<int>(t);
     return {((static_cast<unsigned>(n) - 1u) & kWrap) << shift, (static_cast<unsigned>(n) & kWrap) << shift,
             ((static_cast<unsigned>(n) + 1u) & kWrap) << shift, t - static_cast<float>(n)};
 }
+#endif
 
 inline AxisD cellD(double t, unsigned shift)
 {
@@ -928,6 +930,36 @@ DRUX_API float noise_scalar_1d(double x)
 /* 2D noise, single precision throughout; period 1 in x and y. */
 DRUX_API float noise_scalar_2d(double x, double y)
 {
+#ifdef DRUX_NOISE_SSE
+    /* Both coordinates at once: the common steps in single precision as
+       fracSingle and cellF take them, then the three x blends (lanes: the
+       rows y0, y1, y2) from the k = 0 plane of the padded lattice. */
+    __m128d xy = _mm_setr_pd(x, y);
+    const __m128d in = _mm_cmple_pd(_mm_and_pd(xy, _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFFll))),
+                                    _mm_set1_pd(kRangeLimit));
+    if (__builtin_expect(_mm_movemask_pd(in) != 3, 0)) {
+        if (_mm_movemask_pd(_mm_cmpunord_pd(xy, xy)))
+            return nanF();
+        xy = _mm_and_pd(xy, in); /* beyond the range: coordinate 0 */
+    }
+    const __m128 q = _mm_cvtpd_ps(xy);
+    /* floor: truncation, minus 1 below a non-whole negative (then |q| < 2^23,
+       so the float of n - 1 is exact, as in fracSingle) */
+    const __m128 tr = _mm_cvtepi32_ps(_mm_cvttps_epi32(q));
+    const __m128 f = _mm_sub_ps(q, _mm_sub_ps(tr, _mm_and_ps(_mm_cmplt_ps(q, tr), _mm_set1_ps(1.0f))));
+    const __m128 t = _mm_mul_ps(_mm_set1_ps(static_cast<float>(padded.side)), f);
+    const __m128i n = _mm_cvttps_epi32(t);
+    const __m128 w = _mm_sub_ps(t, _mm_cvtepi32_ps(n));
+    const __m128i off = _mm_madd_epi16(_mm_packs_epi32(n, n), _mm_setr_epi16(4 * kStepX, 4, 0, 0, 0, 0, 0, 0));
+    const float *b = reinterpret_cast<const float *>(reinterpret_cast<const char *>(padded.v + kStepZ) +
+                                                     _mm_cvtsi128_si32(off)); /* plane 1 holds k = 0 */
+    const __m128 h = Sv(_mm_loadu_ps(b), _mm_loadu_ps(b + kStepX), _mm_loadu_ps(b + 2 * kStepX),
+                        _mm_shuffle_ps(w, w, _MM_SHUFFLE(0, 0, 0, 0)));
+    const float h0 = _mm_cvtss_f32(h);
+    const float h1 = _mm_cvtss_f32(_mm_shuffle_ps(h, h, _MM_SHUFFLE(1, 1, 1, 1)));
+    const float h2 = _mm_cvtss_f32(_mm_movehl_ps(h, h));
+    return 0.25f * S(h0, h1, h2, _mm_cvtss_f32(_mm_shuffle_ps(w, w, _MM_SHUFFLE(1, 1, 1, 1))));
+#else
     float fx, fy;
     if (!fracSingle(x, fx) || !fracSingle(y, fy))
         return nanF();
@@ -939,6 +971,7 @@ DRUX_API float noise_scalar_2d(double x, double y)
     const float h1 = S(T[a.i0 | b.i1], T[a.i1 | b.i1], T[a.i2 | b.i1], a.w);
     const float h2 = S(T[a.i0 | b.i2], T[a.i1 | b.i2], T[a.i2 | b.i2], a.w);
     return 0.25f * S(h0, h1, h2, b.w);
+#endif
 }
 
 /* 3D noise: fractions in double, lattice position rounded to single, blends

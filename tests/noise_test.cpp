@@ -534,6 +534,32 @@ Axis axis(double x)
 }
 
 // Rows along x, then y, then z; `value` gives a lattice point's value.
+// The 2D noise takes the fraction in single precision.
+Axis axisSingle(double x)
+{
+    float f = 0.0f;
+    if (std::fabs(x) <= 1e9) {
+        const float xf = static_cast<float>(x);
+        int n = static_cast<int>(xf);
+        n -= xf < static_cast<float>(n);
+        f = xf - static_cast<float>(n);
+    }
+    const float t = 32.0f * f;
+    const int n = static_cast<int>(t);
+    return {{(n - 1) & 31, n & 31, (n + 1) & 31}, t - static_cast<float>(n)};
+}
+
+float noise2(double x, double y)
+{
+    if (std::isnan(x) || std::isnan(y))
+        return NAN;
+    const Axis a = axisSingle(x), b = axisSingle(y);
+    float h[3];
+    for (int j = 0; j < 3; ++j)
+        h[j] = S(T[a.i[0] + 32 * b.i[j]], T[a.i[1] + 32 * b.i[j]], T[a.i[2] + 32 * b.i[j]], a.w);
+    return 0.25f * S(h[0], h[1], h[2], b.w);
+}
+
 template <class V> float blend3(const Axis &a, const Axis &b, const Axis &c, V value)
 {
     float g[3];
@@ -655,6 +681,11 @@ TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)
     int mismatches = 0;
     for (int n = 0; n < 150000 && mismatches < 10; ++n) {
         const double x = coord(), y = coord(), z = coord(), w = coord();
+        const float v2 = noise_scalar_2d(x, y), e2 = plain::noise2(x, y);
+        if (!sameBits(v2, e2)) {
+            ADD_FAILURE() << std::hexfloat << "noise_scalar_2d(" << x << ", " << y << ") = " << v2 << ", expected " << e2;
+            ++mismatches;
+        }
         const float v3 = noise_scalar_3d(x, y, z), e3 = plain::noise3(x, y, z);
         if (!sameBits(v3, e3)) {
             ADD_FAILURE() << std::hexfloat << "noise_scalar_3d(" << x << ", " << y << ", " << z << ") = " << v3
@@ -675,6 +706,9 @@ TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)
         for (double y : whole)
             for (double z : whole)
                 EXPECT_TRUE(sameBits(noise_scalar_3d(x, y, z), plain::noise3(x, y, z))) << x << " " << y << " " << z;
+    for (double x : whole)
+        for (double y : whole)
+            EXPECT_TRUE(sameBits(noise_scalar_2d(x, y), plain::noise2(x, y))) << x << " " << y;
     // The whole lattice: every cell along each axis at weights 0 and 1/2.
     for (int k = 0; k < 32; ++k)
         for (int j = 0; j < 32; ++j)
