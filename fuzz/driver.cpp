@@ -52,6 +52,7 @@ void setUpOnce()
 } // namespace
 
 mirt::Context &context() { return *gContext; }
+
 } // namespace fz
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)

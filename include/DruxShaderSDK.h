@@ -411,8 +411,8 @@ DRUX_API float compute_phong_specular(const miVector *r, const miVector *l, miSt
                                       float cos_power, float secondary_scale);
 /* Blinn (Torrance-Sparrow with Trowbridge-Reitz) divided by dot_nv, for the
    unit light direction and normal and the light and view cosines dot_nl,
-   dot_nv (> 0; 0 gives 0).  eccentricity: lobe width; rolloff: strength at
-   normal incidence.  Non-eye rays as compute_phong_specular. */
+   dot_nv > 0 (an infinite geometric term gives 0).  eccentricity: lobe
+   width; rolloff: strength at normal incidence.  Non-eye rays as Phong. */
 DRUX_API float compute_blinn_specular(const miVector *light_dir, const miVector *normal,
                                       miState *state, float dot_nl, float dot_nv,
                                       float eccentricity, float rolloff, float secondary_scale);
