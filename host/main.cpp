@@ -11,6 +11,7 @@
  * second, time per megasample, the library's memory per tag and database
  * pins.
  */
+#include "image_stats.h"
 #include "render.h"
 #include "runtime.h"
 
@@ -38,6 +39,7 @@ void usage(std::ostream &o)
          "  --no-progress          no progress bar\n"
          "  --quiet                no summary\n"
          "  --print-default-scene  print the built-in scene in the scene format and exit\n"
+         "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
          "  --help                 this text\n";
 }
 
@@ -93,7 +95,7 @@ void drawBar(double f)
 
 int main(int argc, char **argv)
 {
-    std::string scenePath, outDir = "out";
+    std::string scenePath, outDir = "out", statsPath;
     int threads = 0, samples = 0, width = 0, height = 0;
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
     for (int i = 1; i < argc; ++i) {
@@ -127,6 +129,8 @@ int main(int argc, char **argv)
                 std::cerr << "druxrender: --resolution needs WxH, e.g. 640x480\n";
                 return 2;
             }
+        } else if (a == "--image-stats") {
+            statsPath = value("a file");
         } else if (a == "--no-progress") {
             progress = false;
         } else if (a == "--quiet") {
@@ -185,6 +189,12 @@ int main(int argc, char **argv)
         if (progress)
             std::fprintf(stderr, "\n");
         files = writeOutputs(result, outDir);
+        if (!statsPath.empty()) {
+            FILE *f = std::fopen(statsPath.c_str(), "w");
+            const std::string text = formatStats(imageStats(result));
+            if (!f || std::fwrite(text.data(), 1, text.size(), f) != text.size() || std::fclose(f) != 0)
+                throw std::runtime_error("cannot write " + statsPath);
+        }
     } catch (const std::exception &e) {
         if (progress)
             std::fprintf(stderr, "\n");
