@@ -28,7 +28,7 @@ const RoleInfo kRoles[] = {
     {PassRole::Refraction, "refraction", 28, true}, {PassRole::Indirect, "indirect", 32, true},
     {PassRole::Scatter, "scatter", 33, true},      {PassRole::Background, "background", 31, true},
     {PassRole::Shadow, "shadow", 12, false},       {PassRole::LightGroup, "lightgroup", 20, false},
-    {PassRole::Constant, "constant", -1, false},
+    {PassRole::Constant, "constant", -1, false},   {PassRole::Custom, "custom", 34, false},
 };
 
 const RoleInfo *info(PassRole role)

@@ -32,7 +32,8 @@ enum class PassRole {
     Background,
     Shadow,
     LightGroup,
-    Constant /* a non-material pass: a constant colour written at every sample */
+    Constant, /* a non-material pass: a constant colour written at every sample */
+    Custom    /* a material pass that shaders of linked libraries find by name and fill */
 };
 
 const char *roleName(PassRole role);
