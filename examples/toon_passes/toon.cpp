@@ -41,8 +41,22 @@ const miParamDecl kToonParams[] = {
     {"pass", miTYPE_STRING, 0, "toon_bands"},
 };
 
+/* toonStripes: a texture of two colours in stripes along object-space x,
+   for connecting to toonMaterial's diffuse */
+struct StripeParams {
+    miColor a, b;
+    miScalar width;
+};
+
+const miParamDecl kStripeParams[] = {
+    {"a", miTYPE_COLOR, 0, "0.9 0.9 0.85"},
+    {"b", miTYPE_COLOR, 0, "0.35 0.4 0.45"},
+    {"width", miTYPE_SCALAR, 0, "1"},
+};
+
 const miShaderDecl kShaders[] = {
     {"toonMaterial", miTYPE_COLOR, 1, kToonParams, sizeof kToonParams / sizeof kToonParams[0]},
+    {"toonStripes", miTYPE_COLOR, 1, kStripeParams, sizeof kStripeParams / sizeof kStripeParams[0]},
 };
 
 /* a parameter's value, evaluated when it is connected to another shader */
@@ -74,6 +88,15 @@ enum { kBeauty = 0, kDiffuse = 1, kSpecular = 4 };
 DRUX_SHADER_LIBRARY(kShaders)
 
 DRUX_SHADER_EXPORT int toonMaterial_version(void) { return 1; }
+DRUX_SHADER_EXPORT int toonStripes_version(void) { return 1; }
+
+DRUX_SHADER_EXPORT miBoolean toonStripes(miColor *result, miState *state, StripeParams *p)
+{
+    const float w = param(state, &p->width);
+    const float x = w > 0.0f ? state->point.x / w : 0.0f;
+    *result = static_cast<long>(std::floor(x)) % 2 == 0 ? param(state, &p->a) : param(state, &p->b);
+    return miTRUE;
+}
 
 DRUX_SHADER_EXPORT miBoolean toonMaterial(miColor *result, miState *state, ToonParams *p)
 {
