@@ -9,11 +9,15 @@
 
 namespace {
 
+/* the blocks are the records of shaders.h, built by druxrender's commands */
 const miShaderDecl kShaders[] = {
-    {"hostMaterial", miTYPE_COLOR, 1, nullptr, 0},   {"hostShadow", miTYPE_COLOR, 1, nullptr, 0},
-    {"hostPointLight", miTYPE_COLOR, 1, nullptr, 0}, {"hostRectLight", miTYPE_COLOR, 1, nullptr, 0},
-    {"hostPlainLight", miTYPE_COLOR, 1, nullptr, 0}, {"hostNoiseTexture", miTYPE_COLOR, 1, nullptr, 0},
-    {"hostEnvironment", miTYPE_COLOR, 1, nullptr, 0},
+    {"hostMaterial", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostShadow", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostPointLight", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostRectLight", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostPlainLight", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostNoiseTexture", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostEnvironment", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
 };
 
 const druxhost::BuiltinShaders kBuiltins = {

@@ -62,8 +62,11 @@ typedef struct miShaderDecl {
     int result_type;           /* miParamType of what the shader writes into its result */
     int version;               /* NAME_version() must return this when present */
     const miParamDecl *params;
-    int param_count;
+    int param_count;           /* miPARAMS_BUILT_BY_HOST: the program that uses the shader
+                                  builds its blocks; a scene's `shader` line cannot */
 } miShaderDecl;
+
+#define miPARAMS_BUILT_BY_HOST (-1)
 
 #define miSHADER_LIBRARY_ABI 1
 

@@ -391,6 +391,9 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
             const miShaderDecl &d = l.table->shaders[k];
             if (!d.name || name != d.name)
                 continue;
+            if (d.param_count < miPARAMS_BUILT_BY_HOST || (d.param_count > 0 && !d.params))
+                throw LoadError("shader library \"" + l.path + "\": the declaration of \"" + name +
+                                "\" is malformed (" + std::to_string(d.param_count) + " parameters)");
             std::unique_ptr<LoadedShader> s(new LoadedShader);
             s->name = name;
             s->library = l.path;
@@ -448,6 +451,9 @@ miTag ShaderLibraries::instantiate(const std::string &instance, const std::strin
     if (impl_->byName.count(instance))
         throw LoadError("shader instance \"" + instance + "\" is defined twice");
     const LoadedShader &s = shader(function);
+    if (s.decl->param_count == miPARAMS_BUILT_BY_HOST)
+        throw LoadError("shader \"" + function + "\" declares no parameters: its blocks are built by the program "
+                        "that uses it, not by a shader instance");
     std::vector<char> block(s.block_size + 4, 0);
     std::vector<std::pair<size_t, miTag>> connections;
     std::vector<miTag> local;

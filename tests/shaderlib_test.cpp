@@ -197,6 +197,8 @@ TEST(ShaderLibraryLoader, ErrorsNameTheCause)
     EXPECT_NE(errorOf([&] { libs.shader("missingShader"); }).find("symbol missing: shader \"missingShader\""),
               std::string::npos);
     EXPECT_NE(errorOf([&] { libs.shader("lonely"); }).find("unknown shader \"lonely\""), std::string::npos);
+    EXPECT_NE(errorOf([&] { libs.shader("badTable"); }).find("the declaration of \"badTable\" is malformed"),
+              std::string::npos);
 
     const long pins = mirt::db_total_pins();
     Made made;
@@ -217,6 +219,10 @@ TEST(ShaderLibraryLoader, ErrorsNameTheCause)
               "parameter \"base\": no shader instance \"later\" (instances are named before use)");
     EXPECT_EQ(errorOf([&] { libs.instantiate("x", "allTypes", {"arr", "[", "1", "2", "3", "4", "5", "]"}, made.tags); }),
               "parameter \"arr\": more than 4 elements");
+    EXPECT_NE(libs.shader("hostBuilt").fn, nullptr);
+    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "hostBuilt", {}, made.tags); }),
+              "shader \"hostBuilt\" declares no parameters: its blocks are built by the program that uses it, not "
+              "by a shader instance");
     EXPECT_EQ(errorOf([&] { libs.instantiate("chk", "checker", {}, made.tags); }),
               "shader instance \"chk\" is defined twice");
     /* a failed instance leaves nothing behind: no items, no instance, no pins */

@@ -67,6 +67,8 @@ const miShaderDecl kShaders[] = {
     {"scalarOut", miTYPE_SCALAR, 1, kScalarOut, 1},
     {"newerShader", miTYPE_COLOR, 2, nullptr, 0},
     {"missingShader", miTYPE_COLOR, 1, nullptr, 0},
+    {"hostBuilt", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"badTable", miTYPE_COLOR, 1, nullptr, 3},
 };
 
 std::string events;
@@ -150,3 +152,5 @@ DRUX_SHADER_EXPORT miBoolean scalarOut(miScalar *r, miState *, miScalar *p)
 DRUX_SHADER_EXPORT miBoolean newerShader(miColor *, miState *, void *) { return miTRUE; }
 DRUX_SHADER_EXPORT int newerShader_version(void) { return 1; }
 /* missingShader is declared but has no function */
+DRUX_SHADER_EXPORT miBoolean hostBuilt(miColor *, miState *, void *) { return miTRUE; }
+DRUX_SHADER_EXPORT miBoolean badTable(miColor *, miState *, void *) { return miTRUE; }
