@@ -210,9 +210,14 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "\n");
         files = writeOutputs(result, outDir);
         if (!statsPath.empty()) {
-            FILE *f = std::fopen(statsPath.c_str(), "w");
             const std::string text = formatStats(imageStats(result));
-            if (!f || std::fwrite(text.data(), 1, text.size(), f) != text.size() || std::fclose(f) != 0)
+            FILE *f = std::fopen(statsPath.c_str(), "w");
+            bool ok = f != nullptr;
+            if (f) {
+                ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+                ok = std::fclose(f) == 0 && ok;
+            }
+            if (!ok)
                 throw std::runtime_error("cannot write " + statsPath);
         }
     } catch (const SceneError &e) {

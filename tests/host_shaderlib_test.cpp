@@ -7,9 +7,11 @@
 #include "render.h"
 #include "runtime.h"
 #include "scene.h"
+#include "shader_loader.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -76,6 +78,30 @@ TEST(HostShaderLibrary, SceneShaderInstancesShadeThroughConnections)
     EXPECT_FLOAT_EQ(c.g, 0.4f);
     EXPECT_FLOAT_EQ(c.b, 0.6f);
     EXPECT_EQ(r.stats.pinsAfter, 0);
+}
+
+TEST(HostShaderLibrary, SearchOrderSceneFolderOptionsEnvironmentRendererLib)
+{
+    SceneDesc s;
+    s.directory = "/scenes/here";
+    RenderOptions ro;
+    ro.shaderPath = {"/opt/a", "/opt/b"};
+    const char *saved = std::getenv("DRUX_SHADER_PATH");
+    const std::string keep = saved ? saved : "";
+    setenv("DRUX_SHADER_PATH", "/env/one::/env/two", 1);
+    const std::vector<std::string> folders = shaderSearchPath(s, ro);
+    if (saved)
+        setenv("DRUX_SHADER_PATH", keep.c_str(), 1);
+    else
+        unsetenv("DRUX_SHADER_PATH");
+    ASSERT_EQ(folders.size(), 6u);
+    EXPECT_EQ(folders[0], "/scenes/here");
+    EXPECT_EQ(folders[1], "/opt/a");
+    EXPECT_EQ(folders[2], "/opt/b");
+    EXPECT_EQ(folders[3], "/env/one");
+    EXPECT_EQ(folders[4], "/env/two");
+    EXPECT_EQ(folders[5], mirt::renderer_library_dir()); /* where libmiplatform.so is: an install's lib/ */
+    EXPECT_NE(folders[5].find('/'), std::string::npos);
 }
 
 int errorLine(const std::string &text, std::string &message)
