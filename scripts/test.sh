@@ -68,7 +68,7 @@ CPP
     bld=$work/build/$name
     mkdir -p "$work/src" && cp -r "$ex" "$src"
     check "example $name configures and builds against the prefix" bash -c \
-      "cmake -S '$src' -B '$bld' -DCMAKE_PREFIX_PATH='$prefix' -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null && cmake --build '$bld' -j '$(nproc)'"
+      "cmake -G Ninja -S '$src' -B '$bld' -DCMAKE_PREFIX_PATH='$prefix' -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null && cmake --build '$bld' -j '$(nproc)'"
     for scene in "$bld"/*.scene; do
       [ -f "$scene" ] || continue
       local sn out args beauty additive
