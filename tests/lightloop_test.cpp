@@ -195,11 +195,11 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
             r.e[i].slots[1].result = miColor{0.4f, 0.2f, 0.8f, 1};
         }
     };
-    // Half the colour and all the alpha: 0.1 + 0.5 * (0.4, 0.2, 0.8).
+    // A weight distinct per channel: 0.1 + (0.5, 0.25, 0.75, 1) * (0.4, 0.2, 0.8, 1).
     child(0);
-    tracePassAdd(r.n, r.e, r.st, miFALSE, miColor{0.5f, 0.5f, 0.5f, 1});
+    tracePassAdd(r.n, r.e, r.st, miFALSE, miColor{0.5f, 0.25f, 0.75f, 1});
     for (miUint i = 0; i < 3; ++i) {
-        EXPECT_COLOR(r.e[i].slots[0].accum, 0.3f, 0.2f, 0.5f, 1);
+        EXPECT_COLOR(r.e[i].slots[0].accum, 0.3f, 0.15f, 0.7f, 1);
         EXPECT_COLOR(r.e[i].slots[1].result, 0, 0, 0, 0);
     }
     EXPECT_COLOR(r.e[3].slots[0].accum, 0.1f, 0.1f, 0.1f, 0);
