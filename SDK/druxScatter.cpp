@@ -41,6 +41,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -189,6 +190,18 @@ struct EvaluatingScope {
     EvaluatingScope(const EvaluatingScope &) = delete;
     EvaluatingScope &operator=(const EvaluatingScope &) = delete;
 };
+
+/* Test hook, read once at load: with DRUX_TEST_SCATTER_LOST_RACE set to a
+   non-empty value other than "0", every batch run first lets the queue run
+   empty (it takes the remaining batches itself, as another thread would)
+   between the caller's check of the cursor and the batch lock, so the path
+   of a thread that lost the race for the last batch runs on every batch.
+   Batch runs are not per sample; normal runs pay one predictable branch. */
+const bool kForceLostRace = [] {
+    const char *v = std::getenv("DRUX_TEST_SCATTER_LOST_RACE");
+    return v && *v && std::strcmp(v, "0") != 0;
+}();
+thread_local bool tEmptyingQueue = false;
 
 /* ------------------------------------------------------------ record reading */
 
@@ -505,6 +518,12 @@ struct TriangleIndex {
    light, tint with the material inputs, and store the colour in the point. */
 void sampler_runbatch(Sampler *s, miState *state, SamplerParms *parms)
 {
+    if (kForceLostRace && !tEmptyingQueue) {
+        tEmptyingQueue = true;
+        while (loadAcquire(&s->cursor))
+            sampler_runbatch(s, state, parms);
+        tEmptyingQueue = false;
+    }
     mi_lock(s->lock);
     Sample *first = s->cursor;
     if (!first) {

@@ -171,6 +171,10 @@ protected:
         ctx.reset();
         EXPECT_EQ(mirt::db_total_pins(), 0);
         EXPECT_EQ(mirt::mem_live_bytes(kTag), 0);
+        // The runtime reports a lock taken twice by one thread or deleted
+        // while held: a path that forgot to unlock.
+        for (const mirt::Message &m : mirt::messages())
+            EXPECT_NE(m.text.rfind("mi_", 0), 0u) << m.text;
     }
     miState *newState(int thread)
     {
