@@ -29,7 +29,9 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <cstdlib>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace druxhost;
@@ -1035,9 +1037,93 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     EXPECT_EQ(px[(4 * 12 + 5) * 3 + 2], srgbByte(c.b));
     for (const std::string &f : files)
         std::remove(f.c_str());
-    ::rmdir(dir.c_str());
     EXPECT_THROW(writePng("/nonexistent/dir/x.png", r.main), std::runtime_error);
     EXPECT_THROW(readExr("/nonexistent/dir/x.exr"), std::runtime_error);
+
+    // A folder that went away during the render: the images land in a new
+    // folder under the temporary directory (here TMPDIR = dir), complete.
+    const char *keptTmp = std::getenv("TMPDIR");
+    const std::string savedTmp = keptTmp ? keptTmp : "";
+    ::setenv("TMPDIR", dir.c_str(), 1);
+    const WrittenOutputs fb = writeOutputsOrFallback(r, dir + "/removed");
+    EXPECT_NE(fb.failure.find("removed"), std::string::npos) << fb.failure;
+    EXPECT_EQ(fb.dir.rfind(dir + "/druxrender-", 0), 0u) << fb.dir;
+    ASSERT_EQ(fb.files.size(), files.size());
+    for (size_t i = 0; i < files.size(); ++i)
+        EXPECT_EQ(fb.files[i], fb.dir + files[i].substr(dir.size())) << i;
+    const auto again = readExr(fb.dir + "/render.exr");
+    ASSERT_EQ(again.size(), 1u + r.passes.size());
+    EXPECT_TRUE(sameBits(again[0].second, r.main));
+    for (const std::string &f : fb.files)
+        EXPECT_EQ(std::remove(f.c_str()), 0) << f;
+    ::rmdir(fb.dir.c_str());
+    // Written where asked, nothing falls back.
+    const WrittenOutputs direct = writeOutputsOrFallback(r, dir);
+    EXPECT_EQ(direct.failure, "");
+    EXPECT_EQ(direct.dir, dir);
+    for (const std::string &f : direct.files)
+        EXPECT_EQ(std::remove(f.c_str()), 0) << f;
+    // No temporary folder either: the error says both.
+    ::setenv("TMPDIR", (dir + "/missing").c_str(), 1);
+    EXPECT_THROW(writeOutputsOrFallback(r, dir + "/removed"), std::runtime_error);
+    if (keptTmp)
+        ::setenv("TMPDIR", savedTmp.c_str(), 1);
+    else
+        ::unsetenv("TMPDIR");
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "something was left behind";
+}
+
+TEST(HostOutputs, EveryFileIsProbedBeforeRendering)
+{
+    char tmpl[] = "/tmp/druxhost_probe_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const std::vector<std::string> names = outputFileNames({"beauty", "shadow"});
+    ASSERT_EQ(names, (std::vector<std::string>{"render.exr", "main.png", "beauty.png", "shadow.png"}));
+
+    // All writable: nothing is left behind, an earlier render's file is kept.
+    EXPECT_EQ(probeOutputs(dir, names), "");
+    {
+        std::ofstream(dir + "/main.png") << "earlier";
+    }
+    EXPECT_EQ(probeOutputs(dir, names), "");
+    std::ifstream earlier(dir + "/main.png");
+    std::string text;
+    earlier >> text;
+    EXPECT_EQ(text, "earlier");
+    EXPECT_EQ(std::remove((dir + "/main.png").c_str()), 0);
+
+    // A folder in the way of one file (refused even for the superuser).
+    ASSERT_EQ(::mkdir((dir + "/shadow.png").c_str(), 0777), 0);
+    const std::string why = probeOutputs(dir, names);
+    EXPECT_NE(why.find(dir + "/shadow.png"), std::string::npos) << why;
+    EXPECT_NE(probeOutputs(dir + "/missing", names), "");
+    ::rmdir((dir + "/shadow.png").c_str());
+
+#ifdef DRUXRENDER_PATH
+    // The renderer refuses with status 2 and renders nothing.
+    const std::string log = dir + "/log.txt";
+    const std::string cmd = std::string(DRUXRENDER_PATH) + " --out " + dir +
+                            " --resolution 8x6 --samples 1 --threads 1 --no-progress --quiet 2>" + log;
+    std::vector<std::string> passNames;
+    for (const PassDesc &p : defaultScene().passes)
+        passNames.push_back(p.name);
+    ASSERT_FALSE(passNames.empty());
+    const std::string blocked = dir + "/" + passNames.back() + ".png";
+    ASSERT_EQ(::mkdir(blocked.c_str(), 0777), 0);
+    const int status = std::system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    std::ifstream in(log);
+    std::stringstream msg;
+    msg << in.rdbuf();
+    EXPECT_NE(msg.str().find("cannot write " + blocked), std::string::npos) << msg.str();
+    struct stat st;
+    EXPECT_NE(::stat((dir + "/render.exr").c_str(), &st), 0) << "nothing may be written";
+    std::remove(log.c_str());
+    ::rmdir(blocked.c_str());
+#endif
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "something was left behind";
 }
 
 TEST(HostImages, SrgbEncoding)
