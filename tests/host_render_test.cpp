@@ -939,6 +939,10 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     tri.uv = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     tri.tris = {{0, 1, 2}};
     s.meshes.push_back(tri);
+    tri.name = "flat";
+    tri.faceted = true;
+    s.meshes.push_back(tri);
+    s.meshes[0].faceted = true;
     s.instances[1].steps.push_back({TransformStep::Rotate, {1, 33.5f, 0}});
     s.instances[2].shadowPasses = {"diffuse", "key"};
     s.passes[3].allOccluders = true;
@@ -949,6 +953,10 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     EXPECT_EQ(writeScene(back), text);
     ASSERT_EQ(back.meshes.back().tris.size(), 1u);
     EXPECT_EQ(back.meshes.back().P[2].z, 0.5f);
+    EXPECT_NE(text.find("mesh flat triangles faceted\n"), std::string::npos);
+    ASSERT_EQ(back.meshes.size(), s.meshes.size());
+    for (size_t i = 0; i < s.meshes.size(); ++i)
+        EXPECT_EQ(back.meshes[i].faceted, i == 0 || i + 1 == s.meshes.size()) << i;
     EXPECT_EQ(back.instances[2].shadowPasses.size(), 2u);
     EXPECT_TRUE(back.passes[3].allOccluders);
     EXPECT_TRUE(back.lights[1].sharedShadow);
@@ -994,6 +1002,8 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("mesh t triangles\nv 0 0 0\nv 1 0 0\n", 1, "not closed by \"end\"");
     expectError("mesh t triangles\nv 0 0 0\nq 1 2 3\nend\n", 3, "expected v, vn, vt, f or end");
     expectError("resolution 8 6 7\n", 1, "unexpected \"7\"");
+    expectError("mesh b box 1 1 1 smooth\n", 1, "\"smooth\" after a mesh: expected faceted");
+    expectError("mesh b sphere 1 8 4 faceted 2\n", 1, "unexpected \"2\"");
     expectError("samples 2\nsamples 3\n", 2, "given twice");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
     /* whole-scene checks carry no line */
@@ -1004,6 +1014,71 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("pass g lightgroup\n", 0, "names no group");
     expectError("light l rect u 1 0 0 v 2 0 0\n", 0, "do not span a rectangle");
     EXPECT_THROW(loadScene("/nonexistent/dir/x.scene"), SceneError);
+}
+
+/* ------------------------------------------------------------------ meshes */
+
+// A sphere given without normals gets smooth ones within half a degree of
+// the analytic normal P / |P| everywhere (its faces are 11 degrees apart),
+// poles and the texture seam included; faceted
+// keeps it flat, given normals are kept.
+TEST(HostMeshes, SmoothNormalsOfASphereWithoutNormals)
+{
+    const mirt::Mesh sphere = mirt::make_sphere(2.0f, 32, 16);
+    MeshDesc d;
+    d.name = "ball";
+    d.kind = MeshKind::Triangles;
+    d.P = sphere.P;
+    d.tris = sphere.tris;
+    const mirt::Mesh m = buildMesh(d);
+    ASSERT_EQ(m.N.size(), m.P.size());
+    double worst = 0.0;
+    for (size_t i = 0; i < m.P.size(); ++i) {
+        const miVector &p = m.P[i], &n = m.N[i];
+        const double lp = std::sqrt(double(p.x) * p.x + double(p.y) * p.y + double(p.z) * p.z);
+        const double ln = std::sqrt(double(n.x) * n.x + double(n.y) * n.y + double(n.z) * n.z);
+        EXPECT_NEAR(ln, 1.0, 1e-6) << i;
+        const double cosine = (double(p.x) * n.x + double(p.y) * n.y + double(p.z) * n.z) / (lp * ln);
+        worst = std::max(worst, std::acos(std::min(1.0, cosine)));
+    }
+    EXPECT_LT(worst, 0.5 * 3.14159265358979 / 180.0) << "worst angle " << worst * 180 / 3.14159265358979 << " degrees";
+
+    // One triangle's face normal on its own; a stray vertex gets +z;
+    // degenerate triangles add nothing; a vertex of a right angle and one of
+    // 45 degrees between two faces weigh by those angles.
+    mirt::Mesh t;
+    t.P = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {5, 5, 5}, {0, 0, 1}};
+    t.tris = {{0, 1, 2}, {0, 1, 1}};
+    computeVertexNormals(t);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(t.N[i].x, 0.0f) << i;
+        EXPECT_EQ(t.N[i].y, 0.0f) << i;
+        EXPECT_EQ(t.N[i].z, 1.0f) << i;
+    }
+    t.tris = {{0, 1, 2}, {0, 1, 4}}; // faces +z and -y meet along the x axis, both at 90 degrees at vertex 0
+    computeVertexNormals(t);
+    const float h = static_cast<float>(std::sqrt(0.5));
+    EXPECT_NEAR(t.N[0].x, 0.0f, 1e-6f);
+    EXPECT_NEAR(t.N[0].y, -h, 1e-6f);
+    EXPECT_NEAR(t.N[0].z, h, 1e-6f);
+    EXPECT_NEAR(t.N[1].y, -h, 1e-6f) << "45 degrees in each face at vertex 1";
+    EXPECT_NEAR(t.N[2].z, 1.0f, 1e-6f) << "only the +z face at vertex 2";
+    // 90 degrees of +z and 45 of -y at vertex 0 (equal areas): (0, -1, 2) / sqrt(5).
+    t.P[4] = {1, 0, 1};
+    computeVertexNormals(t);
+    EXPECT_NEAR(t.N[0].y, -1.0 / std::sqrt(5.0), 1e-6);
+    EXPECT_NEAR(t.N[0].z, 2.0 / std::sqrt(5.0), 1e-6);
+
+    d.faceted = true;
+    EXPECT_TRUE(buildMesh(d).N.empty());
+    d.faceted = false;
+    d.N.assign(d.P.size(), miVector{1, 0, 0});
+    EXPECT_EQ(buildMesh(d).N[5].x, 1.0f) << "given normals are kept";
+    MeshDesc ball;
+    ball.kind = MeshKind::Sphere;
+    ball.a = 1, ball.n = 8, ball.m = 4;
+    ball.faceted = true;
+    EXPECT_TRUE(buildMesh(ball).N.empty());
 }
 
 /* ------------------------------------------------------------------ files */
