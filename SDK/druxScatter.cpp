@@ -41,6 +41,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -189,6 +190,23 @@ struct EvaluatingScope {
     EvaluatingScope(const EvaluatingScope &) = delete;
     EvaluatingScope &operator=(const EvaluatingScope &) = delete;
 };
+
+/* Test hook, read once at the first batch run: with
+   DRUX_TEST_SCATTER_LOST_RACE set to a non-empty value other than "0", every
+   batch run first lets the queue run empty (it takes the remaining batches
+   itself, as another thread would) between the caller's check of the cursor
+   and the batch lock, so the path of a thread that lost the race for the
+   last batch runs on every batch.  Batch runs are not per sample; normal
+   runs pay one predictable branch per batch. */
+bool forceLostRace()
+{
+    static const bool on = [] {
+        const char *v = std::getenv("DRUX_TEST_SCATTER_LOST_RACE");
+        return v && *v && std::strcmp(v, "0") != 0;
+    }();
+    return on;
+}
+thread_local bool tEmptyingQueue = false;
 
 /* ------------------------------------------------------------ record reading */
 
@@ -505,6 +523,12 @@ struct TriangleIndex {
    light, tint with the material inputs, and store the colour in the point. */
 void sampler_runbatch(Sampler *s, miState *state, SamplerParms *parms)
 {
+    if (__builtin_expect(forceLostRace(), 0) && !tEmptyingQueue) {
+        tEmptyingQueue = true;
+        while (loadAcquire(&s->cursor))
+            sampler_runbatch(s, state, parms);
+        tEmptyingQueue = false;
+    }
     mi_lock(s->lock);
     Sample *first = s->cursor;
     if (!first) {

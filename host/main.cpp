@@ -11,6 +11,11 @@
  * progress bar on a terminal and ends with a summary: time, samples per
  * second, time per megasample, the library's memory per tag and database
  * pins.
+ *
+ * Before rendering it checks that every output file can be written (exit 2
+ * otherwise); when writing still fails after the render, the images go to a
+ * new folder under the system's temporary directory, named on stderr, and
+ * the exit status is 3.
  */
 #include "image_stats.h"
 #include "render.h"
@@ -26,6 +31,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace druxhost;
 
@@ -190,6 +196,15 @@ int main(int argc, char **argv)
                   << "\n";
         return 2;
     }
+    /* Refuse now rather than lose the render at the end. */
+    std::vector<std::string> passNames;
+    for (const PassDesc &p : scene.passes)
+        passNames.push_back(p.name);
+    const std::string unwritable = probeOutputs(outDir, outputFileNames(passNames));
+    if (!unwritable.empty()) {
+        std::cerr << "druxrender: " << unwritable << "; nothing rendered\n";
+        return 2;
+    }
 
     mirt::set_echo_messages(true);
     RenderOptions ro;
@@ -203,12 +218,12 @@ int main(int argc, char **argv)
                   << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
                   << scene.passes.size() << " passes\n";
     RenderResult result;
-    std::vector<std::string> files;
+    WrittenOutputs written;
     try {
         result = render(scene, ro);
         if (progress)
             std::fprintf(stderr, "\n");
-        files = writeOutputs(result, outDir);
+        written = writeOutputsOrFallback(result, outDir);
         if (!statsPath.empty()) {
             const std::string text = formatStats(imageStats(result));
             FILE *f = std::fopen(statsPath.c_str(), "w");
@@ -235,6 +250,10 @@ int main(int argc, char **argv)
         std::cerr << "druxrender: " << e.what() << "\n";
         return 1;
     }
+    const std::vector<std::string> &files = written.files;
+    if (!written.failure.empty())
+        std::cerr << "druxrender: cannot write the images to " << outDir << " (" << written.failure
+                  << "); they were written to " << written.dir << " instead\n";
     if (!quiet) {
         const RenderStats &st = result.stats;
         std::printf("render summary\n");
@@ -253,7 +272,9 @@ int main(int argc, char **argv)
         std::printf("  database pins left   %ld\n", st.pinsAfter);
         std::printf("  messages             %zu error(s), %zu warning(s)\n", st.errors, st.warnings);
         std::printf("  files                %zu written to %s (render.exr, main.png and one PNG per pass)\n",
-                    files.size(), outDir.c_str());
+                    files.size(), written.dir.c_str());
     }
+    if (!written.failure.empty())
+        return 3;
     return result.stats.errors ? 1 : 0;
 }

@@ -12,14 +12,19 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace druxhost {
 
@@ -558,24 +563,83 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     return out;
 }
 
+std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames)
+{
+    std::vector<std::string> names{"render.exr", "main.png"};
+    for (const std::string &p : passNames)
+        names.push_back(p + ".png");
+    return names;
+}
+
 std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir)
 {
+    const std::vector<std::string> names = outputFileNames(r.passNames);
     std::vector<std::string> files;
     std::vector<Layer> layers;
     layers.push_back(Layer{"", &r.main});
     for (size_t i = 0; i < r.passes.size(); ++i)
         layers.push_back(Layer{r.passNames[i], &r.passes[i]});
-    const std::string exr = dir + "/render.exr";
-    writeExr(exr, layers);
-    files.push_back(exr);
-    writePng(dir + "/main.png", r.main);
-    files.push_back(dir + "/main.png");
+    files.push_back(dir + "/" + names[0]);
+    writeExr(files.back(), layers);
+    files.push_back(dir + "/" + names[1]);
+    writePng(files.back(), r.main);
     for (size_t i = 0; i < r.passes.size(); ++i) {
-        const std::string png = dir + "/" + r.passNames[i] + ".png";
-        writePng(png, r.passes[i]);
-        files.push_back(png);
+        files.push_back(dir + "/" + names[2 + i]);
+        writePng(files.back(), r.passes[i]);
     }
     return files;
+}
+
+std::string probeOutputs(const std::string &dir, const std::vector<std::string> &files)
+{
+    for (const std::string &name : files) {
+        const std::string path = dir + "/" + name;
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            ::close(fd);
+            if (::unlink(path.c_str()) != 0)
+                return "cannot remove the test file " + path + ": " + std::strerror(errno);
+            continue;
+        }
+        if (errno == EEXIST) { /* an earlier render's file: may it be replaced? */
+            const int old = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+            if (old >= 0) {
+                ::close(old);
+                continue;
+            }
+        }
+        return "cannot write " + path + ": " + std::strerror(errno);
+    }
+    return "";
+}
+
+WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &dir)
+{
+    WrittenOutputs out;
+    try {
+        out.files = writeOutputs(r, dir);
+        out.dir = dir;
+        return out;
+    } catch (const std::exception &e) {
+        out.failure = e.what();
+    }
+    std::error_code ec;
+    const std::filesystem::path tmp = std::filesystem::temp_directory_path(ec);
+    if (ec)
+        throw std::runtime_error(out.failure + "; no temporary directory for the images: " + ec.message());
+    const std::string base = (tmp / ("druxrender-" + std::to_string(::getpid()) + "-")).string();
+    for (int k = 0; k < 1000 && out.dir.empty(); ++k)
+        if (::mkdir((base + std::to_string(k)).c_str(), 0777) == 0)
+            out.dir = base + std::to_string(k);
+    if (out.dir.empty())
+        throw std::runtime_error(out.failure + "; cannot create a folder under " + tmp.string() + " either: " +
+                                 std::strerror(errno));
+    try {
+        out.files = writeOutputs(r, out.dir);
+    } catch (const std::exception &e) {
+        throw std::runtime_error(out.failure + "; writing to " + out.dir + " failed too: " + e.what());
+    }
+    return out;
 }
 
 } // namespace druxhost

@@ -90,6 +90,27 @@ RenderResult render(const SceneDesc &scene, const RenderOptions &options = Rende
    Returns the files written. */
 std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir);
 
+/* The file names writeOutputs writes for these passes, in its order. */
+std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames);
+
+/* Checks, before rendering, that every one of `files` can be written in
+   `dir`: a file that does not exist yet is created and removed again, an
+   existing one is opened for writing (and left as it is).  Returns "" when
+   all can, else a message naming the first file that cannot and why. */
+std::string probeOutputs(const std::string &dir, const std::vector<std::string> &files);
+
+struct WrittenOutputs {
+    std::vector<std::string> files; /* full paths of the files written */
+    std::string dir;                /* where they were written */
+    std::string failure;            /* why the wanted folder failed; "" when it did not */
+};
+
+/* writeOutputs into `dir`; when that fails (disk full, folder removed), into
+   a new folder under the system's temporary directory, so that a finished
+   render is never thrown away.  Throws std::runtime_error only when the
+   fallback folder cannot be written either. */
+WrittenOutputs writeOutputsOrFallback(const RenderResult &result, const std::string &dir);
+
 } // namespace druxhost
 
 #endif

@@ -117,6 +117,8 @@ struct MeshDesc {
     /* Triangles */
     std::vector<miVector> P, N, uv;
     std::vector<std::array<int, 3>> tris;
+    /* Flat-shaded: no vertex normals, neither given nor computed. */
+    bool faceted = false;
 };
 
 /* One transform step of an instance, applied in the order written. */

@@ -394,11 +394,17 @@ private:
             m.m = l.integer("torus rings");
             break;
         case MeshKind::Triangles:
-            l.end();
-            triangles(l, m);
             break;
         }
+        if (!l.done()) {
+            const std::string w = l.word("mesh option");
+            if (w != "faceted")
+                l.error("\"" + w + "\" after a mesh: expected faceted or the end of the line");
+            m.faceted = true;
+        }
         l.end();
+        if (m.kind == MeshKind::Triangles)
+            triangles(l, m);
         s_.meshes.push_back(m);
     }
 
@@ -661,21 +667,22 @@ std::string writeScene(const SceneDesc &s)
         o << "\n# meshes\n";
     for (const MeshDesc &m : s.meshes) {
         o << "mesh " << m.name << " ";
+        const char *const eol = m.faceted ? " faceted\n" : "\n";
         switch (m.kind) {
         case MeshKind::Plane:
-            o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << "\n";
+            o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
             break;
         case MeshKind::Sphere:
-            o << "sphere " << num(m.a) << " " << m.n << " " << m.m << "\n";
+            o << "sphere " << num(m.a) << " " << m.n << " " << m.m << eol;
             break;
         case MeshKind::Box:
-            o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << "\n";
+            o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << eol;
             break;
         case MeshKind::Torus:
-            o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << "\n";
+            o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
             break;
         case MeshKind::Triangles:
-            o << "triangles\n";
+            o << "triangles" << eol;
             for (const miVector &p : m.P)
                 o << "v " << vec(p) << "\n";
             for (const miVector &n : m.N)

@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the unit and host tests in a normal
-# build, the installed SDK with the example projects (examples/*), again under AddressSanitizer+UndefinedBehaviorSanitizer and under
-# ThreadSanitizer, then each fuzz target for a short run.
+# build, the installed SDK with the example projects (examples/*), again under
+# AddressSanitizer+UndefinedBehaviorSanitizer and under ThreadSanitizer, then
+# each fuzz target for a short run.  The normal build also holds the noise
+# tests once per forced processor variant (plain, SSE2, AVX2, AVX-512 where
+# present), counted in the closing line like any test.
 #
 #   scripts/test.sh            everything (what CI runs)
 #   scripts/test.sh --quick    the normal build's tests only

@@ -29,7 +29,9 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <cstdlib>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace druxhost;
@@ -937,6 +939,10 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     tri.uv = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     tri.tris = {{0, 1, 2}};
     s.meshes.push_back(tri);
+    tri.name = "flat";
+    tri.faceted = true;
+    s.meshes.push_back(tri);
+    s.meshes[0].faceted = true;
     s.instances[1].steps.push_back({TransformStep::Rotate, {1, 33.5f, 0}});
     s.instances[2].shadowPasses = {"diffuse", "key"};
     s.passes[3].allOccluders = true;
@@ -947,6 +953,10 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     EXPECT_EQ(writeScene(back), text);
     ASSERT_EQ(back.meshes.back().tris.size(), 1u);
     EXPECT_EQ(back.meshes.back().P[2].z, 0.5f);
+    EXPECT_NE(text.find("mesh flat triangles faceted\n"), std::string::npos);
+    ASSERT_EQ(back.meshes.size(), s.meshes.size());
+    for (size_t i = 0; i < s.meshes.size(); ++i)
+        EXPECT_EQ(back.meshes[i].faceted, i == 0 || i + 1 == s.meshes.size()) << i;
     EXPECT_EQ(back.instances[2].shadowPasses.size(), 2u);
     EXPECT_TRUE(back.passes[3].allOccluders);
     EXPECT_TRUE(back.lights[1].sharedShadow);
@@ -992,6 +1002,8 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("mesh t triangles\nv 0 0 0\nv 1 0 0\n", 1, "not closed by \"end\"");
     expectError("mesh t triangles\nv 0 0 0\nq 1 2 3\nend\n", 3, "expected v, vn, vt, f or end");
     expectError("resolution 8 6 7\n", 1, "unexpected \"7\"");
+    expectError("mesh b box 1 1 1 smooth\n", 1, "\"smooth\" after a mesh: expected faceted");
+    expectError("mesh b sphere 1 8 4 faceted 2\n", 1, "unexpected \"2\"");
     expectError("samples 2\nsamples 3\n", 2, "given twice");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
     /* whole-scene checks carry no line */
@@ -1002,6 +1014,71 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("pass g lightgroup\n", 0, "names no group");
     expectError("light l rect u 1 0 0 v 2 0 0\n", 0, "do not span a rectangle");
     EXPECT_THROW(loadScene("/nonexistent/dir/x.scene"), SceneError);
+}
+
+/* ------------------------------------------------------------------ meshes */
+
+// A sphere given without normals gets smooth ones within half a degree of
+// the analytic normal P / |P| everywhere (its faces are 11 degrees apart),
+// poles and the texture seam included; faceted
+// keeps it flat, given normals are kept.
+TEST(HostMeshes, SmoothNormalsOfASphereWithoutNormals)
+{
+    const mirt::Mesh sphere = mirt::make_sphere(2.0f, 32, 16);
+    MeshDesc d;
+    d.name = "ball";
+    d.kind = MeshKind::Triangles;
+    d.P = sphere.P;
+    d.tris = sphere.tris;
+    const mirt::Mesh m = buildMesh(d);
+    ASSERT_EQ(m.N.size(), m.P.size());
+    double worst = 0.0;
+    for (size_t i = 0; i < m.P.size(); ++i) {
+        const miVector &p = m.P[i], &n = m.N[i];
+        const double lp = std::sqrt(double(p.x) * p.x + double(p.y) * p.y + double(p.z) * p.z);
+        const double ln = std::sqrt(double(n.x) * n.x + double(n.y) * n.y + double(n.z) * n.z);
+        EXPECT_NEAR(ln, 1.0, 1e-6) << i;
+        const double cosine = (double(p.x) * n.x + double(p.y) * n.y + double(p.z) * n.z) / (lp * ln);
+        worst = std::max(worst, std::acos(std::min(1.0, cosine)));
+    }
+    EXPECT_LT(worst, 0.5 * 3.14159265358979 / 180.0) << "worst angle " << worst * 180 / 3.14159265358979 << " degrees";
+
+    // One triangle's face normal on its own; a stray vertex gets +z;
+    // degenerate triangles add nothing; a vertex of a right angle and one of
+    // 45 degrees between two faces weigh by those angles.
+    mirt::Mesh t;
+    t.P = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {5, 5, 5}, {0, 0, 1}};
+    t.tris = {{0, 1, 2}, {0, 1, 1}};
+    computeVertexNormals(t);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(t.N[i].x, 0.0f) << i;
+        EXPECT_EQ(t.N[i].y, 0.0f) << i;
+        EXPECT_EQ(t.N[i].z, 1.0f) << i;
+    }
+    t.tris = {{0, 1, 2}, {0, 1, 4}}; // faces +z and -y meet along the x axis, both at 90 degrees at vertex 0
+    computeVertexNormals(t);
+    const float h = static_cast<float>(std::sqrt(0.5));
+    EXPECT_NEAR(t.N[0].x, 0.0f, 1e-6f);
+    EXPECT_NEAR(t.N[0].y, -h, 1e-6f);
+    EXPECT_NEAR(t.N[0].z, h, 1e-6f);
+    EXPECT_NEAR(t.N[1].y, -h, 1e-6f) << "45 degrees in each face at vertex 1";
+    EXPECT_NEAR(t.N[2].z, 1.0f, 1e-6f) << "only the +z face at vertex 2";
+    // 90 degrees of +z and 45 of -y at vertex 0 (equal areas): (0, -1, 2) / sqrt(5).
+    t.P[4] = {1, 0, 1};
+    computeVertexNormals(t);
+    EXPECT_NEAR(t.N[0].y, -1.0 / std::sqrt(5.0), 1e-6);
+    EXPECT_NEAR(t.N[0].z, 2.0 / std::sqrt(5.0), 1e-6);
+
+    d.faceted = true;
+    EXPECT_TRUE(buildMesh(d).N.empty());
+    d.faceted = false;
+    d.N.assign(d.P.size(), miVector{1, 0, 0});
+    EXPECT_EQ(buildMesh(d).N[5].x, 1.0f) << "given normals are kept";
+    MeshDesc ball;
+    ball.kind = MeshKind::Sphere;
+    ball.a = 1, ball.n = 8, ball.m = 4;
+    ball.faceted = true;
+    EXPECT_TRUE(buildMesh(ball).N.empty());
 }
 
 /* ------------------------------------------------------------------ files */
@@ -1035,9 +1112,93 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     EXPECT_EQ(px[(4 * 12 + 5) * 3 + 2], srgbByte(c.b));
     for (const std::string &f : files)
         std::remove(f.c_str());
-    ::rmdir(dir.c_str());
     EXPECT_THROW(writePng("/nonexistent/dir/x.png", r.main), std::runtime_error);
     EXPECT_THROW(readExr("/nonexistent/dir/x.exr"), std::runtime_error);
+
+    // A folder that went away during the render: the images land in a new
+    // folder under the temporary directory (here TMPDIR = dir), complete.
+    const char *keptTmp = std::getenv("TMPDIR");
+    const std::string savedTmp = keptTmp ? keptTmp : "";
+    ::setenv("TMPDIR", dir.c_str(), 1);
+    const WrittenOutputs fb = writeOutputsOrFallback(r, dir + "/removed");
+    EXPECT_NE(fb.failure.find("removed"), std::string::npos) << fb.failure;
+    EXPECT_EQ(fb.dir.rfind(dir + "/druxrender-", 0), 0u) << fb.dir;
+    ASSERT_EQ(fb.files.size(), files.size());
+    for (size_t i = 0; i < files.size(); ++i)
+        EXPECT_EQ(fb.files[i], fb.dir + files[i].substr(dir.size())) << i;
+    const auto again = readExr(fb.dir + "/render.exr");
+    ASSERT_EQ(again.size(), 1u + r.passes.size());
+    EXPECT_TRUE(sameBits(again[0].second, r.main));
+    for (const std::string &f : fb.files)
+        EXPECT_EQ(std::remove(f.c_str()), 0) << f;
+    ::rmdir(fb.dir.c_str());
+    // Written where asked, nothing falls back.
+    const WrittenOutputs direct = writeOutputsOrFallback(r, dir);
+    EXPECT_EQ(direct.failure, "");
+    EXPECT_EQ(direct.dir, dir);
+    for (const std::string &f : direct.files)
+        EXPECT_EQ(std::remove(f.c_str()), 0) << f;
+    // No temporary folder either: the error says both.
+    ::setenv("TMPDIR", (dir + "/missing").c_str(), 1);
+    EXPECT_THROW(writeOutputsOrFallback(r, dir + "/removed"), std::runtime_error);
+    if (keptTmp)
+        ::setenv("TMPDIR", savedTmp.c_str(), 1);
+    else
+        ::unsetenv("TMPDIR");
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "something was left behind";
+}
+
+TEST(HostOutputs, EveryFileIsProbedBeforeRendering)
+{
+    char tmpl[] = "/tmp/druxhost_probe_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const std::vector<std::string> names = outputFileNames({"beauty", "shadow"});
+    ASSERT_EQ(names, (std::vector<std::string>{"render.exr", "main.png", "beauty.png", "shadow.png"}));
+
+    // All writable: nothing is left behind, an earlier render's file is kept.
+    EXPECT_EQ(probeOutputs(dir, names), "");
+    {
+        std::ofstream(dir + "/main.png") << "earlier";
+    }
+    EXPECT_EQ(probeOutputs(dir, names), "");
+    std::ifstream earlier(dir + "/main.png");
+    std::string text;
+    earlier >> text;
+    EXPECT_EQ(text, "earlier");
+    EXPECT_EQ(std::remove((dir + "/main.png").c_str()), 0);
+
+    // A folder in the way of one file (refused even for the superuser).
+    ASSERT_EQ(::mkdir((dir + "/shadow.png").c_str(), 0777), 0);
+    const std::string why = probeOutputs(dir, names);
+    EXPECT_NE(why.find(dir + "/shadow.png"), std::string::npos) << why;
+    EXPECT_NE(probeOutputs(dir + "/missing", names), "");
+    ::rmdir((dir + "/shadow.png").c_str());
+
+#ifdef DRUXRENDER_PATH
+    // The renderer refuses with status 2 and renders nothing.
+    const std::string log = dir + "/log.txt";
+    const std::string cmd = std::string(DRUXRENDER_PATH) + " --out " + dir +
+                            " --resolution 8x6 --samples 1 --threads 1 --no-progress --quiet 2>" + log;
+    std::vector<std::string> passNames;
+    for (const PassDesc &p : defaultScene().passes)
+        passNames.push_back(p.name);
+    ASSERT_FALSE(passNames.empty());
+    const std::string blocked = dir + "/" + passNames.back() + ".png";
+    ASSERT_EQ(::mkdir(blocked.c_str(), 0777), 0);
+    const int status = std::system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    std::ifstream in(log);
+    std::stringstream msg;
+    msg << in.rdbuf();
+    EXPECT_NE(msg.str().find("cannot write " + blocked), std::string::npos) << msg.str();
+    struct stat st;
+    EXPECT_NE(::stat((dir + "/render.exr").c_str(), &st), 0) << "nothing may be written";
+    std::remove(log.c_str());
+    ::rmdir(blocked.c_str());
+#endif
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "something was left behind";
 }
 
 TEST(HostImages, SrgbEncoding)

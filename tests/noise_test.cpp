@@ -8,6 +8,7 @@
 #define DRUX_NOISE_GENERATOR_NO_MAIN
 #include "../tools/gen_noise_table.cpp"
 
+#include <dlfcn.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
@@ -20,6 +21,10 @@
 #include <random>
 #include <thread>
 #include <vector>
+
+/* Defined in the builds that force one processor variant: the file name of
+   the library holding that variant. */
+extern "C" const char *druxNoiseTestVariant() __attribute__((weak));
 
 namespace {
 
@@ -673,6 +678,26 @@ bool sameBits(float a, float b)
     std::memcpy(&x, &a, 4);
     std::memcpy(&y, &b, 4);
     return x == y || (std::isnan(a) && std::isnan(b));
+}
+
+// The noise functions called are those of the variant under test (or of the
+// library itself in the default build): otherwise the comparisons below
+// would test another variant than the one named.
+TEST(NoiseBits, FunctionsComeFromTheVariantUnderTest)
+{
+    const std::string want = druxNoiseTestVariant ? druxNoiseTestVariant() : "libDruxShaderSDK.so";
+    const std::pair<const char *, void *> fns[] = {
+        {"noise_scalar_2d", reinterpret_cast<void *>(&noise_scalar_2d)},
+        {"noise_scalar_3d", reinterpret_cast<void *>(&noise_scalar_3d)},
+        {"noise_scalar_4d", reinterpret_cast<void *>(&noise_scalar_4d)},
+        {"noise_gradient_3d", reinterpret_cast<void *>(&noise_gradient_3d)},
+        {"noise_gradient_init", reinterpret_cast<void *>(&noise_gradient_init)}};
+    for (const auto &f : fns) {
+        Dl_info info{};
+        ASSERT_NE(dladdr(f.second, &info), 0) << f.first;
+        const std::string file = info.dli_fname ? info.dli_fname : "";
+        EXPECT_EQ(file.substr(file.rfind('/') + 1), want) << f.first;
+    }
 }
 
 TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)
