@@ -696,7 +696,8 @@ TEST(NoiseBits, FunctionsComeFromTheVariantUnderTest)
         Dl_info info{};
         ASSERT_NE(dladdr(f.second, &info), 0) << f.first;
         const std::string file = info.dli_fname ? info.dli_fname : "";
-        EXPECT_EQ(file.substr(file.rfind('/') + 1), want) << f.first;
+        // The library is loaded through its versioned name (libDruxShaderSDK.so.1).
+        EXPECT_EQ(file.substr(file.rfind('/') + 1).substr(0, want.size()), want) << f.first;
     }
 }
 
