@@ -1,0 +1,118 @@
+/*
+ * The reference host as a look-development tool: ID mattes (hash, id
+ * conversion, ranks and coverage, file header), data passes, models read
+ * from OBJ files and the contact sheet.
+ */
+#if __has_include("render.h") && __has_include("cryptomatte.h")
+
+#include "cryptomatte.h"
+#include "image_io.h"
+#include "render.h"
+#include "scene.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+using namespace druxhost;
+
+namespace {
+
+uint32_t bitsOf(float f)
+{
+    uint32_t b;
+    std::memcpy(&b, &f, sizeof b);
+    return b;
+}
+
+TEST(Cryptomatte, HashAndIdMatchThePublishedVectors)
+{
+    EXPECT_EQ(murmur3_32("torus", 5), 4053562365u);
+    const std::string plain = "\xd1\x80\xd0\xb0\xd0\xb2\xd0\xbd\xd0\xb8\xd0\xbd\xd0\xb0"; /* "равнина" */
+    EXPECT_EQ(murmur3_32(plain.data(), plain.size()), 2518896926u);
+    EXPECT_FLOAT_EQ(cryptoId("torus"), -1.54943624832e+30f);
+    EXPECT_FLOAT_EQ(cryptoId(plain), -1.31926312124e-25f);
+    /* the reference values of the algorithm for every tail length and a seed */
+    EXPECT_EQ(murmur3_32("", 0), 0u);
+    EXPECT_EQ(murmur3_32("", 0, 1), 0x514E28B7u);
+    EXPECT_EQ(murmur3_32("a", 1), 0x3C2569B2u);
+    EXPECT_EQ(murmur3_32("ab", 2), 0x9BBFD75Fu);
+    EXPECT_EQ(murmur3_32("abc", 3), 0xB3DD93FAu);
+    EXPECT_EQ(murmur3_32("abcd", 4), 0x43ED676Au);
+    EXPECT_EQ(murmur3_32("Hello, world!", 13, 1234), 0xFAF6CDB3u);
+    EXPECT_EQ(cryptoHex(cryptoId("torus")), "f19c73fd"); /* 4053562365 */
+}
+
+TEST(Cryptomatte, IdsAreNeverZeroSubnormalInfiniteOrNan)
+{
+    /* names whose hash has exponent bits 0 or 255 get bit 23 flipped */
+    int flipped = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string name = "object" + std::to_string(i);
+        const uint32_t h = murmur3_32(name.data(), name.size());
+        const float id = cryptoId(name);
+        ASSERT_TRUE(std::isnormal(id)) << name;
+        const uint32_t e = h >> 23 & 255u;
+        if (e == 0 || e == 255) {
+            EXPECT_EQ(bitsOf(id), h ^ (1u << 23)) << name;
+            ++flipped;
+        } else {
+            EXPECT_EQ(bitsOf(id), h) << name;
+        }
+    }
+    EXPECT_GT(flipped, 0); /* about 2 in 256 names */
+}
+
+TEST(Cryptomatte, PixelRanksByCoverageAndHeaderDescribesTheMatte)
+{
+    CryptoMatte m = makeCryptoMatte("CryptoObject", {"a", "b", "c", "d", "e", "f", "g", "quote\"d"}, 2, 1);
+    CryptoPixel px(16);
+    /* 16 samples: g 5, a 4, c 3, b 2, miss 1, d 1 */
+    const int order[] = {6, 6, 6, 6, 6, 0, 0, 0, 0, 2, 2, 2, 1, 1, -1, 3};
+    for (int n : order)
+        px.add(n, 1.0f);
+    px.write(m, 1, 0);
+    const miColor l0 = m.layers[0].at(1, 0), l1 = m.layers[1].at(1, 0), l2 = m.layers[2].at(1, 0);
+    EXPECT_EQ(bitsOf(l0.r), bitsOf(m.ids[6]));
+    EXPECT_FLOAT_EQ(l0.g, 5.0f / 16);
+    EXPECT_EQ(bitsOf(l0.b), bitsOf(m.ids[0]));
+    EXPECT_FLOAT_EQ(l0.a, 4.0f / 16);
+    EXPECT_EQ(bitsOf(l1.r), bitsOf(m.ids[2]));
+    EXPECT_FLOAT_EQ(l1.g, 3.0f / 16);
+    EXPECT_EQ(bitsOf(l1.b), bitsOf(m.ids[1]));
+    EXPECT_FLOAT_EQ(l1.a, 2.0f / 16);
+    EXPECT_EQ(bitsOf(l2.r), bitsOf(m.ids[3]));
+    EXPECT_FLOAT_EQ(l2.g, 1.0f / 16);
+    EXPECT_EQ(l2.b, 0.0f); /* unused rank */
+    EXPECT_EQ(l2.a, 0.0f);
+    EXPECT_FLOAT_EQ(m.coverage(1, 0, m.ids[2]), 3.0f / 16);
+    /* the untouched pixel stays empty; a reused accumulator starts over */
+    EXPECT_EQ(m.coverage(0, 0, m.ids[6]), 0.0f);
+    px.clear();
+    px.add(4, 1.0f);
+    px.write(m, 0, 0);
+    EXPECT_FLOAT_EQ(m.coverage(0, 0, m.ids[4]), 1.0f);
+    EXPECT_EQ(m.layers[0].at(0, 0).b, 0.0f);
+
+    EXPECT_EQ(m.key(), cryptoHex(cryptoId("CryptoObject")).substr(0, 7));
+    EXPECT_EQ(m.layerName(2), "CryptoObject02");
+    const auto attrs = m.attributes();
+    ASSERT_EQ(attrs.size(), 4u);
+    EXPECT_EQ(attrs[0].first, "cryptomatte/" + m.key() + "/name");
+    EXPECT_EQ(attrs[0].second, "CryptoObject");
+    EXPECT_EQ(attrs[1].second, "MurmurHash3_32");
+    EXPECT_EQ(attrs[2].second, "uint32_to_float32");
+    EXPECT_EQ(attrs[3].first, "cryptomatte/" + m.key() + "/manifest");
+    EXPECT_NE(attrs[3].second.find("\"a\":\"" + cryptoHex(cryptoId("a")) + "\""), std::string::npos);
+    EXPECT_NE(attrs[3].second.find("\"quote\\\"d\":"), std::string::npos);
+    EXPECT_EQ(attrs[3].second.front(), '{');
+    EXPECT_EQ(attrs[3].second.back(), '}');
+}
+
+} // namespace
+
+#else
+#include <gtest/gtest.h>
+TEST(HostLookdev, Skipped) { GTEST_SKIP() << "the host renderer is not built"; }
+#endif
