@@ -209,4 +209,22 @@ void CryptoPixel::write(CryptoMatte &m, int x, int y)
     }
 }
 
+void CryptoTags::add(uint32_t tag, int instance, int material) { entries_.push_back(Entry{tag, instance, material}); }
+
+void CryptoTags::seal()
+{
+    std::sort(entries_.begin(), entries_.end(), [](const Entry &a, const Entry &b) { return a.tag < b.tag; });
+}
+
+bool CryptoTags::find(uint32_t tag, int &instance, int &material) const
+{
+    auto it = std::lower_bound(entries_.begin(), entries_.end(), tag,
+                               [](const Entry &e, uint32_t t) { return e.tag < t; });
+    if (it == entries_.end() || it->tag != tag || tag == 0)
+        return false;
+    instance = it->instance;
+    material = it->material;
+    return true;
+}
+
 } // namespace druxhost

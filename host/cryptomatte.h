@@ -77,6 +77,23 @@ private:
     float total_ = 0;
 };
 
+/* Instance tags to (instance index, material index), for the eye samples. */
+class CryptoTags {
+public:
+    void add(uint32_t instanceTag, int instance, int material);
+    /* Sorts the table; call once before the lookups. */
+    void seal();
+    /* False when the tag is none of the scene's instances. */
+    bool find(uint32_t instanceTag, int &instance, int &material) const;
+
+private:
+    struct Entry {
+        uint32_t tag;
+        int instance, material;
+    };
+    std::vector<Entry> entries_;
+};
+
 } // namespace druxhost
 
 #endif

@@ -5,6 +5,7 @@
 #include <OpenEXR/ImfHeader.h>
 #include <OpenEXR/ImfInputFile.h>
 #include <OpenEXR/ImfOutputFile.h>
+#include <OpenEXR/ImfStringAttribute.h>
 #include <png.h>
 
 #include <cmath>
@@ -34,7 +35,8 @@ struct FileCloser {
 
 } // namespace
 
-void writeExr(const std::string &path, const std::vector<Layer> &layers)
+void writeExr(const std::string &path, const std::vector<Layer> &layers,
+              const std::vector<std::pair<std::string, std::string>> &attributes)
 {
     if (layers.empty())
         throw std::runtime_error("writeExr: no layers");
@@ -45,6 +47,8 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers)
     try {
         Imf::Header header(w, h);
         header.compression() = Imf::ZIP_COMPRESSION;
+        for (const auto &a : attributes)
+            header.insert(a.first, Imf::StringAttribute(a.second));
         Imf::FrameBuffer fb;
         for (const Layer &l : layers)
             for (int c = 0; c < 4; ++c) {
@@ -89,6 +93,20 @@ std::vector<std::pair<std::string, Image>> readExr(const std::string &path)
             }
         file.setFrameBuffer(fb);
         file.readPixels(dw.min.y, dw.max.y);
+    } catch (const std::exception &ex) {
+        throw std::runtime_error("cannot read " + path + ": " + ex.what());
+    }
+    return out;
+}
+
+std::vector<std::pair<std::string, std::string>> readExrAttributes(const std::string &path)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    try {
+        Imf::InputFile file(path.c_str());
+        for (Imf::Header::ConstIterator it = file.header().begin(); it != file.header().end(); ++it)
+            if (const Imf::StringAttribute *a = dynamic_cast<const Imf::StringAttribute *>(&it.attribute()))
+                out.emplace_back(it.name(), a->value());
     } catch (const std::exception &ex) {
         throw std::runtime_error("cannot read " + path + ": " + ex.what());
     }

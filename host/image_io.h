@@ -7,6 +7,7 @@
 
 #include "shader.h"
 
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -40,8 +41,12 @@ struct Layer {
     const Image *image;
 };
 
-/* 32-bit float channels, ZIP compression.  Throws std::runtime_error. */
-void writeExr(const std::string &path, const std::vector<Layer> &layers);
+/* 32-bit float channels, ZIP compression; `attributes` become string
+   attributes of the header.  Throws std::runtime_error. */
+void writeExr(const std::string &path, const std::vector<Layer> &layers,
+              const std::vector<std::pair<std::string, std::string>> &attributes = {});
+/* The string attributes of a file's header. */
+std::vector<std::pair<std::string, std::string>> readExrAttributes(const std::string &path);
 /* Every layer of a file written by writeExr (name "" for the default layer). */
 std::vector<std::pair<std::string, Image>> readExr(const std::string &path);
 

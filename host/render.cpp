@@ -175,6 +175,16 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.passes.emplace_back(s.width, s.height);
     }
     const PassLayout layout = layoutPasses(s);
+    {
+        std::vector<std::string> instanceNames, materialNames;
+        for (const InstanceDesc &i : s.instances)
+            instanceNames.push_back(i.name);
+        for (const MaterialDesc &m : s.materials)
+            materialNames.push_back(m.name);
+        out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, s.width, s.height));
+        out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, s.width, s.height));
+    }
+    CryptoTags cryptoTags;
     std::vector<std::unique_ptr<ScatterCache *>> scatterLists; /* outlive the materials */
     std::vector<miTag> materialFns;
     std::string fatal;
@@ -270,9 +280,12 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
             const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
             items.geometry.push_back(g);
+            cryptoTags.add(g.instance, static_cast<int>(&i - s.instances.data()),
+                           static_cast<int>(s.material(i.material) - s.materials.data()));
             bvh.add(g);
         }
         bvh.build();
+        cryptoTags.seal();
         ctx.set_scene(&bvh);
         out.stats.triangles = bvh.triangleCount();
         out.stats.bvhNodes = bvh.nodeCount();
@@ -351,6 +364,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         auto worker = [&](int thread) {
             miState *st = nullptr;
             std::vector<miColor> passSum(s.passes.size());
+            CryptoPixel objectPx(s.samples), materialPx(s.samples);
             try {
                 for (int tile; (tile = nextTile.fetch_add(1)) < tiles;) {
                     if (!st) {
@@ -363,6 +377,8 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                         for (int x = x0; x < x1; ++x) {
                             miColor sum{0, 0, 0, 0};
                             std::fill(passSum.begin(), passSum.end(), miColor{0, 0, 0, 0});
+                            objectPx.clear();
+                            materialPx.clear();
                             for (int k = 0; k < s.samples; ++k) {
                                 ctx.begin_sample(st, x, y, k);
                                 double jx, jy;
@@ -370,6 +386,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                 const miVector dir = camera.ray(x + jx, y + jy);
                                 miColor c;
                                 const miBoolean ok = ctx.shade_eye(st, camera.origin, dir, &c);
+                                int hitInstance = -1, hitMaterial = -1;
+                                cryptoTags.find(st->instance, hitInstance, hitMaterial);
+                                objectPx.add(hitInstance, 1.0f);
+                                materialPx.add(hitMaterial, 1.0f);
                                 ctx.end_sample(st, ok);
                                 sum.r += c.r;
                                 sum.g += c.g;
@@ -388,6 +408,8 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                             }
                             out.main.set(x, y, miColor{sum.r * invSamples, sum.g * invSamples, sum.b * invSamples,
                                                        sum.a * invSamples});
+                            objectPx.write(out.mattes[0], x, y);
+                            materialPx.write(out.mattes[1], x, y);
                             for (size_t p = 0; p < s.passes.size(); ++p)
                                 out.passes[p].set(x, y,
                                                   miColor{passSum[p].r * invSamples, passSum[p].g * invSamples,
@@ -468,8 +490,15 @@ std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &
     layers.push_back(Layer{"", &r.main});
     for (size_t i = 0; i < r.passes.size(); ++i)
         layers.push_back(Layer{r.passNames[i], &r.passes[i]});
+    std::vector<std::pair<std::string, std::string>> attributes;
+    for (const CryptoMatte &m : r.mattes) {
+        for (size_t l = 0; l < m.layers.size(); ++l)
+            layers.push_back(Layer{m.layerName(static_cast<int>(l)), &m.layers[l]});
+        for (const auto &a : m.attributes())
+            attributes.push_back(a);
+    }
     const std::string exr = dir + "/render.exr";
-    writeExr(exr, layers);
+    writeExr(exr, layers, attributes);
     files.push_back(exr);
     writePng(dir + "/main.png", r.main);
     files.push_back(dir + "/main.png");

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 
 using namespace druxhost;
@@ -108,6 +109,142 @@ TEST(Cryptomatte, PixelRanksByCoverageAndHeaderDescribesTheMatte)
     EXPECT_NE(attrs[3].second.find("\"quote\\\"d\":"), std::string::npos);
     EXPECT_EQ(attrs[3].second.front(), '{');
     EXPECT_EQ(attrs[3].second.back(), '}');
+}
+
+/* Two large planes meeting at x = 0 under a camera looking straight down:
+   with an odd width the middle column is split in half between them. */
+SceneDesc twoPlanes(int width, int height, int samples)
+{
+    SceneDesc s;
+    s.width = width;
+    s.height = height;
+    s.samples = samples;
+    s.camera.position = {0, 0, 10};
+    s.camera.target = {0, 0, 0};
+    s.camera.up = {0, 1, 0};
+    s.camera.fov = 40.0f;
+    s.options.finalgather = false;
+    for (const char *m : {"matA", "matB"}) {
+        MaterialDesc d;
+        d.name = m;
+        s.materials.push_back(d);
+    }
+    MeshDesc plane;
+    plane.name = "plane";
+    plane.a = plane.b = 10.0f;
+    s.meshes.push_back(plane);
+    InstanceDesc left, right;
+    left.name = "left";
+    left.mesh = "plane";
+    left.material = "matA";
+    left.steps = {{TransformStep::Translate, {-5, 0, 0}}};
+    right = left;
+    right.name = "right";
+    right.material = "matB";
+    right.steps = {{TransformStep::Translate, {5, 0, 0}}};
+    s.instances = {left, right};
+    return s;
+}
+
+std::string tempDir()
+{
+    char tmpl[] = "/tmp/druxlookdevXXXXXX";
+    const char *d = mkdtemp(tmpl);
+    return d ? d : "/tmp";
+}
+
+TEST(Cryptomatte, TwoObjectsShareThePixelsTheyCover)
+{
+    const int w = 9, h = 4;
+    const SceneDesc s = twoPlanes(w, h, 16);
+    const RenderResult r = render(s, RenderOptions());
+    ASSERT_EQ(r.mattes.size(), 2u);
+    const CryptoMatte &obj = r.mattes[0];
+    const CryptoMatte &mat = r.mattes[1];
+    EXPECT_EQ(obj.type, "CryptoObject");
+    EXPECT_EQ(mat.type, "CryptoMaterial");
+    const float left = cryptoId("left"), right = cryptoId("right");
+    double sumLeft = 0, sumRight = 0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            float total = 0;
+            for (const Image &l : obj.layers) {
+                total += l.at(x, y).g + l.at(x, y).a;
+            }
+            EXPECT_NEAR(total, 1.0f, 1e-5f) << x << "," << y; /* fully covered */
+            const float cl = obj.coverage(x, y, left), cr = obj.coverage(x, y, right);
+            sumLeft += cl;
+            sumRight += cr;
+            if (x < w / 2) {
+                EXPECT_EQ(cl, 1.0f);
+            } else if (x > w / 2) {
+                EXPECT_EQ(cr, 1.0f);
+            } else {
+                /* the split column: two ranks, the larger first, summing to 1 */
+                const miColor l0 = obj.layers[0].at(x, y);
+                EXPECT_GT(l0.g, 0.0f);
+                EXPECT_GT(l0.a, 0.0f);
+                EXPECT_GE(l0.g, l0.a);
+                EXPECT_NEAR(l0.g + l0.a, 1.0f, 1e-5f);
+                EXPECT_TRUE((l0.r == left && l0.b == right) || (l0.r == right && l0.b == left));
+            }
+            /* materials follow their instances */
+            EXPECT_FLOAT_EQ(mat.coverage(x, y, cryptoId("matA")), cl);
+            EXPECT_FLOAT_EQ(mat.coverage(x, y, cryptoId("matB")), cr);
+        }
+    /* each matte adds up to its area in pixels (the middle column is shared) */
+    EXPECT_NEAR(sumLeft, 4.5 * h, 0.1 * h);
+    EXPECT_NEAR(sumRight, 4.5 * h, 0.1 * h);
+    EXPECT_NEAR(sumLeft + sumRight, double(w * h), 1e-4);
+
+    /* the file: three layers per matte and the header that describes them */
+    const std::string dir = tempDir();
+    writeOutputs(r, dir);
+    const auto layers = readExr(dir + "/render.exr");
+    int cryptoLayers = 0;
+    for (const auto &l : layers)
+        if (l.first.rfind("CryptoObject0", 0) == 0 || l.first.rfind("CryptoMaterial0", 0) == 0) {
+            ++cryptoLayers;
+            if (l.first == "CryptoObject00") {
+                EXPECT_EQ(l.second.at(0, 0).r, left);
+            }
+        }
+    EXPECT_EQ(cryptoLayers, 6);
+    const auto attrs = readExrAttributes(dir + "/render.exr");
+    auto attr = [&](const std::string &name) {
+        for (const auto &a : attrs)
+            if (a.first == name)
+                return a.second;
+        return std::string("(missing)");
+    };
+    const std::string key = obj.key();
+    EXPECT_EQ(attr("cryptomatte/" + key + "/name"), "CryptoObject");
+    EXPECT_EQ(attr("cryptomatte/" + key + "/hash"), "MurmurHash3_32");
+    EXPECT_EQ(attr("cryptomatte/" + key + "/conversion"), "uint32_to_float32");
+    EXPECT_EQ(attr("cryptomatte/" + key + "/manifest"),
+              "{\"left\":\"" + cryptoHex(left) + "\",\"right\":\"" + cryptoHex(right) + "\"}");
+    EXPECT_EQ(attr("cryptomatte/" + mat.key() + "/name"), "CryptoMaterial");
+    EXPECT_NE(attr("cryptomatte/" + mat.key() + "/manifest").find("\"matB\""), std::string::npos);
+    EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
+}
+
+TEST(Cryptomatte, SamplesThatMissCountAsUncovered)
+{
+    /* only the left plane: the right half of the picture is empty */
+    SceneDesc s = twoPlanes(9, 2, 16);
+    s.instances.pop_back();
+    const RenderResult r = render(s, RenderOptions());
+    const CryptoMatte &obj = r.mattes[0];
+    const float left = cryptoId("left");
+    for (int y = 0; y < 2; ++y) {
+        EXPECT_EQ(obj.coverage(0, y, left), 1.0f);
+        const float mid = obj.coverage(4, y, left);
+        EXPECT_GT(mid, 0.3f);
+        EXPECT_LT(mid, 0.7f);
+        EXPECT_EQ(obj.layers[0].at(4, y).a, 0.0f); /* no second rank for the sky */
+        EXPECT_EQ(obj.layers[0].at(8, y).r, 0.0f);
+        EXPECT_EQ(obj.layers[0].at(8, y).g, 0.0f);
+    }
 }
 
 } // namespace
