@@ -51,8 +51,8 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers,
             header.insert(a.first, Imf::StringAttribute(a.second));
         Imf::FrameBuffer fb;
         for (const Layer &l : layers)
-            for (int c = 0; c < 4; ++c) {
-                const std::string name = channelName(l.name, c);
+            for (int c = 0; c < (l.depth ? 1 : 4); ++c) {
+                const std::string name = l.depth ? (l.name.empty() ? "Z" : l.name + ".Z") : channelName(l.name, c);
                 header.channels().insert(name, Imf::Channel(Imf::FLOAT));
                 char *base = reinterpret_cast<char *>(const_cast<float *>(l.image->rgba.data())) + c * sizeof(float);
                 fb.insert(name, Imf::Slice(Imf::FLOAT, base, 4 * sizeof(float), 4 * sizeof(float) * size_t(w)));
@@ -77,14 +77,18 @@ std::vector<std::pair<std::string, Image>> readExr(const std::string &path)
              it != file.header().channels().end(); ++it) {
             const std::string name = it.name();
             const size_t dot = name.rfind('.');
-            const std::string layer = dot == std::string::npos ? std::string() : name.substr(0, dot);
+            std::string layer = dot == std::string::npos ? std::string() : name.substr(0, dot);
+            if (name == "Z")
+                layer = "Z";
             if (layerIndex.emplace(layer, out.size()).second)
                 out.emplace_back(layer, Image(w, h));
         }
         Imf::FrameBuffer fb;
         for (auto &entry : out)
             for (int c = 0; c < 4; ++c) {
-                const std::string name = channelName(entry.first, c);
+                std::string name = channelName(entry.first, c);
+                if (c == 0 && !file.header().channels().findChannel(name))
+                    name = entry.first == "Z" ? "Z" : entry.first + ".Z";
                 if (!file.header().channels().findChannel(name))
                     continue;
                 char *base = reinterpret_cast<char *>(entry.second.rgba.data()) + c * sizeof(float) -

@@ -35,10 +35,14 @@ struct Image {
 };
 
 /* A named layer of a multi-layer file; an empty name is the default layer
-   (channels R, G, B, A), any other gives <name>.R, <name>.G, <name>.B, <name>.A. */
+   (channels R, G, B, A), any other gives <name>.R, <name>.G, <name>.B, <name>.A.
+   A depth layer holds only the image's red channel, as Z (empty name) or
+   <name>.Z; readExr gives it back as the layer "Z" or <name> with the value
+   in red. */
 struct Layer {
     std::string name;
     const Image *image;
+    bool depth = false;
 };
 
 /* 32-bit float channels, ZIP compression; `attributes` become string

@@ -1,6 +1,7 @@
 #include "render.h"
 
 #include "bvh.h"
+#include "data_passes.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "meshes.h"
@@ -376,7 +377,8 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                     for (int y = y0; y < y1; ++y)
                         for (int x = x0; x < x1; ++x) {
                             miColor sum{0, 0, 0, 0};
-                            std::fill(passSum.begin(), passSum.end(), miColor{0, 0, 0, 0});
+                            for (size_t p = 0; p < s.passes.size(); ++p)
+                                passSum[p] = pixelFilterStart(s.passes[p].role);
                             objectPx.clear();
                             materialPx.clear();
                             for (int k = 0; k < s.samples; ++k) {
@@ -398,11 +400,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                 for (size_t p = 0; p < s.passes.size(); ++p) {
                                     if (!fbIndex[p])
                                         continue;
-                                    const miColor v = ctx.fb_pixel(fbIndex[p], x, y);
-                                    passSum[p].r += v.r;
-                                    passSum[p].g += v.g;
-                                    passSum[p].b += v.b;
-                                    passSum[p].a += v.a;
+                                    pixelFilterAdd(s.passes[p].role, passSum[p], ctx.fb_pixel(fbIndex[p], x, y));
                                     ctx.set_fb_pixel(fbIndex[p], x, y, miColor{0, 0, 0, 0});
                                 }
                             }
@@ -411,9 +409,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                             objectPx.write(out.mattes[0], x, y);
                             materialPx.write(out.mattes[1], x, y);
                             for (size_t p = 0; p < s.passes.size(); ++p)
-                                out.passes[p].set(x, y,
-                                                  miColor{passSum[p].r * invSamples, passSum[p].g * invSamples,
-                                                          passSum[p].b * invSamples, passSum[p].a * invSamples});
+                                out.passes[p].set(x, y, pixelFilterEnd(s.passes[p].role, passSum[p], invSamples));
                         }
                     ctx.clear_irradiance_calls(); /* the runtime keeps a record of every gather */
                     tilesDone.fetch_add(1);
@@ -488,8 +484,13 @@ std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &
     std::vector<std::string> files;
     std::vector<Layer> layers;
     layers.push_back(Layer{"", &r.main});
-    for (size_t i = 0; i < r.passes.size(); ++i)
-        layers.push_back(Layer{r.passNames[i], &r.passes[i]});
+    bool zWritten = false;
+    for (size_t i = 0; i < r.passes.size(); ++i) {
+        /* the first depth pass is the file's Z channel, any other <name>.Z */
+        const bool depth = r.passRoles[i] == PassRole::Depth;
+        layers.push_back(Layer{depth && !zWritten ? std::string() : r.passNames[i], &r.passes[i], depth});
+        zWritten = zWritten || depth;
+    }
     std::vector<std::pair<std::string, std::string>> attributes;
     for (const CryptoMatte &m : r.mattes) {
         for (size_t l = 0; l < m.layers.size(); ++l)
@@ -504,7 +505,7 @@ std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &
     files.push_back(dir + "/main.png");
     for (size_t i = 0; i < r.passes.size(); ++i) {
         const std::string png = dir + "/" + r.passNames[i] + ".png";
-        writePng(png, r.passes[i]);
+        writePng(png, displayImage(r.passRoles[i], r.passes[i]));
         files.push_back(png);
     }
     return files;

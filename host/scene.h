@@ -32,7 +32,13 @@ enum class PassRole {
     Background,
     Shadow,
     LightGroup,
-    Constant /* a non-material pass: a constant colour written at every sample */
+    Constant, /* a non-material pass: a constant colour written at every sample */
+    /* data passes of the first surface an eye ray meets (data_passes.h) */
+    Depth,
+    Normal,
+    Position,
+    Albedo,
+    Coverage
 };
 
 const char *roleName(PassRole role);

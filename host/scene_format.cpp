@@ -475,7 +475,7 @@ private:
         if (!roleFromName(role, p.role))
             l.error("unknown pass role \"" + role +
                     "\" (beauty, diffuse, specular, reflection, refraction, indirect, scatter, background, "
-                    "shadow, lightgroup, constant)");
+                    "shadow, lightgroup, constant, depth, normal, position, albedo, coverage)");
         std::map<std::string, KeyHandler> keys = {
             {"all_occluders", [&](Line &x) { p.allOccluders = x.boolean("all_occluders"); }}};
         if (p.role == PassRole::LightGroup)

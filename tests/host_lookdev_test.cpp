@@ -6,6 +6,7 @@
 #if __has_include("render.h") && __has_include("cryptomatte.h")
 
 #include "cryptomatte.h"
+#include "data_passes.h"
 #include "image_io.h"
 #include "render.h"
 #include "scene.h"
@@ -245,6 +246,133 @@ TEST(Cryptomatte, SamplesThatMissCountAsUncovered)
         EXPECT_EQ(obj.layers[0].at(8, y).r, 0.0f);
         EXPECT_EQ(obj.layers[0].at(8, y).g, 0.0f);
     }
+}
+
+PassDesc pass(const char *name, PassRole role)
+{
+    PassDesc p;
+    p.name = name;
+    p.role = role;
+    return p;
+}
+
+/* The ground plane (matA) under a box of size 2 standing on it (matB, top
+   face at z = 2), seen straight from above from z = 10; a light and a
+   reflective ground so that child rays and light loops run too. */
+SceneDesc groundAndBox(bool dataPasses)
+{
+    SceneDesc s = twoPlanes(21, 15, 4);
+    s.instances.pop_back();
+    s.meshes[0].a = s.meshes[0].b = 40.0f;
+    s.instances[0].steps.clear();
+    s.materials[0].diffuse = {0.8f, 0.2f, 0.1f, 1};
+    s.materials[0].kd = 0.5f;
+    s.materials[0].reflectivity = 0.3f;
+    s.materials[1].diffuse = {0.1f, 0.6f, 0.3f, 1};
+    MeshDesc box;
+    box.name = "box";
+    box.kind = MeshKind::Box;
+    box.a = box.b = box.c = 2.0f;
+    s.meshes.push_back(box);
+    InstanceDesc b;
+    b.name = "box";
+    b.mesh = "box";
+    b.material = "matB";
+    b.steps = {{TransformStep::Translate, {0, 0, 1}}};
+    s.instances.push_back(b);
+    LightDesc l;
+    l.name = "sun";
+    l.position = {3, -2, 12};
+    s.lights.push_back(l);
+    s.passes = {pass("beauty", PassRole::Beauty), pass("diffuse", PassRole::Diffuse)};
+    if (dataPasses)
+        for (auto p : {pass("depth", PassRole::Depth), pass("normal", PassRole::Normal),
+                       pass("position", PassRole::Position), pass("albedo", PassRole::Albedo),
+                       pass("coverage", PassRole::Coverage)})
+            s.passes.push_back(p);
+    return s;
+}
+
+void expectColor(const miColor &c, float r, float g, float b, float a, const char *what)
+{
+    EXPECT_NEAR(c.r, r, 1e-4f) << what;
+    EXPECT_NEAR(c.g, g, 1e-4f) << what;
+    EXPECT_NEAR(c.b, b, 1e-4f) << what;
+    EXPECT_NEAR(c.a, a, 1e-6f) << what;
+}
+
+TEST(DataPasses, HoldDepthNormalPositionAndAlbedoOfTheFirstHit)
+{
+    const RenderResult r = render(groundAndBox(true), RenderOptions());
+    const Image &depth = *r.pass("depth"), &normal = *r.pass("normal"), &position = *r.pass("position"),
+                &albedo = *r.pass("albedo"), &coverage = *r.pass("coverage");
+    /* the middle pixel sees the box's top face, 8 units away */
+    expectColor(depth.at(10, 7), 8, 8, 8, 1, "depth, box");
+    expectColor(normal.at(10, 7), 0, 0, 1, 1, "normal, box");
+    EXPECT_NEAR(position.at(10, 7).b, 2.0f, 1e-4f);
+    EXPECT_NEAR(position.at(10, 7).r, 0.0f, 0.2f);
+    expectColor(albedo.at(10, 7), 0.1f, 0.6f, 0.3f, 1, "albedo, box");
+    /* a corner pixel sees the ground: depth along the viewing axis, not the
+       slanted distance; albedo is kd times the diffuse colour */
+    expectColor(depth.at(0, 0), 10, 10, 10, 1, "depth, ground");
+    expectColor(normal.at(0, 0), 0, 0, 1, 1, "normal, ground");
+    EXPECT_NEAR(position.at(0, 0).b, 0.0f, 1e-4f);
+    EXPECT_LT(position.at(0, 0).r, -2.0f);
+    EXPECT_GT(position.at(0, 0).g, 1.5f); /* top of the picture: +y */
+    expectColor(albedo.at(0, 0), 0.4f, 0.1f, 0.05f, 1, "albedo, ground");
+    expectColor(coverage.at(3, 3), 1, 1, 1, 1, "coverage");
+
+    /* an edge pixel of the box: depth keeps the nearest sample, the averaged
+       passes mix both surfaces */
+    bool edgeSeen = false;
+    for (int x = 0; x < 21; ++x) {
+        const float albedoG = albedo.at(x, 7).g;
+        if (albedoG > 0.11f && albedoG < 0.59f) {
+            edgeSeen = true;
+            EXPECT_NEAR(depth.at(x, 7).r, 8.0f, 1e-4f) << x;
+        }
+    }
+    EXPECT_TRUE(edgeSeen);
+
+    /* the data passes leave every other pass alone, bit for bit */
+    const RenderResult plain = render(groundAndBox(false), RenderOptions());
+    for (const char *name : {"beauty", "diffuse"})
+        EXPECT_EQ(std::memcmp(plain.pass(name)->rgba.data(), r.pass(name)->rgba.data(),
+                              r.pass(name)->rgba.size() * sizeof(float)),
+                  0)
+            << name;
+    EXPECT_EQ(std::memcmp(plain.main.rgba.data(), r.main.rgba.data(), r.main.rgba.size() * sizeof(float)), 0);
+}
+
+TEST(DataPasses, MissesLeaveThemEmptyAndAlphaIsCoverage)
+{
+    SceneDesc s = twoPlanes(9, 2, 16);
+    s.instances.pop_back(); /* the right half sees nothing */
+    s.passes = {pass("depth", PassRole::Depth), pass("normal", PassRole::Normal),
+                pass("coverage", PassRole::Coverage)};
+    const RenderResult r = render(s, RenderOptions());
+    const float mid = r.mattes[0].coverage(4, 0, cryptoId("left"));
+    expectColor(r.pass("coverage")->at(4, 0), mid, mid, mid, mid, "coverage, split pixel");
+    expectColor(r.pass("depth")->at(4, 0), 10, 10, 10, mid, "depth, split pixel");
+    expectColor(r.pass("normal")->at(4, 0), 0, 0, mid, mid, "normal, split pixel");
+    expectColor(r.pass("depth")->at(8, 0), kNoDepth, kNoDepth, kNoDepth, 0, "depth, sky");
+    expectColor(r.pass("normal")->at(8, 0), 0, 0, 0, 0, "normal, sky");
+
+    /* the file holds depth as the one channel Z */
+    const std::string dir = tempDir();
+    writeOutputs(r, dir);
+    const auto layers = readExr(dir + "/render.exr");
+    bool z = false;
+    for (const auto &l : layers) {
+        EXPECT_NE(l.first, "depth");
+        if (l.first == "Z") {
+            z = true;
+            EXPECT_EQ(l.second.at(0, 0).r, 10.0f);
+            EXPECT_EQ(l.second.at(0, 0).g, 0.0f); /* one channel only */
+        }
+    }
+    EXPECT_TRUE(z);
+    EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
 }
 
 } // namespace

@@ -1020,9 +1020,13 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     EXPECT_EQ(files.size(), 2u + r.passes.size());
 
     const auto layers = readExr(dir + "/render.exr");
-    ASSERT_EQ(layers.size(), 1u + r.passes.size());
+    ASSERT_EQ(layers.size(), 1u + r.passes.size() + 6u); /* and three layers per ID matte */
     for (const auto &l : layers) {
         const Image *want = l.first.empty() ? &r.main : r.pass(l.first);
+        for (const CryptoMatte &m : r.mattes)
+            for (int k = 0; k < 3; ++k)
+                if (l.first == m.layerName(k))
+                    want = &m.layers[size_t(k)];
         ASSERT_NE(want, nullptr) << "layer " << l.first;
         EXPECT_TRUE(sameBits(l.second, *want)) << "layer " << l.first;
     }
