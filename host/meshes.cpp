@@ -73,7 +73,8 @@ mirt::Mesh buildMesh(const MeshDesc &d)
         return makeBox(d.a, d.b, d.c);
     case MeshKind::Torus:
         return makeTorus(d.a, d.b, d.n, d.m);
-    case MeshKind::Triangles: {
+    case MeshKind::Triangles:
+    case MeshKind::Obj: {
         mirt::Mesh m;
         m.P = d.P;
         m.N = d.N;

@@ -205,6 +205,7 @@ void validate(const SceneDesc &s)
                 fail("mesh \"" + m.name + "\": a torus needs positive radii, >= 3 segments and rings");
             break;
         case MeshKind::Triangles:
+        case MeshKind::Obj:
             if (m.P.empty() || m.tris.empty())
                 fail("mesh \"" + m.name + "\" has no vertices or no triangles");
             if (!m.N.empty() && m.N.size() != m.P.size())

@@ -17,6 +17,8 @@
  */
 #include "scene.h"
 
+#include "obj_loader.h"
+
 #include <array>
 #include <cerrno>
 #include <cmath>
@@ -182,7 +184,7 @@ std::vector<std::string> tokenize(const std::string &line)
 
 class Parser {
 public:
-    explicit Parser(const std::string &text)
+    Parser(const std::string &text, const std::string &baseDir) : baseDir_(baseDir)
     {
         std::istringstream in(text);
         std::string line;
@@ -349,7 +351,7 @@ private:
     {
         MeshDesc m;
         m.name = l.word("mesh name");
-        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles"});
+        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles", "obj"});
         m.kind = static_cast<MeshKind>(kind);
         switch (m.kind) {
         case MeshKind::Plane:
@@ -378,6 +380,21 @@ private:
             l.end();
             triangles(l, m);
             break;
+        case MeshKind::Obj: {
+            m.file = l.word("OBJ file name");
+            if (m.file.size() >= 2 && m.file.front() == '"' && m.file.back() == '"')
+                m.file = m.file.substr(1, m.file.size() - 2);
+            if (m.file.empty())
+                l.error("mesh \"" + m.name + "\": empty OBJ file name");
+            const std::string path =
+                m.file[0] == '/' || baseDir_.empty() ? m.file : baseDir_ + "/" + m.file;
+            try {
+                loadObj(path, m);
+            } catch (const ObjError &e) {
+                l.error("mesh \"" + m.name + "\": " + e.what());
+            }
+            break;
+        }
         }
         l.end();
         s_.meshes.push_back(m);
@@ -488,6 +505,7 @@ private:
 
     std::vector<Line> lines_;
     size_t next_ = 0;
+    std::string baseDir_;
     SceneDesc s_;
     std::set<std::string> seen_;
 };
@@ -512,9 +530,9 @@ const char *onoff(bool b) { return b ? "on" : "off"; }
 
 } // namespace
 
-SceneDesc parseScene(const std::string &text)
+SceneDesc parseScene(const std::string &text, const std::string &baseDir)
 {
-    Parser p(text);
+    Parser p(text, baseDir);
     SceneDesc s = p.run();
     validate(s);
     return s;
@@ -527,7 +545,8 @@ SceneDesc loadScene(const std::string &path)
         throw SceneError(0, "cannot read the scene file " + path);
     std::ostringstream text;
     text << in.rdbuf();
-    return parseScene(text.str());
+    const size_t slash = path.rfind('/');
+    return parseScene(text.str(), slash == std::string::npos ? std::string() : path.substr(0, slash == 0 ? 1 : slash));
 }
 
 std::string writeScene(const SceneDesc &s)
@@ -651,6 +670,9 @@ std::string writeScene(const SceneDesc &s)
             for (const auto &f : m.tris)
                 o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
             o << "end\n";
+            break;
+        case MeshKind::Obj:
+            o << "obj \"" << m.file << "\"\n";
             break;
         }
     }

@@ -8,6 +8,8 @@
 #include "cryptomatte.h"
 #include "data_passes.h"
 #include "image_io.h"
+#include "meshes.h"
+#include "obj_loader.h"
 #include "render.h"
 #include "scene.h"
 
@@ -16,6 +18,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 using namespace druxhost;
 
@@ -373,6 +376,148 @@ TEST(DataPasses, MissesLeaveThemEmptyAndAlphaIsCoverage)
     }
     EXPECT_TRUE(z);
     EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
+}
+
+/* ------------------------------------------------------------------ OBJ */
+
+/* The message of the SceneError that parsing `text` throws ("" if none). */
+std::string sceneError(const std::string &text, const std::string &dir, int &line)
+{
+    try {
+        parseScene(text, dir);
+    } catch (const SceneError &e) {
+        line = e.line();
+        return e.what();
+    }
+    line = -1;
+    return std::string();
+}
+
+TEST(ObjModels, QuadsAndPolygonsAreTriangulatedWithTheirAttributes)
+{
+    /* a unit square as one quad with normals and texture coordinates, a
+       pentagon without, in two groups */
+    const std::string text = "# test\n"
+                             "o square\n"
+                             "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+                             "vt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\n"
+                             "vn 0 0 1\n"
+                             "f 1/1/1 2/2/1 3/3/1 4/4/1\n";
+    MeshDesc m;
+    parseObj(text, "square.obj", m);
+    ASSERT_EQ(m.tris.size(), 2u);
+    ASSERT_EQ(m.P.size(), 4u);
+    ASSERT_EQ(m.N.size(), 4u);
+    ASSERT_EQ(m.uv.size(), 4u);
+    float area = 0;
+    for (const auto &t : m.tris) {
+        const miVector a = m.P[size_t(t[0])], b = m.P[size_t(t[1])], c = m.P[size_t(t[2])];
+        const float cross = (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
+        EXPECT_GT(cross, 0.0f); /* the corners' order is kept */
+        area += 0.5f * cross;
+    }
+    EXPECT_NEAR(area, 1.0f, 1e-6f);
+    for (size_t i = 0; i < m.P.size(); ++i) {
+        EXPECT_EQ(m.N[i].z, 1.0f);
+        EXPECT_EQ(m.uv[i].x, m.P[i].x); /* texture space matches this square */
+        EXPECT_EQ(m.uv[i].y, m.P[i].y);
+    }
+
+    /* a pentagon and a quad without normals; one negative (relative) index */
+    const std::string noNormals = "v 0 0 0\nv 2 0 0\nv 3 1 0\nv 1 2 0\nv -1 1 0\n"
+                                  "f 1 2 3 4 5\n"
+                                  "v 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\n"
+                                  "f 6 7 8 -1\n";
+    parseObj(noNormals, "pent.obj", m);
+    EXPECT_EQ(m.tris.size(), 3u + 2u);
+    EXPECT_TRUE(m.N.empty());
+    EXPECT_TRUE(m.uv.empty());
+    EXPECT_EQ(m.P.size(), 9u);
+    /* through the scene's mesh builder */
+    m.kind = MeshKind::Obj;
+    const mirt::Mesh built = buildMesh(m);
+    EXPECT_EQ(built.tris.size(), 5u);
+    EXPECT_EQ(built.P.size(), 9u);
+}
+
+TEST(ObjModels, BadFilesAreReportedWithPathAndLine)
+{
+    struct Case {
+        const char *text;
+        int line;
+        const char *says;
+    };
+    const Case cases[] = {
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 9\n", 4, "vertex index 9 out of range (3 in the file)"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\n\nf 1 2 0\n", 5, "index 0"},
+        {"v 0 0 0\nf -2 -1 1\nv 1 0 0\n", 2, "reaches before the first vertex"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nvn 0 0 1\nf 1//1 2//2 3//1\n", 5, "normal index 2 out of range"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1/1 2/1 3/1\n", 4, "texture coordinate index 1 out of range"},
+        {"v 0 0 0\nv 1 zero 0\nv 0 1 0\nf 1 2 3\n", 2, "\"zero\" is not a finite number"},
+        {"v 0 0\n", 1, "a vertex needs 3 to 7 numbers"},
+        {"v 0 0 0\nv 1 0 0\nf 1 2\n", 3, "at least 3 corners"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 x\n", 4, "\"x\" is not a face corner"},
+        {"# nothing\n", 0, "no vertices or no faces"},
+    };
+    for (const Case &c : cases) {
+        MeshDesc m;
+        try {
+            parseObj(c.text, "models/bad.obj", m);
+            ADD_FAILURE() << "accepted: " << c.text;
+        } catch (const ObjError &e) {
+            EXPECT_EQ(e.line(), c.line) << e.what();
+            const std::string what = e.what();
+            EXPECT_EQ(what.rfind("models/bad.obj:" + std::to_string(c.line) + ": ", 0), 0u) << what;
+            EXPECT_NE(what.find(c.says), std::string::npos) << what;
+        }
+    }
+
+    /* through the scene format: the scene's line, the OBJ's path and line */
+    const std::string dir = tempDir();
+    {
+        std::ofstream f(dir + "/bad.obj");
+        f << "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2 4\n";
+    }
+    int line = 0;
+    std::string what = sceneError("samples 1\nmesh m obj \"bad.obj\"\n", dir, line);
+    EXPECT_EQ(line, 2);
+    EXPECT_NE(what.find(dir + "/bad.obj:5: vertex index 4 out of range"), std::string::npos) << what;
+    what = sceneError("mesh m obj \"missing.obj\"\n", dir, line);
+    EXPECT_EQ(line, 1);
+    EXPECT_NE(what.find(dir + "/missing.obj:0: cannot open the file"), std::string::npos) << what;
+    what = sceneError("mesh m obj\n", dir, line);
+    EXPECT_EQ(line, 1);
+    EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
+}
+
+TEST(ObjModels, TheLookdevSceneLoadsItsModelsAndRenders)
+{
+    SceneDesc s = loadScene(std::string(DRUXHOST_SCENE_DIR) + "/lookdev.scene");
+    const MeshDesc *vase = s.mesh("vase");
+    const MeshDesc *gem = s.mesh("gem");
+    ASSERT_TRUE(vase && gem);
+    EXPECT_EQ(vase->kind, MeshKind::Obj);
+    EXPECT_EQ(vase->tris.size(), 24u * 16u * 2u);
+    EXPECT_EQ(vase->N.size(), vase->P.size());
+    EXPECT_EQ(vase->uv.size(), vase->P.size());
+    EXPECT_TRUE(gem->N.empty());
+    EXPECT_EQ(gem->tris.size(), 6u + 16u + 8u);
+    /* the written scene names the file again */
+    EXPECT_NE(writeScene(s).find("mesh vase obj \"models/vase.obj\""), std::string::npos);
+
+    s.width = 48;
+    s.height = 36;
+    s.samples = 1;
+    const RenderResult r = render(s, RenderOptions());
+    double vaseCover = 0, gemCover = 0;
+    for (int y = 0; y < s.height; ++y)
+        for (int x = 0; x < s.width; ++x) {
+            vaseCover += r.mattes[0].coverage(x, y, cryptoId("vase"));
+            gemCover += r.mattes[0].coverage(x, y, cryptoId("gem"));
+        }
+    EXPECT_GT(vaseCover, 20.0);
+    EXPECT_GT(gemCover, 20.0);
+    EXPECT_EQ(r.stats.errors, 0u);
 }
 
 } // namespace
