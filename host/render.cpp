@@ -1,6 +1,7 @@
 #include "render.h"
 
 #include "bvh.h"
+#include "contact_sheet.h"
 #include "data_passes.h"
 #include "exporter.h"
 #include "geometry.h"
@@ -508,6 +509,9 @@ std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &
         writePng(png, displayImage(r.passRoles[i], r.passes[i]));
         files.push_back(png);
     }
+    const std::string contact = dir + "/contact.png";
+    writePng(contact, makeContactSheet(contactTiles(r)).image);
+    files.push_back(contact);
     return files;
 }
 

@@ -81,7 +81,9 @@ const std::vector<std::string> &libraryMemoryTags();
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 
 /* Writes <dir>/render.exr (main image as the default layer, one layer per
-   pass, the ID mattes' layers and header attributes) and <dir>/<name>.png for the main image ("main") and every pass.
+   pass, the ID mattes' layers and header attributes), <dir>/<name>.png for
+   the main image ("main") and every pass, and <dir>/contact.png with all of
+   them as labelled thumbnails.
    Returns the files written. */
 std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir);
 

@@ -258,6 +258,8 @@ void validate(const SceneDesc &s)
                 fail("pass name \"" + p.name + "\": use letters, digits, '_' and '-' only");
         if (p.name == "main")
             fail("pass name \"main\" is taken by the main image's preview");
+        if (p.name == "contact")
+            fail("pass name \"contact\" is taken by the contact sheet");
     }
 }
 

@@ -5,6 +5,7 @@
  */
 #if __has_include("render.h") && __has_include("cryptomatte.h")
 
+#include "contact_sheet.h"
 #include "cryptomatte.h"
 #include "data_passes.h"
 #include "image_io.h"
@@ -15,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -518,6 +520,97 @@ TEST(ObjModels, TheLookdevSceneLoadsItsModelsAndRenders)
     EXPECT_GT(vaseCover, 20.0);
     EXPECT_GT(gemCover, 20.0);
     EXPECT_EQ(r.stats.errors, 0u);
+}
+
+/* ------------------------------------------------------- contact sheet */
+
+/* Pixels of the label strip that differ from the sheet's background. */
+int inkIn(const Image &sheet, const TileRect &t)
+{
+    const miColor bg = sheet.at(0, 0);
+    int ink = 0;
+    for (int y = t.labelY; y < t.labelY + t.labelHeight; ++y)
+        for (int x = t.x; x < t.x + t.width; ++x)
+            ink += sheet.at(x, y).r != bg.r;
+    return ink;
+}
+
+TEST(ContactSheet, OneLabelledTilePerPassAndMatte)
+{
+    SceneDesc s = groundAndBox(true);
+    s.width = 40;
+    s.height = 30;
+    const RenderResult r = render(s, RenderOptions());
+    const std::vector<ContactTile> tiles = contactTiles(r);
+    ASSERT_EQ(tiles.size(), 1u + r.passes.size() + 2u); /* main, passes, two mattes */
+    EXPECT_EQ(tiles[0].label, "main");
+    for (size_t i = 0; i < r.passes.size(); ++i)
+        EXPECT_EQ(tiles[1 + i].label, r.passNames[i]);
+    EXPECT_EQ(tiles[tiles.size() - 2].label, "CryptoObject");
+    EXPECT_EQ(tiles.back().label, "CryptoMaterial");
+
+    /* thumbnails half size (factor 2), three to a row */
+    const ContactSheet sheet = makeContactSheet(tiles, 20, 3);
+    ASSERT_EQ(sheet.tiles.size(), tiles.size());
+    for (size_t i = 0; i < tiles.size(); ++i) {
+        const TileRect &t = sheet.tiles[i];
+        EXPECT_EQ(t.factor, 2);
+        EXPECT_EQ(t.width, 20);
+        EXPECT_EQ(t.height, 15);
+        ASSERT_LE(t.x + t.width, sheet.image.width);
+        ASSERT_LE(t.labelY + t.labelHeight, sheet.image.height);
+        for (size_t j = 0; j < i; ++j) { /* no two tiles overlap */
+            const TileRect &u = sheet.tiles[j];
+            const bool apart = t.x >= u.x + u.width || u.x >= t.x + t.width ||
+                               t.y >= u.labelY + u.labelHeight || u.y >= t.labelY + t.labelHeight;
+            EXPECT_TRUE(apart) << i << " and " << j;
+        }
+        /* every thumbnail pixel is the mean of its 2 x 2 source pixels */
+        for (int ty = 0; ty < t.height; ty += 7)
+            for (int tx = 0; tx < t.width; tx += 5) {
+                float want = 0;
+                for (int k = 0; k < 4; ++k)
+                    want += tiles[i].image.at(2 * tx + (k & 1), 2 * ty + (k >> 1)).g;
+                EXPECT_NEAR(sheet.image.at(t.x + tx, t.y + ty).g, want / 4, 1e-5f) << tiles[i].label;
+            }
+        EXPECT_GT(inkIn(sheet.image, t), 20) << tiles[i].label;
+    }
+    /* the three-to-a-row layout and different labels draw different ink */
+    EXPECT_EQ(sheet.tiles[3].x, sheet.tiles[0].x);
+    EXPECT_GT(sheet.tiles[3].y, sheet.tiles[0].labelY);
+    EXPECT_NE(inkIn(sheet.image, sheet.tiles[1]), inkIn(sheet.image, sheet.tiles[0]));
+
+    /* written with every render, the size of the sheet */
+    const std::string dir = tempDir();
+    const std::vector<std::string> files = writeOutputs(r, dir);
+    EXPECT_NE(std::find(files.begin(), files.end(), dir + "/contact.png"), files.end());
+    int w = 0, h = 0;
+    readPng(dir + "/contact.png", w, h);
+    EXPECT_EQ(w, makeContactSheet(tiles).image.width);
+    EXPECT_EQ(h, makeContactSheet(tiles).image.height);
+    EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
+}
+
+TEST(ContactSheet, FontDrawsItsGlyphs)
+{
+    Image img(20, 9);
+    const miColor ink{1, 1, 1, 1};
+    EXPECT_EQ(drawText(img, 1, 1, "L1", ink), 12);
+    /* L: a full left column and a full bottom row */
+    for (int y = 1; y < 8; ++y)
+        EXPECT_EQ(img.at(1, y).r, 1.0f) << y;
+    for (int x = 1; x < 6; ++x)
+        EXPECT_EQ(img.at(x, 7).r, 1.0f) << x;
+    EXPECT_EQ(img.at(3, 3).r, 0.0f);
+    /* lower case is upper case */
+    Image a(20, 9), b(20, 9);
+    drawText(a, 0, 0, "crypto", ink);
+    drawText(b, 0, 0, "CRYPTO", ink);
+    EXPECT_EQ(a.rgba, b.rgba);
+    /* text off the image is cut, not written past its end */
+    Image small(3, 3);
+    drawText(small, -4, -2, "WW", ink, 2);
+    EXPECT_EQ(small.rgba.size(), 36u);
 }
 
 } // namespace

@@ -1017,7 +1017,7 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     const std::string dir = tmpl;
     const std::vector<std::string> files = writeOutputs(r, dir);
-    EXPECT_EQ(files.size(), 2u + r.passes.size());
+    EXPECT_EQ(files.size(), 3u + r.passes.size()); /* main.png, contact.png, render.exr */
 
     const auto layers = readExr(dir + "/render.exr");
     ASSERT_EQ(layers.size(), 1u + r.passes.size() + 6u); /* and three layers per ID matte */
