@@ -4,12 +4,6 @@
 
 namespace druxhost {
 
-bool isDataRole(PassRole role)
-{
-    return role == PassRole::Depth || role == PassRole::Normal || role == PassRole::Position ||
-           role == PassRole::Albedo || role == PassRole::Coverage;
-}
-
 void writeDataPasses(miState *state, miUint n, FrameBufferInfo *e, int d, const miVector &N, const miColor &albedo)
 {
     const bool eye = d == 0 && state->type == miRAY_EYE;
@@ -46,35 +40,6 @@ void writeDataPasses(miState *state, miUint n, FrameBufferInfo *e, int d, const 
         e[i].slots[d].result = c;
         e[i].slots[d].opacity = eye ? WHITE : BLACK;
     }
-}
-
-miColor pixelFilterStart(PassRole role)
-{
-    return role == PassRole::Depth ? miColor{kNoDepth, kNoDepth, kNoDepth, 0} : miColor{0, 0, 0, 0};
-}
-
-void pixelFilterAdd(PassRole role, miColor &acc, const miColor &v)
-{
-    if (role == PassRole::Depth) {
-        if (v.a > 0.0f && v.r < acc.r) {
-            acc.r = v.r;
-            acc.g = v.g;
-            acc.b = v.b;
-        }
-        acc.a += v.a;
-        return;
-    }
-    acc.r += v.r;
-    acc.g += v.g;
-    acc.b += v.b;
-    acc.a += v.a;
-}
-
-miColor pixelFilterEnd(PassRole role, const miColor &acc, float inv)
-{
-    if (role == PassRole::Depth)
-        return miColor{acc.r, acc.g, acc.b, acc.a * inv};
-    return miColor{acc.r * inv, acc.g * inv, acc.b * inv, acc.a * inv};
 }
 
 Image displayImage(PassRole role, const Image &pass)

@@ -30,7 +30,7 @@ namespace druxhost {
 /* The depth of a pixel that no sample hit. */
 constexpr float kNoDepth = 3.402823466e+38f;
 
-bool isDataRole(PassRole role);
+inline bool isDataRole(PassRole role) { return role >= PassRole::Depth && role <= PassRole::Coverage; }
 
 /* Called by the material after it has set its pass results at depth d:
    fills the data entries' slots (eye rays at depth 0) or clears them. */
@@ -38,9 +38,34 @@ void writeDataPasses(miState *state, miUint n, FrameBufferInfo *e, int d, const 
                      const miColor &albedo);
 
 /* Per-pixel filter of a pass: start value, one sample, the pixel value. */
-miColor pixelFilterStart(PassRole role);
-void pixelFilterAdd(PassRole role, miColor &acc, const miColor &sample);
-miColor pixelFilterEnd(PassRole role, const miColor &acc, float invSamples);
+inline miColor pixelFilterStart(PassRole role)
+{
+    return role == PassRole::Depth ? miColor{kNoDepth, kNoDepth, kNoDepth, 0} : miColor{0, 0, 0, 0};
+}
+
+inline void pixelFilterAdd(PassRole role, miColor &acc, const miColor &v)
+{
+    if (role == PassRole::Depth) {
+        if (v.a > 0.0f && v.r < acc.r) {
+            acc.r = v.r;
+            acc.g = v.g;
+            acc.b = v.b;
+        }
+        acc.a += v.a;
+        return;
+    }
+    acc.r += v.r;
+    acc.g += v.g;
+    acc.b += v.b;
+    acc.a += v.a;
+}
+
+inline miColor pixelFilterEnd(PassRole role, const miColor &acc, float inv)
+{
+    if (role == PassRole::Depth)
+        return miColor{acc.r, acc.g, acc.b, acc.a * inv};
+    return miColor{acc.r * inv, acc.g * inv, acc.b * inv, acc.a * inv};
+}
 
 /* A picture of a pass for the eye: depth as grey (near light, far dark,
    spread over the image's range), normals as 0.5 + 0.5 n, positions spread

@@ -144,6 +144,8 @@ void writePng(const std::string &path, const Image &image)
         throw std::runtime_error("cannot write " + path + ": libpng error");
     }
     png_init_io(png, f.get());
+    /* previews: fast compression (a render writes one per pass) */
+    png_set_compression_level(png, 1);
     png_set_IHDR(png, info, static_cast<png_uint_32>(image.width), static_cast<png_uint_32>(image.height), 8,
                  PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
