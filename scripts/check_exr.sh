@@ -2,7 +2,8 @@
 # Renders the default scene small and checks that its EXR opens in the
 # OpenEXR and OpenImageIO command-line tools with the ID mattes in place:
 # the CryptoObject and CryptoMaterial layers and, per matte, the header
-# attributes name, hash, conversion and manifest.  Run by ctest.
+# attributes name, hash, conversion and manifest; and that the contact sheet
+# was written.  Run by ctest.
 #
 #   scripts/check_exr.sh PATH/TO/druxrender
 set -euo pipefail
@@ -15,6 +16,7 @@ for tool in exrheader oiiotool; do
 done
 "$render" --out "$out" --resolution 64x48 --samples 2 --threads 2 --no-progress --quiet
 exr=$out/render.exr
+[ -s "$out/contact.png" ] || fail "no contact sheet written"
 header=$(exrheader "$exr") || fail "exrheader cannot read $exr"
 info=$(oiiotool --info -v "$exr") || fail "oiiotool cannot read $exr"
 for type in CryptoObject CryptoMaterial; do
