@@ -7,7 +7,8 @@
  *              [--print-default-scene] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
- * DIR/render.exr (every pass as a layer) and a PNG preview per pass, shows a
+ * DIR/render.exr (every pass as a layer), a PNG preview per pass and the
+ * contact sheet DIR/contact.png, shows a
  * progress bar on a terminal and ends with a summary: time, samples per
  * second, time per megasample, the library's memory per tag and database
  * pins.
@@ -271,7 +272,7 @@ int main(int argc, char **argv)
                         bytes(m.after).c_str());
         std::printf("  database pins left   %ld\n", st.pinsAfter);
         std::printf("  messages             %zu error(s), %zu warning(s)\n", st.errors, st.warnings);
-        std::printf("  files                %zu written to %s (render.exr, main.png and one PNG per pass)\n",
+        std::printf("  files                %zu written to %s (render.exr, main.png, one PNG per pass, contact.png)\n",
                     files.size(), written.dir.c_str());
     }
     if (!written.failure.empty())

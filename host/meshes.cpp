@@ -129,7 +129,8 @@ mirt::Mesh meshOf(const MeshDesc &d)
         return makeBox(d.a, d.b, d.c);
     case MeshKind::Torus:
         return makeTorus(d.a, d.b, d.n, d.m);
-    case MeshKind::Triangles: {
+    case MeshKind::Triangles:
+    case MeshKind::Obj: {
         mirt::Mesh m;
         m.P = d.P;
         m.N = d.N;

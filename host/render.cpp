@@ -2,6 +2,8 @@
 
 #include "builtin_shaders.h"
 #include "bvh.h"
+#include "contact_sheet.h"
+#include "data_passes.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "meshes.h"
@@ -243,6 +245,16 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.passes.emplace_back(s.width, s.height);
     }
     const PassLayout layout = layoutPasses(s);
+    {
+        std::vector<std::string> instanceNames, materialNames;
+        for (const InstanceDesc &i : s.instances)
+            instanceNames.push_back(i.name);
+        for (const MaterialDesc &m : s.materials)
+            materialNames.push_back(m.name);
+        out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, s.width, s.height));
+        out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, s.width, s.height));
+    }
+    CryptoTags cryptoTags;
     std::vector<std::unique_ptr<ScatterCache *>> scatterLists; /* outlive the materials */
     std::string fatal;
     /* outlives every database item made for the render: unloaded last */
@@ -377,9 +389,12 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
             const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
             items.geometry.push_back(g);
+            cryptoTags.add(g.instance, static_cast<int>(&i - s.instances.data()),
+                           static_cast<int>(s.material(i.material) - s.materials.data()));
             bvh.add(g);
         }
         bvh.build();
+        cryptoTags.seal();
         ctx.set_scene(&bvh);
         out.stats.triangles = bvh.triangleCount();
         out.stats.bvhNodes = bvh.nodeCount();
@@ -454,6 +469,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         auto worker = [&](int thread) {
             miState *st = nullptr;
             std::vector<miColor> passSum(s.passes.size());
+            CryptoPixel objectPx(s.samples), materialPx(s.samples);
             try {
                 for (int tile; (tile = nextTile.fetch_add(1)) < tiles;) {
                     if (!st) {
@@ -465,7 +481,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                     for (int y = y0; y < y1; ++y)
                         for (int x = x0; x < x1; ++x) {
                             miColor sum{0, 0, 0, 0};
-                            std::fill(passSum.begin(), passSum.end(), miColor{0, 0, 0, 0});
+                            for (size_t p = 0; p < s.passes.size(); ++p)
+                                passSum[p] = pixelFilterStart(s.passes[p].role);
+                            objectPx.clear();
+                            materialPx.clear();
                             for (int k = 0; k < s.samples; ++k) {
                                 ctx.begin_sample(st, x, y, k);
                                 double jx, jy;
@@ -473,6 +492,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                 const miVector dir = camera.ray(x + jx, y + jy);
                                 miColor c;
                                 const miBoolean ok = ctx.shade_eye(st, camera.origin, dir, &c);
+                                int hitInstance = -1, hitMaterial = -1;
+                                cryptoTags.find(st->instance, hitInstance, hitMaterial);
+                                objectPx.add(hitInstance, 1.0f);
+                                materialPx.add(hitMaterial, 1.0f);
                                 ctx.end_sample(st, ok);
                                 sum.r += c.r;
                                 sum.g += c.g;
@@ -481,20 +504,16 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                 for (size_t p = 0; p < s.passes.size(); ++p) {
                                     if (!fbIndex[p])
                                         continue;
-                                    const miColor v = ctx.fb_pixel(fbIndex[p], x, y);
-                                    passSum[p].r += v.r;
-                                    passSum[p].g += v.g;
-                                    passSum[p].b += v.b;
-                                    passSum[p].a += v.a;
+                                    pixelFilterAdd(s.passes[p].role, passSum[p], ctx.fb_pixel(fbIndex[p], x, y));
                                     ctx.set_fb_pixel(fbIndex[p], x, y, miColor{0, 0, 0, 0});
                                 }
                             }
                             out.main.set(x, y, miColor{sum.r * invSamples, sum.g * invSamples, sum.b * invSamples,
                                                        sum.a * invSamples});
+                            objectPx.write(out.mattes[0], x, y);
+                            materialPx.write(out.mattes[1], x, y);
                             for (size_t p = 0; p < s.passes.size(); ++p)
-                                out.passes[p].set(x, y,
-                                                  miColor{passSum[p].r * invSamples, passSum[p].g * invSamples,
-                                                          passSum[p].b * invSamples, passSum[p].a * invSamples});
+                                out.passes[p].set(x, y, pixelFilterEnd(s.passes[p].role, passSum[p], invSamples));
                         }
                     ctx.clear_irradiance_calls(); /* the runtime keeps a record of every gather */
                     tilesDone.fetch_add(1);
@@ -568,6 +587,7 @@ std::vector<std::string> outputFileNames(const std::vector<std::string> &passNam
     std::vector<std::string> names{"render.exr", "main.png"};
     for (const std::string &p : passNames)
         names.push_back(p + ".png");
+    names.push_back("contact.png");
     return names;
 }
 
@@ -577,16 +597,30 @@ std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &
     std::vector<std::string> files;
     std::vector<Layer> layers;
     layers.push_back(Layer{"", &r.main});
-    for (size_t i = 0; i < r.passes.size(); ++i)
-        layers.push_back(Layer{r.passNames[i], &r.passes[i]});
+    bool zWritten = false;
+    for (size_t i = 0; i < r.passes.size(); ++i) {
+        /* the first depth pass is the file's Z channel, any other <name>.Z */
+        const bool depth = r.passRoles[i] == PassRole::Depth;
+        layers.push_back(Layer{depth && !zWritten ? std::string() : r.passNames[i], &r.passes[i], depth});
+        zWritten = zWritten || depth;
+    }
+    std::vector<std::pair<std::string, std::string>> attributes;
+    for (const CryptoMatte &m : r.mattes) {
+        for (size_t l = 0; l < m.layers.size(); ++l)
+            layers.push_back(Layer{m.layerName(static_cast<int>(l)), &m.layers[l]});
+        for (const auto &a : m.attributes())
+            attributes.push_back(a);
+    }
     files.push_back(dir + "/" + names[0]);
-    writeExr(files.back(), layers);
+    writeExr(files.back(), layers, attributes);
     files.push_back(dir + "/" + names[1]);
     writePng(files.back(), r.main);
     for (size_t i = 0; i < r.passes.size(); ++i) {
         files.push_back(dir + "/" + names[2 + i]);
-        writePng(files.back(), r.passes[i]);
+        writePng(files.back(), displayImage(r.passRoles[i], r.passes[i]));
     }
+    files.push_back(dir + "/" + names.back());
+    writePng(files.back(), makeContactSheet(contactTiles(r)).image);
     return files;
 }
 

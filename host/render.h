@@ -19,6 +19,7 @@
 #ifndef DRUXHOST_RENDER_H
 #define DRUXHOST_RENDER_H
 
+#include "cryptomatte.h"
 #include "image_io.h"
 #include "scene.h"
 
@@ -69,6 +70,8 @@ struct RenderResult {
     std::vector<std::string> passNames; /* scene order */
     std::vector<PassRole> passRoles;
     std::vector<Image> passes;
+    /* ID mattes: CryptoObject (instance names), CryptoMaterial (material names) */
+    std::vector<CryptoMatte> mattes;
     RenderStats stats;
 
     const Image *pass(const std::string &name) const;
@@ -86,7 +89,9 @@ const std::vector<std::string> &libraryMemoryTags();
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 
 /* Writes <dir>/render.exr (main image as the default layer, one layer per
-   pass) and <dir>/<name>.png for the main image ("main") and every pass.
+   pass, the ID mattes' layers and header attributes), <dir>/<name>.png for
+   the main image ("main") and every pass, and <dir>/contact.png with all of
+   them as labelled thumbnails.
    Returns the files written. */
 std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir);
 

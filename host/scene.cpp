@@ -21,7 +21,9 @@ struct RoleInfo {
    reflected surface's diffuse light shows up in the reflection pass and not
    again in the diffuse pass.  The shadow pass is a shadow type (12); light
    groups take 20, a plain type that keeps traced light, so that a group shows
-   its lights also through mirrors and glass; the background takes 31. */
+   its lights also through mirrors and glass; the background takes 31.  The
+   data passes take 11, a type that is never shadowed, except coverage, which
+   takes 16, a type whose alpha the library writes unchanged. */
 const RoleInfo kRoles[] = {
     {PassRole::Beauty, "beauty", 0, false},        {PassRole::Diffuse, "diffuse", 1, true},
     {PassRole::Specular, "specular", 4, true},     {PassRole::Reflection, "reflection", 26, true},
@@ -29,6 +31,9 @@ const RoleInfo kRoles[] = {
     {PassRole::Scatter, "scatter", 33, true},      {PassRole::Background, "background", 31, true},
     {PassRole::Shadow, "shadow", 12, false},       {PassRole::LightGroup, "lightgroup", 20, false},
     {PassRole::Constant, "constant", -1, false},   {PassRole::Custom, "custom", 34, false},
+    {PassRole::Depth, "depth", 11, false},         {PassRole::Normal, "normal", 11, false},
+    {PassRole::Position, "position", 11, false},   {PassRole::Albedo, "albedo", 11, false},
+    {PassRole::Coverage, "coverage", 16, false},
 };
 
 const RoleInfo *info(PassRole role)
@@ -206,6 +211,7 @@ void validate(const SceneDesc &s)
                 fail("mesh \"" + m.name + "\": a torus needs positive radii, >= 3 segments and rings");
             break;
         case MeshKind::Triangles:
+        case MeshKind::Obj:
             if (m.P.empty() || m.tris.empty())
                 fail("mesh \"" + m.name + "\" has no vertices or no triangles");
             if (!m.N.empty() && m.N.size() != m.P.size())
@@ -258,6 +264,8 @@ void validate(const SceneDesc &s)
                 fail("pass name \"" + p.name + "\": use letters, digits, '_' and '-' only");
         if (p.name == "main")
             fail("pass name \"main\" is taken by the main image's preview");
+        if (p.name == "contact")
+            fail("pass name \"contact\" is taken by the contact sheet");
     }
 }
 
@@ -451,6 +459,11 @@ SceneDesc defaultScene()
     pass("key", PassRole::LightGroup, "key");
     pass("fill", PassRole::LightGroup, "fill");
     pass("rim", PassRole::LightGroup, "rim");
+    pass("depth", PassRole::Depth);
+    pass("normal", PassRole::Normal);
+    pass("position", PassRole::Position);
+    pass("albedo", PassRole::Albedo);
+    pass("coverage", PassRole::Coverage);
     return s;
 }
 

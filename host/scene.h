@@ -33,7 +33,13 @@ enum class PassRole {
     Shadow,
     LightGroup,
     Constant, /* a non-material pass: a constant colour written at every sample */
-    Custom    /* a material pass that shaders of linked libraries find by name and fill */
+    Custom, /* a material pass that shaders of linked libraries find by name and fill */
+    /* data passes of the first surface an eye ray meets (data_passes.h) */
+    Depth,
+    Normal,
+    Position,
+    Albedo,
+    Coverage
 };
 
 const char *roleName(PassRole role);
@@ -107,14 +113,17 @@ struct MaterialDesc {
     float bumpScale = 4.0f;
 };
 
-enum class MeshKind { Plane, Sphere, Box, Torus, Triangles };
+enum class MeshKind { Plane, Sphere, Box, Torus, Triangles, Obj };
 
 struct MeshDesc {
     std::string name;
     MeshKind kind = MeshKind::Plane;
     float a = 1, b = 1, c = 1;  /* plane: size x, y; sphere: radius; box: size x, y, z; torus: R, r */
     int n = 1, m = 1;           /* plane: nx, ny; sphere/torus: segments, rings */
-    /* Triangles */
+    /* Obj: the file as the scene names it; read when the scene is read,
+       into the triangle data below */
+    std::string file;
+    /* Triangles, Obj */
     std::vector<miVector> P, N, uv;
     std::vector<std::array<int, 3>> tris;
     /* Flat-shaded: no vertex normals, neither given nor computed. */
@@ -223,8 +232,10 @@ void validate(const SceneDesc &scene);
 /* The built-in scene (host/scenes/default.scene holds it in the text format). */
 SceneDesc defaultScene();
 
-/* Text format: parse (throws SceneError with the line) and write. */
-SceneDesc parseScene(const std::string &text);
+/* Text format: parse (throws SceneError with the line) and write.  Model
+   files named by the scene are found relative to `baseDir` (empty: the
+   current directory); loadScene uses the scene file's directory. */
+SceneDesc parseScene(const std::string &text, const std::string &baseDir = std::string());
 SceneDesc loadScene(const std::string &path);
 std::string writeScene(const SceneDesc &scene);
 

@@ -17,6 +17,8 @@
  */
 #include "scene.h"
 
+#include "obj_loader.h"
+
 #include <array>
 #include <cerrno>
 #include <cmath>
@@ -182,7 +184,7 @@ std::vector<std::string> tokenize(const std::string &line)
 
 class Parser {
 public:
-    explicit Parser(const std::string &text)
+    Parser(const std::string &text, const std::string &baseDir) : baseDir_(baseDir)
     {
         std::istringstream in(text);
         std::string line;
@@ -368,7 +370,7 @@ private:
     {
         MeshDesc m;
         m.name = l.word("mesh name");
-        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles"});
+        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles", "obj"});
         m.kind = static_cast<MeshKind>(kind);
         switch (m.kind) {
         case MeshKind::Plane:
@@ -395,6 +397,21 @@ private:
             break;
         case MeshKind::Triangles:
             break;
+        case MeshKind::Obj: {
+            m.file = l.word("OBJ file name");
+            if (m.file.size() >= 2 && m.file.front() == '"' && m.file.back() == '"')
+                m.file = m.file.substr(1, m.file.size() - 2);
+            if (m.file.empty())
+                l.error("mesh \"" + m.name + "\": empty OBJ file name");
+            const std::string path =
+                m.file[0] == '/' || baseDir_.empty() ? m.file : baseDir_ + "/" + m.file;
+            try {
+                loadObj(path, m);
+            } catch (const ObjError &e) {
+                l.error("mesh \"" + m.name + "\": " + e.what());
+            }
+            break;
+        }
         }
         if (!l.done()) {
             const std::string w = l.word("mesh option");
@@ -500,7 +517,7 @@ private:
         if (!roleFromName(role, p.role))
             l.error("unknown pass role \"" + role +
                     "\" (beauty, diffuse, specular, reflection, refraction, indirect, scatter, background, "
-                    "shadow, lightgroup, constant)");
+                    "shadow, lightgroup, constant, depth, normal, position, albedo, coverage)");
         std::map<std::string, KeyHandler> keys = {
             {"all_occluders", [&](Line &x) { p.allOccluders = x.boolean("all_occluders"); }}};
         if (p.role == PassRole::LightGroup)
@@ -513,6 +530,7 @@ private:
 
     std::vector<Line> lines_;
     size_t next_ = 0;
+    std::string baseDir_;
     SceneDesc s_;
     std::set<std::string> seen_;
 };
@@ -537,9 +555,9 @@ const char *onoff(bool b) { return b ? "on" : "off"; }
 
 } // namespace
 
-SceneDesc parseScene(const std::string &text)
+SceneDesc parseScene(const std::string &text, const std::string &baseDir)
 {
-    Parser p(text);
+    Parser p(text, baseDir);
     SceneDesc s = p.run();
     validate(s);
     return s;
@@ -552,9 +570,10 @@ SceneDesc loadScene(const std::string &path)
         throw SceneError(0, "cannot read the scene file " + path);
     std::ostringstream text;
     text << in.rdbuf();
-    SceneDesc s = parseScene(text.str());
     const size_t slash = path.rfind('/');
-    s.directory = slash == std::string::npos ? std::string(".") : path.substr(0, slash == 0 ? 1 : slash);
+    const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash == 0 ? 1 : slash);
+    SceneDesc s = parseScene(text.str(), dir);
+    s.directory = dir.empty() ? std::string(".") : dir;
     return s;
 }
 
@@ -692,6 +711,9 @@ std::string writeScene(const SceneDesc &s)
             for (const auto &f : m.tris)
                 o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
             o << "end\n";
+            break;
+        case MeshKind::Obj:
+            o << "obj \"" << m.file << "\"\n";
             break;
         }
     }

@@ -1,5 +1,7 @@
 #include "shaders.h"
 
+#include "data_passes.h"
+
 #include "host_math.h"
 
 #include <algorithm>
@@ -257,6 +259,11 @@ miBoolean hostMaterial(void *result, miState *state, void *pv)
                 case PassRole::Scatter:
                 case PassRole::Background:
                 case PassRole::Constant:
+                case PassRole::Depth:
+                case PassRole::Normal:
+                case PassRole::Position:
+                case PassRole::Albedo:
+                case PassRole::Coverage:
                     continue;
                 default: /* beauty, shadow, light groups, passes of other exporters */
                     break;
@@ -375,6 +382,7 @@ miBoolean hostMaterial(void *result, miState *state, void *pv)
         s.result = r;
         s.opacity = WHITE;
     }
+    writeDataPasses(state, n, e, d, N, miColor{kd * dcol.r, kd * dcol.g, kd * dcol.b, 1.0f});
 
     state->normal = savedNormal;
     state->dot_nd = savedDot;

@@ -1094,12 +1094,16 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     const std::string dir = tmpl;
     const std::vector<std::string> files = writeOutputs(r, dir);
-    EXPECT_EQ(files.size(), 2u + r.passes.size());
+    EXPECT_EQ(files.size(), 3u + r.passes.size()); /* main.png, contact.png, render.exr */
 
     const auto layers = readExr(dir + "/render.exr");
-    ASSERT_EQ(layers.size(), 1u + r.passes.size());
+    ASSERT_EQ(layers.size(), 1u + r.passes.size() + 6u); /* and three layers per ID matte */
     for (const auto &l : layers) {
         const Image *want = l.first.empty() ? &r.main : r.pass(l.first);
+        for (const CryptoMatte &m : r.mattes)
+            for (int k = 0; k < 3; ++k)
+                if (l.first == m.layerName(k))
+                    want = &m.layers[size_t(k)];
         ASSERT_NE(want, nullptr) << "layer " << l.first;
         EXPECT_TRUE(sameBits(l.second, *want)) << "layer " << l.first;
     }
