@@ -1131,7 +1131,10 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     for (size_t i = 0; i < files.size(); ++i)
         EXPECT_EQ(fb.files[i], fb.dir + files[i].substr(dir.size())) << i;
     const auto again = readExr(fb.dir + "/render.exr");
-    ASSERT_EQ(again.size(), 1u + r.passes.size());
+    size_t matteLayers = 0;
+    for (const CryptoMatte &m : r.mattes)
+        matteLayers += m.layers.size();
+    ASSERT_EQ(again.size(), 1u + r.passes.size() + matteLayers);
     EXPECT_TRUE(sameBits(again[0].second, r.main));
     for (const std::string &f : fb.files)
         EXPECT_EQ(std::remove(f.c_str()), 0) << f;
@@ -1158,7 +1161,7 @@ TEST(HostOutputs, EveryFileIsProbedBeforeRendering)
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     const std::string dir = tmpl;
     const std::vector<std::string> names = outputFileNames({"beauty", "shadow"});
-    ASSERT_EQ(names, (std::vector<std::string>{"render.exr", "main.png", "beauty.png", "shadow.png"}));
+    ASSERT_EQ(names, (std::vector<std::string>{"render.exr", "main.png", "beauty.png", "shadow.png", "contact.png"}));
 
     // All writable: nothing is left behind, an earlier render's file is kept.
     EXPECT_EQ(probeOutputs(dir, names), "");
