@@ -300,8 +300,10 @@ miBoolean stateSetup(miState *state)
            reading a field before anybody wrote it sees a defined value. */
         std::memset(static_cast<void *>(entries), 0, static_cast<size_t>(n) * sizeof(FrameBufferInfo));
         std::memset(static_cast<void *>(slots), 0, slotBytes);
-        for (int i = 0; i < n; ++i)
+        for (int i = 0; i < n; ++i) {
             entries[i].slots = slots + perEntry * i;
+            entries[i].depthSlots = static_cast<miUint>(perEntry);
+        }
         entries[0].fbId = kUnresolved;
     }
 
