@@ -16,8 +16,9 @@
  *   - the nonMaterialPasses or frameBufferInfo array has a negative count or
  *     lies, wholly or partly, outside the block;
  *   - the part of FrameBufferTypeCounts that is read (at most 35 elements)
- *     lies outside the block, holds a negative count, or adds up to more than
- *     a 32-bit integer holds;
+ *     lies outside the block, or one of its running sums leaves the 32-bit
+ *     range (a negative count is accepted: its type touches nothing, and it
+ *     still enters the sums that place the later types);
  *   - the frameBufferInfo array is too large for an entry array.
  * A refused block reads as "no block": getFrameBufferDataBlock returns a null
  * pointer and tag 0 (with `swapped` set when that was the reason), the state
@@ -163,13 +164,10 @@ const char *blockDamage(const FrameBufferDataBlock *block)
         return "the FrameBufferTypeCounts array lies outside the block";
     int64_t sum = 0;
     for (int t = 0; t < read; ++t) {
-        const int c = typeCountAt(block, t);
-        if (c < 0)
-            return "FrameBufferTypeCounts holds a negative count";
-        sum += c;
+        sum += typeCountAt(block, t);
+        if (sum > INT_MAX || sum < INT_MIN)
+            return "the FrameBufferTypeCounts add up to more than a 32-bit count";
     }
-    if (sum > INT_MAX)
-        return "the FrameBufferTypeCounts add up to more than a 32-bit count";
     return nullptr;
 }
 
@@ -312,7 +310,7 @@ miBoolean stateSetup(miState *state)
 
     PassTypeInfo types;
     const int read = typeCountsRead(block);
-    int sum = 0; /* bounded by the block check */
+    int sum = 0; /* every running sum is within 32 bits (block check) */
     for (int t = 0; t < DRUX_PASS_TYPES; ++t) {
         const int count = t < read ? typeCountAt(block, t) : 0;
         types.range[t].first = sum;
