@@ -23,9 +23,10 @@
  * A refused block reads as "no block": getFrameBufferDataBlock returns a null
  * pointer and tag 0 (with `swapped` set when that was the reason), the state
  * set-up publishes nothing, and nothing stays pinned.  The state set-up and the
- * exported queries report the refusal; druxFrameBufferInit, which looks at the
- * block before every sample, refuses quietly so that a bad scene is reported
- * once per state rather than once per sample.
+ * exported queries report the refusal once per state and block: the state
+ * keeps the tag of the block it reported (under kRefusedKey), so a host shader
+ * that asks per sample does not flood the log.  druxFrameBufferInit, which
+ * looks at the block before every sample, refuses quietly.
  */
 #include "druxInternal.h"
 
@@ -56,6 +57,10 @@ constexpr int64_t kTypeSlot = offsetof(FrameBufferDataBlock, typeCounts);
 constexpr int64_t kRecordSize = sizeof(FrameBufferInfoRecord); /* 60 */
 
 const char *const kTempOnHeapOption = "kelu allocate temp data on heap";
+
+/* Shader-state key under which a state remembers the damaged block it has
+   already reported. */
+const char *const kRefusedKey = "druxFBRefused";
 
 /* Unpins a database item when it goes out of scope, also while an exception
    passes. */
@@ -171,8 +176,17 @@ const char *blockDamage(const FrameBufferDataBlock *block)
     return nullptr;
 }
 
-void reportRefused(const char *who, miTag tag, const char *why)
+void reportRefused(miState *state, const char *who, miTag tag, const char *why)
 {
+    /* Once per state and block.  A state without a shader-state store (a
+       caller outside rendering) cannot remember, and reports every time. */
+    if (state->shaderstate) {
+        int size = 0;
+        const miTag *seen = static_cast<const miTag *>(mi_shaderstate_get(state, kRefusedKey, &size));
+        if (seen && size == static_cast<int>(sizeof(miTag)) && *seen == tag)
+            return;
+        mi_shaderstate_set(state, kRefusedKey, &tag, sizeof tag, kLifetime);
+    }
     druxError(std::string(who) + "(): the frame-buffer data block (tag " + std::to_string(tag) +
               ") is ignored: " + why + ". Re-export the .mi");
 }
@@ -194,7 +208,7 @@ FrameBufferDataRef acquireBlock(miState *state, const char *who)
     if (why) {
         mi_db_unpin(tag);
         if (who)
-            reportRefused(who, tag, why);
+            reportRefused(state, who, tag, why);
         ref.swapped = swapped ? miTRUE : miFALSE;
         return ref;
     }
@@ -337,6 +351,8 @@ miBoolean stateExit(miState *state)
     mi_shaderstate_set(state, FRAME_BUFFER_INFO_KEY, nullptr, 0, kLifetime);
     mi_shaderstate_set(state, PASS_TYPE_INFO_KEY, nullptr, 0, kLifetime);
     mi_shaderstate_set(state, FRAME_BUFFER_STATE_KEY, nullptr, 0, kLifetime);
+    if (mi_shaderstate_get(state, kRefusedKey, nullptr))
+        mi_shaderstate_set(state, kRefusedKey, nullptr, 0, kLifetime);
     return miTRUE;
 }
 

@@ -175,6 +175,41 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
     (void)s;
 }
 
+// A host shader asking for a damaged or byte-swapped block on every sample
+// gets one message per state (the set-up's), not one per call; another
+// state, or another damaged block under the same state, is reported anew.
+TEST_F(BadBlocks, ADamagedBlockIsReportedOncePerState)
+{
+    for (const char *fault : {"swapped", "cut"}) {
+        SCOPED_TRACE(fault);
+        fbtest::FbufBuilder b = threeRecords();
+        if (std::string(fault) == "swapped")
+            b.byteSwapped();
+        else
+            b.truncate(400);
+        fbtest::install(*ctx, b);
+        mirt::clear_messages();
+        miState *st = ctx->begin_state();
+        for (int sample = 0; sample < 20; ++sample) {
+            ctx->begin_sample(st, sample % 4, sample / 4);
+            EXPECT_EQ(getFrameBufferDataBlock(st).tag, 0u);
+            EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), 0u);
+        }
+        EXPECT_EQ(errorsContaining("is ignored"), 1);
+        miState *other = ctx->begin_state();
+        getFrameBufferDataBlock(other);
+        EXPECT_EQ(errorsContaining("is ignored"), 2) << "a second state reports it too";
+        ctx->end_state(other);
+        fbtest::FbufBuilder cut = threeRecords();
+        cut.parameterSizeOverride(300);
+        ctx->camera().userdata = cut.build();
+        getNonMaterialPassFrameBufferIndex(st, 0);
+        getNonMaterialPassFrameBufferIndex(st, 0);
+        EXPECT_EQ(errorsContaining("is ignored"), 3) << "another block under the same state";
+        ctx->end_state(st);
+    }
+}
+
 // Negative type counts that still add up to the record count: the block is
 // published, the negative types touch nothing, and the later types sit where
 // the running sum puts them.
