@@ -993,6 +993,9 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("mesh t triangles\nv 0 0 0\nq 1 2 3\nend\n", 3, "expected v, vn, vt, f or end");
     expectError("resolution 8 6 7\n", 1, "unexpected \"7\"");
     expectError("samples 2\nsamples 3\n", 2, "given twice");
+    /* bytes a terminal would interpret are shown escaped, never raw */
+    expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
+    expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
     /* whole-scene checks carry no line */
     expectError("material m\ninstance i mesh nosuch material m\n", 0, "unknown mesh \"nosuch\"");
