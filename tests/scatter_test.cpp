@@ -549,10 +549,13 @@ TEST_F(Scatter, DestroyReleasesEverything)
     const mirt::GeometryTags b = triangles({rightTri(0, 0, 2, 2)});
     light({0, 0, 100}, {1, 1, 1, 1}, 1, 0);
     lookup(a.instance, {0.2f, 0.2f, 0});
-    p->cacheSize = 5;
-    lookup(b.instance, {0.2f, 0.2f, 0});
+    p->cacheSize = 40;
+    expectRGB(lookup(b.instance, {0.2f, 0.2f, 0}), 1, 1, 1);
+    if (sizeof(void *) == 8) {
+        EXPECT_EQ(allocatedAt(816), 120) << "the cache record holds exactly its fields";
+    }
     EXPECT_EQ(allocatedAt(850), 96 * 8) << "room for 96 claims";
-    EXPECT_EQ(allocatedAt(851), 5 * 16) << "five hash slots";
+    EXPECT_EQ(allocatedAt(851), 40 * 16) << "the 40 hash slots asked for, though the grid has 3 x 3 x 1 cells";
     EXPECT_EQ(events(852, false), 1);
     EXPECT_EQ(events(922, false), 1) << "the full grid's pool, made on its first scan";
     EXPECT_GT(mirt::mem_live_bytes(kTag), 0);
