@@ -46,6 +46,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 namespace {
 
@@ -216,25 +217,16 @@ template <class T> inline T readAt(const void *base, size_t off)
     return v;
 }
 
-/* The boxes of an instance, in order.  The first kLocalBoxes tags are copied;
-   tags beyond them are read from the geometry list when needed. */
+/* The boxes of an instance, in order.  The tags are copied while the
+   geometry list is read, so that the list is released before the scan: the
+   first kLocalBoxes into the record itself, any beyond them into a growable
+   array (instances of that many boxes are rare). */
 struct BoxList {
     int count = 0;
-    miTag geolist = 0; /* set only when the list holds more than kLocalBoxes boxes */
     miTag local[kLocalBoxes];
+    std::vector<miTag> more; /* tags of boxes kLocalBoxes, kLocalBoxes + 1, ... */
 
-    miTag tag(int i) const
-    {
-        if (i < kLocalBoxes)
-            return local[i];
-        void *gl = mi_db_access(geolist);
-        if (!gl)
-            return 0;
-        miTag t = readAt<miTag>(gl, miGEOLIST_ENTRIES + static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
-                                        miGEOLIST_ENTRY_BOX);
-        mi_db_unpin(geolist);
-        return t;
-    }
+    miTag tag(int i) const { return i < kLocalBoxes ? local[i] : more[static_cast<size_t>(i - kLocalBoxes)]; }
 };
 
 /* Copy the instance's object-to-internal matrix and find its boxes: the
@@ -243,7 +235,7 @@ struct BoxList {
 bool readInstance(miTag instTag, miScalar matrix[16], BoxList &boxes)
 {
     boxes.count = 0;
-    boxes.geolist = 0;
+    boxes.more.clear();
     if (!instTag)
         return false;
     const miInstance *inst = static_cast<const miInstance *>(mi_db_access(instTag));
@@ -263,12 +255,14 @@ bool readInstance(miTag instTag, miScalar matrix[16], BoxList &boxes)
         if (gl) {
             const int n = readAt<int>(gl, 0);
             boxes.count = n > 0 ? n : 0;
-            for (int i = 0; i < boxes.count && i < kLocalBoxes; ++i)
-                boxes.local[i] = readAt<miTag>(gl, miGEOLIST_ENTRIES +
-                                                       static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
-                                                       miGEOLIST_ENTRY_BOX);
-            if (boxes.count > kLocalBoxes)
-                boxes.geolist = glTag;
+            for (int i = 0; i < boxes.count; ++i) {
+                const miTag t = readAt<miTag>(gl, miGEOLIST_ENTRIES + static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
+                                                      miGEOLIST_ENTRY_BOX);
+                if (i < kLocalBoxes)
+                    boxes.local[i] = t;
+                else
+                    boxes.more.push_back(t);
+            }
             mi_db_unpin(glTag);
         }
     } else if (objType == 2) {

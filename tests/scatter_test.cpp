@@ -331,6 +331,32 @@ TEST_F(Scatter, FortyPointsRunInThreeBatches)
     }
 }
 
+// An instance of 300 boxes (one triangle each): every box tag is copied while
+// the geometry list is read once per instance read, and the boxes past the
+// first 256 get their points like the others.
+TEST_F(Scatter, MoreThan256BoxesReadTheGeometryListOnce)
+{
+    std::vector<Tri> tris;
+    for (int i = 0; i < 300; ++i)
+        tris.push_back(rightTri(0.1f * (i % 20), 0.1f * (i / 20), 0.1f, 0.1f));
+    const mirt::GeometryTags g = triangles(tris, 1);
+    ASSERT_EQ(g.boxes.size(), 300u);
+    light({0, 0, 100}, {0.5f, 1, 0.25f, 1}, 1, 0);
+    p->radius = 0.15f, p->samples = 8;
+    for (int mode : {0, 7}) {
+        SCOPED_TRACE(mode);
+        reset();
+        p->cacheSize = mode;
+        const uint64_t inst0 = mirt::db_access_count(g.instance), list0 = mirt::db_access_count(g.geolist);
+        expectRGB(lookup(g.instance, {1.93f, 1.43f, 0}), 0.5f, 1, 0.25f); // triangle 299
+        EXPECT_EQ(mirt::db_access_count(g.geolist) - list0, mirt::db_access_count(g.instance) - inst0);
+        int late = 0; // points evaluated on triangles 260 to 299 (y >= 1.3)
+        for (const miVector &q : probe.points)
+            late += q.y >= 1.3f;
+        EXPECT_GT(late, 0);
+    }
+}
+
 // ------------------------------------------------------------ lookups
 
 TEST_F(Scatter, UniformlyLitPlaneGivesTheLightInEveryFalloff)
