@@ -363,7 +363,7 @@ SceneDesc defaultScene()
     wax.focus = 0.3f;
     wax.scatterRadius = 0.35f;
     wax.scatterScale = {0.55f, 0.42f, 0.3f, 1};
-    wax.scatterSamples = 6;
+    wax.scatterSamples = 64;
     wax.scatterFalloff = 2;
     s.materials.push_back(wax);
 
