@@ -3,6 +3,7 @@
  *
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
  *              [--resolution WxH] [--no-progress] [--quiet]
+ *              [--shader-path DIRS] [--image-stats FILE] [--version]
  *              [--print-default-scene] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
@@ -11,6 +12,7 @@
  * second, time per megasample, the library's memory per tag and database
  * pins.
  */
+#include "image_stats.h"
 #include "render.h"
 #include "runtime.h"
 
@@ -18,6 +20,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
+#include <vector>
 #include <iostream>
 #include <string>
 #include <sys/stat.h>
@@ -38,6 +42,10 @@ void usage(std::ostream &o)
          "  --no-progress          no progress bar\n"
          "  --quiet                no summary\n"
          "  --print-default-scene  print the built-in scene in the scene format and exit\n"
+         "  --shader-path DIRS     folders (':'-separated) searched for linked shader libraries\n"
+         "                         after the scene file's folder (also DRUX_SHADER_PATH)\n"
+         "  --version              print the version and exit\n"
+         "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
          "  --help                 this text\n";
 }
 
@@ -93,7 +101,8 @@ void drawBar(double f)
 
 int main(int argc, char **argv)
 {
-    std::string scenePath, outDir = "out";
+    std::string scenePath, outDir = "out", statsPath;
+    std::vector<std::string> shaderPath;
     int threads = 0, samples = 0, width = 0, height = 0;
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
     for (int i = 1; i < argc; ++i) {
@@ -127,6 +136,20 @@ int main(int argc, char **argv)
                 std::cerr << "druxrender: --resolution needs WxH, e.g. 640x480\n";
                 return 2;
             }
+        } else if (a == "--shader-path") {
+            const std::string dirs = value("folders");
+            size_t at = 0;
+            while (at <= dirs.size()) {
+                const size_t colon = std::min(dirs.find(':', at), dirs.size());
+                if (colon > at)
+                    shaderPath.push_back(dirs.substr(at, colon - at));
+                at = colon + 1;
+            }
+        } else if (a == "--version") {
+            std::cout << "druxrender " << DRUX_VERSION << "\n";
+            return 0;
+        } else if (a == "--image-stats") {
+            statsPath = value("a file");
         } else if (a == "--no-progress") {
             progress = false;
         } else if (a == "--quiet") {
@@ -171,6 +194,7 @@ int main(int argc, char **argv)
     mirt::set_echo_messages(true);
     RenderOptions ro;
     ro.threads = threads;
+    ro.shaderPath = shaderPath;
     if (progress)
         ro.progress = drawBar;
     if (!quiet)
@@ -185,6 +209,26 @@ int main(int argc, char **argv)
         if (progress)
             std::fprintf(stderr, "\n");
         files = writeOutputs(result, outDir);
+        if (!statsPath.empty()) {
+            const std::string text = formatStats(imageStats(result));
+            FILE *f = std::fopen(statsPath.c_str(), "w");
+            bool ok = f != nullptr;
+            if (f) {
+                ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+                ok = std::fclose(f) == 0 && ok;
+            }
+            if (!ok)
+                throw std::runtime_error("cannot write " + statsPath);
+        }
+    } catch (const SceneError &e) {
+        /* a shader library or shader instance of the scene */
+        if (progress)
+            std::fprintf(stderr, "\n");
+        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath);
+        if (e.line() > 0)
+            std::cerr << ":" << e.line();
+        std::cerr << ": " << e.what() << "\n";
+        return 2;
     } catch (const std::exception &e) {
         if (progress)
             std::fprintf(stderr, "\n");

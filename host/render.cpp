@@ -1,17 +1,19 @@
 #include "render.h"
 
+#include "builtin_shaders.h"
 #include "bvh.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "meshes.h"
 #include "runtime.h"
-#include "shaders.h"
+#include "shader_loader.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -143,7 +145,68 @@ size_t countMessages(mirt::Level level)
     return n;
 }
 
+/* Runs the shaders' exit functions on every way out of a render. */
+struct ExitGuard {
+    mirt::ShaderLibraries &libs;
+    ~ExitGuard() { libs.exit_all(nullptr); }
+};
+
+/* The shaders of the built-in commands, resolved in the linked libraries. */
+struct Builtins {
+    const BuiltinShaders *table = nullptr;
+    const mirt::LoadedShader *material = nullptr, *shadow = nullptr, *pointLight = nullptr, *rectLight = nullptr,
+                             *plainLight = nullptr, *texture = nullptr, *environment = nullptr;
+};
+
+Builtins resolveBuiltins(mirt::ShaderLibraries &libs)
+{
+    Builtins b;
+    auto fn = reinterpret_cast<BuiltinShadersFn>(libs.find_symbol(DRUXHOST_BUILTIN_SYMBOL));
+    b.table = fn ? fn() : nullptr;
+    if (!b.table)
+        throw mirt::LoadError("no linked library serves the built-in environment, material, light and texture "
+                              "commands (symbol missing: " DRUXHOST_BUILTIN_SYMBOL "); link \"libdruxhostshaders.so\"");
+    if (b.table->size != static_cast<int>(sizeof(BuiltinShaders)))
+        throw mirt::LoadError("version mismatch: the linked " DRUXHOST_BUILTIN_SYMBOL " table has " +
+                              std::to_string(b.table->size) + " bytes, druxrender reads " +
+                              std::to_string(sizeof(BuiltinShaders)));
+    b.material = &libs.shader(b.table->material);
+    b.shadow = &libs.shader(b.table->shadow);
+    b.pointLight = &libs.shader(b.table->pointLight);
+    b.rectLight = &libs.shader(b.table->rectLight);
+    b.plainLight = &libs.shader(b.table->plainLight);
+    b.texture = &libs.shader(b.table->texture);
+    b.environment = &libs.shader(b.table->environment);
+    return b;
+}
+
 } // namespace
+
+std::vector<std::string> shaderSearchPath(const SceneDesc &s, const RenderOptions &ro)
+{
+    std::vector<std::string> folders;
+    if (!s.directory.empty())
+        folders.push_back(s.directory);
+    folders.insert(folders.end(), ro.shaderPath.begin(), ro.shaderPath.end());
+    if (const char *env = std::getenv("DRUX_SHADER_PATH")) {
+        std::string cur;
+        for (const char *c = env;; ++c) {
+            if (*c == ':' || *c == '\0') {
+                if (!cur.empty())
+                    folders.push_back(cur);
+                cur.clear();
+                if (!*c)
+                    break;
+            } else {
+                cur += *c;
+            }
+        }
+    }
+    const std::string own = mirt::renderer_library_dir();
+    if (!own.empty())
+        folders.push_back(own);
+    return folders;
+}
 
 const std::vector<std::string> &libraryMemoryTags()
 {
@@ -176,11 +239,37 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     }
     const PassLayout layout = layoutPasses(s);
     std::vector<std::unique_ptr<ScatterCache *>> scatterLists; /* outlive the materials */
-    std::vector<miTag> materialFns;
     std::string fatal;
+    /* outlives every database item made for the render: unloaded last */
+    mirt::ShaderLibraries libs;
 
     {
         Items items;
+
+        /* ---- shader libraries and shader instances, before any state */
+        Builtins builtin;
+        {
+            const std::vector<std::string> folders = shaderSearchPath(s, ro);
+            int line = 0;
+            try {
+                if (s.links.empty())
+                    libs.link("libdruxhostshaders.so", folders);
+                for (const LinkDesc &k : s.links) {
+                    line = k.line;
+                    libs.link(k.file, folders);
+                }
+                line = 0;
+                builtin = resolveBuiltins(libs);
+                for (const ShaderDesc &d : s.shaders) {
+                    line = d.line;
+                    libs.instantiate(d.name, d.function, d.values, items.tags);
+                }
+            } catch (const mirt::LoadError &e) {
+                throw SceneError(line, e.what());
+            }
+        }
+        const BuiltinShaders &bt = *builtin.table;
+
         BvhScene bvh;
         mirt::Context ctx(s.width, s.height);
 
@@ -226,31 +315,44 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         }
 
         /* ---- shaders */
-        const EnvironmentParams envp = environmentParams(s.environment);
-        ctx.set_environment(items.keep(mirt::make_function(miSHADER_ENVIRONMENT, hostEnvironment, &envp, sizeof envp,
-                                                           sizeof(miColor), false, "hostEnvironment")));
+        /* A built-in command's shader: its block from the library's builder,
+           registered with the loader so that its init and exit run. */
+        auto builtinFn = [&](int type, const mirt::LoadedShader *sh, const void *block, int size, bool connectable,
+                             const std::string &name, const std::string &instance) {
+            const miTag fn =
+                items.keep(mirt::make_function(type, sh->fn, block, size, sizeof(miColor), connectable, name.c_str()));
+            libs.add_instance(instance, *sh, fn);
+            return fn;
+        };
+        const EnvironmentParams envp = bt.environmentParams(s.environment);
+        ctx.set_environment(builtinFn(miSHADER_ENVIRONMENT, builtin.environment, &envp, sizeof envp, false,
+                                      builtin.environment->name, "environment:"));
         std::map<std::string, miTag> textureFn;
         for (const TextureDesc &t : s.textures) {
-            const TextureParams tp = textureParams(t);
-            textureFn[t.name] = items.keep(mirt::make_function(miSHADER_TEXTURE, hostNoiseTexture, &tp, sizeof tp,
-                                                               sizeof(miColor), false, t.name.c_str()));
+            const TextureParams tp = bt.textureParams(t);
+            textureFn[t.name] =
+                builtinFn(miSHADER_TEXTURE, builtin.texture, &tp, sizeof tp, false, t.name, "texture:" + t.name);
         }
         std::map<std::string, miTag> materialFn, shadowFn;
         for (const MaterialDesc &m : s.materials) {
-            scatterLists.emplace_back(new ScatterCache *(nullptr));
-            const MaterialParams mp = materialParams(m, scatterLists.back().get());
-            const miTag fn = items.keep(mirt::make_function(miSHADER_MATERIAL, hostMaterial, &mp, sizeof mp,
-                                                            sizeof(miColor), true, m.name.c_str()));
-            if (!m.texture.empty())
-                mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
+            miTag fn;
+            if (!m.shader.empty()) {
+                fn = libs.instance(m.shader);
+            } else {
+                scatterLists.emplace_back(new ScatterCache *(nullptr));
+                const MaterialParams mp = bt.materialParams(m, scatterLists.back().get());
+                fn = builtinFn(miSHADER_MATERIAL, builtin.material, &mp, sizeof mp, true, m.name,
+                               "material:" + m.name);
+                if (!m.texture.empty())
+                    mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
+            }
             materialFn[m.name] = fn;
-            materialFns.push_back(fn);
             /* every surface has a shadow shader, so that it shadows the
                passes (an opaque one with transparency 0) */
             ShadowParams sp;
             sp.transparency = miColor{m.transparency.r, m.transparency.g, m.transparency.b, 1.0f};
-            shadowFn[m.name] = items.keep(mirt::make_function(miSHADER_SHADOW, hostShadow, &sp, sizeof sp,
-                                                              sizeof(miColor), false, "hostShadow"));
+            shadowFn[m.name] = builtinFn(miSHADER_SHADOW, builtin.shadow, &sp, sizeof sp, false,
+                                         builtin.shadow->name, "shadow:" + m.name);
         }
 
         /* ---- geometry */
@@ -288,24 +390,22 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
             miTag inst = 0;
             if (l.kind == LightKind::Point) {
-                const PointLightParams lp = pointLightParams(l);
+                const PointLightParams lp = bt.pointLightParams(l);
                 inst = ctx.add_point_light(l.position,
-                                           items.keep(mirt::make_function(miSHADER_LIGHT, hostPointLight, &lp,
-                                                                          sizeof lp, sizeof(miColor), false,
-                                                                          l.name.c_str())),
+                                           builtinFn(miSHADER_LIGHT, builtin.pointLight, &lp, sizeof lp, false,
+                                                     l.name, "light:" + l.name),
                                            param);
             } else if (l.kind == LightKind::Rect) {
-                const RectLightParams lp = rectLightParams(l);
+                const RectLightParams lp = bt.rectLightParams(l);
                 inst = ctx.add_rect_light(l.position, l.u, l.v, l.samples,
-                                          items.keep(mirt::make_function(miSHADER_LIGHT, hostRectLight, &lp, sizeof lp,
-                                                                         sizeof(miColor), false, l.name.c_str())),
+                                          builtinFn(miSHADER_LIGHT, builtin.rectLight, &lp, sizeof lp, false, l.name,
+                                                    "light:" + l.name),
                                           param);
             } else {
-                const PlainLightParams lp = plainLightParams(l);
+                const PlainLightParams lp = bt.plainLightParams(l);
                 inst = ctx.add_point_light(l.position,
-                                           items.keep(mirt::make_function(miSHADER_LIGHT, hostPlainLight, &lp,
-                                                                          sizeof lp, sizeof(miColor), false,
-                                                                          l.name.c_str())),
+                                           builtinFn(miSHADER_LIGHT, builtin.plainLight, &lp, sizeof lp, false,
+                                                     l.name, "light:" + l.name),
                                            param);
             }
             if (!l.shadow) {
@@ -322,12 +422,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         {
             miState *init = ctx.begin_state(0);
             ctx.begin_sample(init, -1, -1, 0);
-            for (const auto &t : textureFn)
-                mirt::call_init(init, t.second, hostNoiseTexture_init);
-            for (miTag fn : materialFns)
-                mirt::call_init(init, fn, hostMaterial_init);
+            libs.init_all(init);
             ctx.end_state(init);
         }
+        ExitGuard exitGuard{libs};
         out.stats.setupSeconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - setupStart).count();
 
@@ -446,10 +544,9 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.stats.eyeSamples = static_cast<uint64_t>(s.width) * static_cast<uint64_t>(s.height) *
                                static_cast<uint64_t>(s.samples);
 
-        /* ---- the materials' teardown: scattering caches */
-        for (miTag fn : materialFns)
-            if (miFunction *f = mirt::function(fn))
-                hostMaterial_exit(nullptr, f->params);
+        /* ---- the shaders' exit functions (the materials free their
+           scattering caches) */
+        libs.exit_all(nullptr);
     }
     for (TagMemory &m : out.stats.memory)
         m.after = mirt::mem_live_bytes(m.tag);

@@ -35,6 +35,10 @@ struct RenderOptions {
     /* Called from the rendering's controlling thread about ten times a
        second with the fraction done (0 .. 1); may be empty. */
     std::function<void(double)> progress;
+    /* Folders searched for the scene's `link` libraries after the scene
+       file's own folder and before those of DRUX_SHADER_PATH (':'-separated)
+       and the renderer's lib/ folder. */
+    std::vector<std::string> shaderPath;
 };
 
 /* Live bytes of one of the library's memory tags. */
@@ -70,11 +74,15 @@ struct RenderResult {
     const Image *pass(const std::string &name) const;
 };
 
+/* The folders searched for a scene's shader libraries, in order. */
+std::vector<std::string> shaderSearchPath(const SceneDesc &scene, const RenderOptions &options);
+
 /* The library's memory tags reported by the renderer. */
 const std::vector<std::string> &libraryMemoryTags();
 
-/* Throws SceneError for an invalid scene and std::runtime_error when the
-   renderer reports a fatal error. */
+/* Throws SceneError for an invalid scene (also a shader library that cannot
+   be linked or a shader instance that cannot be made, with the scene line)
+   and std::runtime_error when the renderer reports a fatal error. */
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 
 /* Writes <dir>/render.exr (main image as the default layer, one layer per

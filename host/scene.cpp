@@ -28,7 +28,7 @@ const RoleInfo kRoles[] = {
     {PassRole::Refraction, "refraction", 28, true}, {PassRole::Indirect, "indirect", 32, true},
     {PassRole::Scatter, "scatter", 33, true},      {PassRole::Background, "background", 31, true},
     {PassRole::Shadow, "shadow", 12, false},       {PassRole::LightGroup, "lightgroup", 20, false},
-    {PassRole::Constant, "constant", -1, false},
+    {PassRole::Constant, "constant", -1, false},   {PassRole::Custom, "custom", 34, false},
 };
 
 const RoleInfo *info(PassRole role)
@@ -184,7 +184,13 @@ void validate(const SceneDesc &s)
             if (!std::isfinite(k.position) || !finite(k.color) || k.interpolation < 0 || k.interpolation > 3)
                 fail("texture \"" + t.name + "\": ramp keys need a finite position and colour and a known kind");
     }
+    std::set<std::string> shaderNames;
+    for (const ShaderDesc &d : s.shaders)
+        if (!shaderNames.insert(d.name).second)
+            throw SceneError(d.line, "shader instance \"" + d.name + "\" is defined twice");
     for (const MaterialDesc &m : s.materials) {
+        if (!m.shader.empty() && !shaderNames.count(m.shader))
+            fail("material \"" + m.name + "\" uses the unknown shader instance \"" + m.shader + "\"");
         if (!m.texture.empty() && !s.texture(m.texture))
             fail("material \"" + m.name + "\" uses the unknown texture \"" + m.texture + "\"");
         if (m.reflectRays < 1 || m.refractRays < 1 || m.reflectRays > 256 || m.refractRays > 256)
@@ -283,6 +289,7 @@ void validate(const SceneDesc &s)
 SceneDesc defaultScene()
 {
     SceneDesc s;
+    s.links.push_back(LinkDesc{"libdruxhostshaders.so", 0});
     s.width = 640;
     s.height = 480;
     s.samples = 4;

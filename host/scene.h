@@ -32,7 +32,8 @@ enum class PassRole {
     Background,
     Shadow,
     LightGroup,
-    Constant /* a non-material pass: a constant colour written at every sample */
+    Constant, /* a non-material pass: a constant colour written at every sample */
+    Custom    /* a material pass that shaders of linked libraries find by name and fill */
 };
 
 const char *roleName(PassRole role);
@@ -66,6 +67,7 @@ enum class SpecularModel { Phong = 0, Blinn = 1 };
 
 struct MaterialDesc {
     std::string name;
+    std::string shader;         /* when set, a `shader` instance shades the surface instead */
     miColor diffuse{0.7f, 0.7f, 0.7f, 1};
     std::string texture;        /* when set, drives the diffuse colour */
     float kd = 1.0f;
@@ -167,7 +169,25 @@ struct OptionsDesc {
     int reflectBlurLimit = 1, refractBlurLimit = 1;
 };
 
+/* `link "libfoo.so"`: a shader library to load before anything is made. */
+struct LinkDesc {
+    std::string file;
+    int line = 0;
+};
+
+/* `shader NAME FUNCTION PARAM VALUE...`: an instance of a linked shader; the
+   values are read by the declared parameter types when the library is
+   loaded (`PARAM = INSTANCE` connects). */
+struct ShaderDesc {
+    std::string name, function;
+    std::vector<std::string> values;
+    int line = 0;
+};
+
 struct SceneDesc {
+    std::vector<LinkDesc> links; /* none: the host's libdruxhostshaders.so */
+    std::vector<ShaderDesc> shaders;
+    std::string directory;       /* of the scene file: searched first for linked libraries */
     int width = 320, height = 240, samples = 4;
     CameraDesc camera;
     OptionsDesc options;

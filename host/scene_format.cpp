@@ -228,6 +228,24 @@ public:
                 light(l);
             } else if (cmd == "pass") {
                 pass(l);
+            } else if (cmd == "link") {
+                LinkDesc k;
+                k.file = l.word("library file");
+                if (k.file.size() >= 2 && k.file.front() == '"' && k.file.back() == '"')
+                    k.file = k.file.substr(1, k.file.size() - 2);
+                if (k.file.empty())
+                    l.error("link needs a library file");
+                k.line = l.number();
+                l.end();
+                s_.links.push_back(k);
+            } else if (cmd == "shader") {
+                ShaderDesc d;
+                d.name = l.word("shader instance name");
+                d.function = l.word("shader function");
+                d.line = l.number();
+                while (!l.done())
+                    d.values.push_back(l.word("value"));
+                s_.shaders.push_back(d);
             } else {
                 l.error("unknown command \"" + cmd + "\"");
             }
@@ -307,6 +325,7 @@ private:
         readKeys(
             l, "material",
             {{"diffuse", [&](Line &x) { m.diffuse = x.color3("diffuse colour"); }},
+             {"shader", [&](Line &x) { m.shader = x.word("shader instance name"); }},
              {"texture", [&](Line &x) { m.texture = x.word("texture name"); }},
              {"kd", [&](Line &x) { m.kd = x.number("kd"); }},
              {"specular", [&](Line &x) { m.specular = x.color3("specular colour"); }},
@@ -527,12 +546,17 @@ SceneDesc loadScene(const std::string &path)
         throw SceneError(0, "cannot read the scene file " + path);
     std::ostringstream text;
     text << in.rdbuf();
-    return parseScene(text.str());
+    SceneDesc s = parseScene(text.str());
+    const size_t slash = path.rfind('/');
+    s.directory = slash == std::string::npos ? std::string(".") : path.substr(0, slash == 0 ? 1 : slash);
+    return s;
 }
 
 std::string writeScene(const SceneDesc &s)
 {
     std::ostringstream o;
+    for (const LinkDesc &k : s.links)
+        o << "link \"" << k.file << "\"\n";
     o << "resolution " << s.width << " " << s.height << "\n";
     o << "samples " << s.samples << "\n";
     o << "camera position " << vec(s.camera.position) << " target " << vec(s.camera.target) << " up "
@@ -546,6 +570,14 @@ std::string writeScene(const SceneDesc &s)
     const EnvironmentDesc &e = s.environment;
     o << "environment zenith " << col3(e.zenith) << " horizon " << col3(e.horizon) << " ground "
       << col3(e.ground) << " intensity " << num(e.intensity) << "\n";
+    if (!s.shaders.empty())
+        o << "\n# shader instances of linked libraries\n";
+    for (const ShaderDesc &d : s.shaders) {
+        o << "shader " << d.name << " " << d.function;
+        for (const std::string &v : d.values)
+            o << " " << v;
+        o << "\n";
+    }
 
     static const char *patterns[] = {"fbm", "marble", "turbulence"};
     static const char *kinds[] = {"none", "linear", "smooth", "spline"};
@@ -584,6 +616,8 @@ std::string writeScene(const SceneDesc &s)
                 o << " " << key << " " << onoff(v);
         };
         c("diffuse", m.diffuse, dm.diffuse);
+        if (!m.shader.empty())
+            o << " shader " << m.shader;
         if (!m.texture.empty())
             o << " texture " << m.texture;
         f("kd", m.kd, dm.kd);
