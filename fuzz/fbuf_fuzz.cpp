@@ -76,12 +76,11 @@ bool blockUsable(const std::vector<uint8_t> &b, bool swapped)
         return false;
     int64_t sum = 0;
     for (int64_t t = 0; t < read; ++t) {
-        const int32_t c = wordOf(b, static_cast<size_t>(92 + 4 * (tcFirst + t)));
-        if (c < 0)
-            return false;
-        sum += c;
+        sum += static_cast<int32_t>(wordOf(b, static_cast<size_t>(92 + 4 * (tcFirst + t))));
+        if (sum > INT_MAX || sum < INT_MIN)
+            return false; /* negative counts are fine; running sums must stay in 32 bits */
     }
-    return sum <= INT_MAX;
+    return true;
 }
 
 /* Sum of the type counts the set-up reads. */

@@ -93,7 +93,32 @@ bool isAdditive(PassRole role)
     return r && r->additive;
 }
 
-SceneError::SceneError(int line, const std::string &what) : std::runtime_error(what), line_(line) {}
+namespace {
+
+/* A message quoting a bad scene file may carry any byte: control characters,
+   DEL and bytes above 0x7F are written as \xNN so that the terminal shows
+   what the file holds instead of interpreting it. */
+std::string printable(const std::string &text)
+{
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c >= 0x20 && c < 0x7F) {
+            out += ch;
+        } else {
+            out += "\\x";
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+SceneError::SceneError(int line, const std::string &what) : std::runtime_error(printable(what)), line_(line) {}
 
 Matrix InstanceDesc::matrix() const
 {
@@ -353,7 +378,7 @@ SceneDesc defaultScene()
     wax.focus = 0.3f;
     wax.scatterRadius = 0.35f;
     wax.scatterScale = {0.55f, 0.42f, 0.3f, 1};
-    wax.scatterSamples = 6;
+    wax.scatterSamples = 64;
     wax.scatterFalloff = 2;
     s.materials.push_back(wax);
 

@@ -53,8 +53,10 @@ Entries entriesAtDepth(miState *state)
     r.n = getFrameBufferInfo(state, &r.types, &r.e);
     r.depth = state->reflection_level + state->refraction_level;
     const int limit = state->options ? state->options->trace_depth : 0;
-    /* every entry has trace-depth limit + 2 slots */
-    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1) {
+    /* every entry has trace-depth limit + 2 slots, as many as the state
+       set-up recorded in the entry (the limit may have been raised since) */
+    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1 ||
+        (r.e[0].depthSlots != 0 && static_cast<miUint>(r.depth) >= r.e[0].depthSlots)) {
         r.n = 0;
         r.types = nullptr;
         r.e = nullptr;

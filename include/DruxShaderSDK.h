@@ -210,7 +210,8 @@ struct FrameBufferInfo {
     miColor shadowSum;  /* sum of shadow over a light's shadow samples */
     miColor lightSum;   /* sum of a light's sample contributions */
     miUint hostTail;
-    miUint pad;
+    miUint depthSlots;  /* slots per entry (trace-depth limit + 2) as set up by the state
+                           shader; 0 in an array a host builds itself. Never written by hosts */
     PassSlot *slots;    /* trace-depth limit + 2 slots */
 };
 
@@ -780,6 +781,7 @@ static_assert(offsetof(FrameBufferInfo, shadow) == 40, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, shadowSum) == 56, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, lightSum) == 72, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, hostTail) == 88, "FrameBufferInfo");
+static_assert(offsetof(FrameBufferInfo, depthSlots) == 92, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, slots) == 96, "FrameBufferInfo");
 static_assert(sizeof(FrameBufferState) == 24, "FrameBufferState");
 static_assert(offsetof(FrameBufferState, sampleColor) == 8, "FrameBufferState");

@@ -1005,6 +1005,9 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("mesh b box 1 1 1 smooth\n", 1, "\"smooth\" after a mesh: expected faceted");
     expectError("mesh b sphere 1 8 4 faceted 2\n", 1, "unexpected \"2\"");
     expectError("samples 2\nsamples 3\n", 2, "given twice");
+    /* bytes a terminal would interpret are shown escaped, never raw */
+    expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
+    expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
     /* whole-scene checks carry no line */
     expectError("material m\ninstance i mesh nosuch material m\n", 0, "unknown mesh \"nosuch\"");

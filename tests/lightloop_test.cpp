@@ -227,6 +227,47 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
     EXPECT_COLOR(r.e[0].slots[2].accum, 0, 0, 0, 0);
 }
 
+// The trace-depth limit raised after the state was set up: the state still
+// holds the slots of the old limit (2 + 2 per entry), so no function may index
+// a depth beyond them.  Entry 0's slot 4 would be entry 1's slot 0, and the
+// last entry's slot 4 lies past the block (caught by the ASan build).
+TEST_F(LightLoop, DepthLimitRaisedMidStateStaysInsideTheSlots)
+{
+    Rig r(passes({{0, {}}, {0, {}}}), 2);
+    ASSERT_EQ(r.n, 2u);
+    EXPECT_EQ(r.e[0].depthSlots, 4u);
+    EXPECT_EQ(r.e[1].slots - r.e[0].slots, 4);
+    r.ctx.options().trace_depth = 50;
+    const miColor mark{9, 8, 7, 6};
+    const int add = 1;
+    for (int depth : {3, 4, 7}) {
+        SCOPED_TRACE(depth);
+        r.st->reflection_level = depth;
+        r.e[1].slots[0].accum = r.e[1].slots[0].result = r.e[1].slots[0].opacity = mark;
+        r.e[0].slots[3].accum = BLACK;
+        tracePassInit(r.n, r.e, r.st);
+        tracePassAdd(r.n, r.e, r.st, miFALSE, WHITE);
+        sampleLightBegin(r.n, r.e);
+        r.e[0].lightSum = r.e[1].lightSum = miColor{2, 2, 2, 2};
+        sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
+        EXPECT_COLOR(r.e[1].slots[0].accum, 9, 8, 7, 6);
+        EXPECT_COLOR(r.e[1].slots[0].result, 9, 8, 7, 6);
+        EXPECT_COLOR(r.e[1].slots[0].opacity, 9, 8, 7, 6);
+        // Depth 3 is the last slot the state has: the light still lands there.
+        const float want = depth == 3 ? 1.0f : 0.0f;
+        EXPECT_COLOR(r.e[0].slots[3].accum, want, want, want, want);
+    }
+    // Lowered below the set-up limit, the current limit bounds the slots.
+    r.ctx.options().trace_depth = 0;
+    r.st->reflection_level = 2;
+    r.e[0].slots[2].accum = BLACK;
+    sampleLightBegin(r.n, r.e);
+    r.e[0].lightSum = miColor{2, 2, 2, 2};
+    sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
+    EXPECT_COLOR(r.e[0].slots[2].accum, 0, 0, 0, 0);
+    r.ctx.options().trace_depth = 2;
+}
+
 TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
 {
     // Not contributing; contributing unshadowed; shadowed; shadow pass.
