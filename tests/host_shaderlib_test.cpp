@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -50,7 +52,8 @@ TEST(HostShaderLibrary, DefaultSceneMatchesStoredStatistics)
         EXPECT_EQ(now[k].name, stored[k].name);
         EXPECT_EQ(now[k].hash, stored[k].hash) << now[k].name << " differs from the stored image";
         for (int c = 0; c < 4; ++c)
-            EXPECT_NEAR(now[k].mean[c], stored[k].mean[c], 1e-6) << now[k].name;
+            EXPECT_NEAR(now[k].mean[c], stored[k].mean[c], 1e-6 * std::max(1.0, std::fabs(stored[k].mean[c])))
+                << now[k].name; // the depth of a missed sample is the largest float
     }
 }
 
