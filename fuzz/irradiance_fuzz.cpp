@@ -195,12 +195,14 @@ void fz::runInput(fz::Input &in)
                         expect.caustic_radius = opt.caustic_radius;
                         expect.finalgather_scale = -1.0f;
                     }
+                    const int given = expect.finalgather_rays;
                     expect.finalgather_rays = static_cast<int>(static_cast<float>(expect.finalgather_rays) *
                                                                ((m - minC) / (full - minC)));
+                    /* Only a positive count scaled down to none skips the renderer;
+                       a count of 0 or below is passed on as it is. */
+                    if (given > 0 && expect.finalgather_rays == 0)
+                        called = false;
                 }
-                const int rays = have ? expect.finalgather_rays : opt.finalgather_rays;
-                if (rays <= 0)
-                    called = false; /* no ray left: the renderer is not asked */
             }
         }
     }
