@@ -5,8 +5,7 @@
 #include "DruxShaderSDK.h"
 #include "runtime.h"
 
-#define DRUX_NOISE_GENERATOR_NO_MAIN
-#include "../tools/gen_noise_table.cpp"
+#include "noise_table_gen.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest-spi.h>
