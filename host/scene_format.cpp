@@ -18,6 +18,7 @@
 #include "scene.h"
 
 #include "obj_loader.h"
+#include "scene_keys.h"
 
 #include <array>
 #include <cerrno>
@@ -116,6 +117,18 @@ public:
         }
         error(std::string(what) + ": \"" + w + "\" is not one of " + all);
     }
+    /* One of the words of a null-terminated list (returns its position). */
+    int choice(const char *what, const char *const *choices)
+    {
+        const std::string w = word(what);
+        std::string all;
+        for (int i = 0; choices[i]; ++i) {
+            if (w == choices[i])
+                return i;
+            all += (i ? ", " : "") + std::string(choices[i]);
+        }
+        error(std::string(what) + ": \"" + w + "\" is not one of " + all);
+    }
     void end() const
     {
         if (!done())
@@ -140,6 +153,44 @@ void readKeys(Line &l, const char *command, const std::map<std::string, KeyHandl
             l.error(std::string("unknown ") + command + " key \"" + k + "\"");
         it->second(l);
     }
+}
+
+/* Reads the value of a table key into its field. */
+template <class D, class P> void readKey(Line &x, const Key<D, P> &k, D &d)
+{
+    switch (k.type) {
+    case KeyType::Number:
+        d.*k.number = x.number(k.name);
+        break;
+    case KeyType::Integer:
+        d.*k.integer = x.integer(k.name);
+        break;
+    case KeyType::Boolean:
+        d.*k.boolean = x.boolean(k.name);
+        break;
+    case KeyType::Colour:
+        d.*k.colour = x.color3(k.name);
+        break;
+    case KeyType::Vector:
+        d.*k.vector = x.vec3(k.name);
+        break;
+    case KeyType::Word:
+        d.*k.word = x.word(k.name);
+        break;
+    case KeyType::Choice:
+        d.*k.integer = x.choice(k.name, k.choices);
+        break;
+    }
+}
+
+/* Reads the rest of a line of a command whose keys are those of a table. */
+template <class D, class P, size_t N> void readTableKeys(Line &l, const char *command, const Key<D, P> (&keys)[N], D &d)
+{
+    d.line = l.number();
+    std::map<std::string, KeyHandler> handlers;
+    for (const Key<D, P> &k : keys)
+        handlers[k.name] = [&k, &d](Line &x) { readKey(x, k, d); };
+    readKeys(l, command, handlers);
 }
 
 int rampKind(Line &l) { return l.choice("ramp interpolation", {"none", "linear", "smooth", "spline"}); }
@@ -205,19 +256,21 @@ public:
             const std::string cmd = l.word("command");
             if (cmd == "resolution") {
                 once(l, cmd);
+                s_.resolutionLine = l.number();
                 s_.width = l.integer("width");
                 s_.height = l.integer("height");
                 l.end();
             } else if (cmd == "samples") {
                 once(l, cmd);
+                s_.samplesLine = l.number();
                 s_.samples = l.integer("samples");
                 l.end();
             } else if (cmd == "camera") {
-                camera(l);
+                readTableKeys(l, "camera", kCameraKeys, s_.camera);
             } else if (cmd == "options") {
-                options(l);
+                readTableKeys(l, "options", kOptionsKeys, s_.options);
             } else if (cmd == "environment") {
-                environment(l);
+                readTableKeys(l, "environment", kEnvironmentKeys, s_.environment);
             } else if (cmd == "texture") {
                 texture(l);
             } else if (cmd == "material") {
@@ -262,46 +315,11 @@ private:
             l.error("\"" + cmd + "\" given twice");
     }
 
-    void camera(Line &l)
-    {
-        CameraDesc &c = s_.camera;
-        readKeys(l, "camera",
-                 {{"position", [&](Line &x) { c.position = x.vec3("camera position"); }},
-                  {"target", [&](Line &x) { c.target = x.vec3("camera target"); }},
-                  {"up", [&](Line &x) { c.up = x.vec3("camera up"); }},
-                  {"fov", [&](Line &x) { c.fov = x.number("camera fov"); }}});
-    }
-
-    void options(Line &l)
-    {
-        OptionsDesc &o = s_.options;
-        readKeys(l, "options",
-                 {{"trace", [&](Line &x) { o.trace = x.boolean("trace"); }},
-                  {"reflection_depth", [&](Line &x) { o.reflectionDepth = x.integer("reflection_depth"); }},
-                  {"refraction_depth", [&](Line &x) { o.refractionDepth = x.integer("refraction_depth"); }},
-                  {"trace_depth", [&](Line &x) { o.traceDepth = x.integer("trace_depth"); }},
-                  {"finalgather", [&](Line &x) { o.finalgather = x.boolean("finalgather"); }},
-                  {"fg_rays", [&](Line &x) { o.fgRays = x.integer("fg_rays"); }},
-                  {"min_contribution", [&](Line &x) { o.minContribution = x.number("min_contribution"); }},
-                  {"full_contribution", [&](Line &x) { o.fullContribution = x.number("full_contribution"); }},
-                  {"reflect_blur_limit", [&](Line &x) { o.reflectBlurLimit = x.integer("reflect_blur_limit"); }},
-                  {"refract_blur_limit", [&](Line &x) { o.refractBlurLimit = x.integer("refract_blur_limit"); }}});
-    }
-
-    void environment(Line &l)
-    {
-        EnvironmentDesc &e = s_.environment;
-        readKeys(l, "environment",
-                 {{"zenith", [&](Line &x) { e.zenith = x.color3("zenith colour"); }},
-                  {"horizon", [&](Line &x) { e.horizon = x.color3("horizon colour"); }},
-                  {"ground", [&](Line &x) { e.ground = x.color3("ground colour"); }},
-                  {"intensity", [&](Line &x) { e.intensity = x.number("intensity"); }}});
-    }
-
     void texture(Line &l)
     {
         TextureDesc t;
         t.name = l.word("texture name");
+        t.line = l.number();
         readKeys(l, "texture",
                  {{"pattern",
                    [&](Line &x) {
@@ -324,45 +342,7 @@ private:
     {
         MaterialDesc m;
         m.name = l.word("material name");
-        readKeys(
-            l, "material",
-            {{"diffuse", [&](Line &x) { m.diffuse = x.color3("diffuse colour"); }},
-             {"shader", [&](Line &x) { m.shader = x.word("shader instance name"); }},
-             {"texture", [&](Line &x) { m.texture = x.word("texture name"); }},
-             {"kd", [&](Line &x) { m.kd = x.number("kd"); }},
-             {"specular", [&](Line &x) { m.specular = x.color3("specular colour"); }},
-             {"model", [&](Line &x) { m.model = static_cast<SpecularModel>(x.choice("model", {"phong", "blinn"})); }},
-             {"exponent", [&](Line &x) { m.exponent = x.number("exponent"); }},
-             {"eccentricity", [&](Line &x) { m.eccentricity = x.number("eccentricity"); }},
-             {"rolloff", [&](Line &x) { m.rolloff = x.number("rolloff"); }},
-             {"secondary", [&](Line &x) { m.secondary = x.number("secondary"); }},
-             {"translucence", [&](Line &x) { m.translucence = x.number("translucence"); }},
-             {"focus", [&](Line &x) { m.focus = x.number("focus"); }},
-             {"wrap", [&](Line &x) { m.wrap = x.number("wrap"); }},
-             {"reflectivity", [&](Line &x) { m.reflectivity = x.number("reflectivity"); }},
-             {"reflect_color", [&](Line &x) { m.reflectColor = x.color3("reflect_color"); }},
-             {"reflect_blur", [&](Line &x) { m.reflectBlur = x.number("reflect_blur"); }},
-             {"reflect_rays", [&](Line &x) { m.reflectRays = x.integer("reflect_rays"); }},
-             {"reflection_limit", [&](Line &x) { m.reflectionLimit = x.integer("reflection_limit"); }},
-             {"transparency", [&](Line &x) { m.transparency = x.color3("transparency"); }},
-             {"ior", [&](Line &x) { m.ior = x.number("ior"); }},
-             {"refract_blur", [&](Line &x) { m.refractBlur = x.number("refract_blur"); }},
-             {"refract_rays", [&](Line &x) { m.refractRays = x.integer("refract_rays"); }},
-             {"refraction_limit", [&](Line &x) { m.refractionLimit = x.integer("refraction_limit"); }},
-             {"thickness", [&](Line &x) { m.thickness = x.number("thickness"); }},
-             {"fade_distance", [&](Line &x) { m.fadeDistance = x.number("fade_distance"); }},
-             {"absorbance", [&](Line &x) { m.absorbance = x.number("absorbance"); }},
-             {"chromatic", [&](Line &x) { m.chromatic = x.boolean("chromatic"); }},
-             {"indirect", [&](Line &x) { m.indirect = x.boolean("indirect"); }},
-             {"irradiance_tint", [&](Line &x) { m.irradianceTint = x.color3("irradiance_tint"); }},
-             {"scatter_radius", [&](Line &x) { m.scatterRadius = x.number("scatter_radius"); }},
-             {"scatter_scale", [&](Line &x) { m.scatterScale = x.color3("scatter_scale"); }},
-             {"scatter_samples", [&](Line &x) { m.scatterSamples = x.integer("scatter_samples"); }},
-             {"scatter_falloff", [&](Line &x) { m.scatterFalloff = x.integer("scatter_falloff"); }},
-             {"scatter_diffuse", [&](Line &x) { m.scatterDiffuse = x.number("scatter_diffuse"); }},
-             {"scatter_cache", [&](Line &x) { m.scatterCache = x.integer("scatter_cache"); }},
-             {"bump", [&](Line &x) { m.bump = x.number("bump"); }},
-             {"bump_scale", [&](Line &x) { m.bumpScale = x.number("bump_scale"); }}});
+        readTableKeys(l, "material", kMaterialKeys, m);
         s_.materials.push_back(m);
     }
 
@@ -370,6 +350,7 @@ private:
     {
         MeshDesc m;
         m.name = l.word("mesh name");
+        m.line = l.number();
         const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles", "obj"});
         m.kind = static_cast<MeshKind>(kind);
         switch (m.kind) {
@@ -461,6 +442,7 @@ private:
     {
         InstanceDesc i;
         i.name = l.word("instance name");
+        i.line = l.number();
         readKeys(l, "instance",
                  {{"mesh", [&](Line &x) { i.mesh = x.word("mesh name"); }},
                   {"material", [&](Line &x) { i.material = x.word("material name"); }},
@@ -484,6 +466,7 @@ private:
     {
         LightDesc d;
         d.name = l.word("light name");
+        d.line = l.number();
         d.kind = static_cast<LightKind>(l.choice("light kind", {"point", "rect", "plain"}));
         std::map<std::string, KeyHandler> keys = {
             {"color", [&](Line &x) { d.color = x.color3("light colour"); }},
@@ -513,6 +496,7 @@ private:
     {
         PassDesc p;
         p.name = l.word("pass name");
+        p.line = l.number();
         const std::string role = l.word("pass role");
         if (!roleFromName(role, p.role))
             l.error("unknown pass role \"" + role +
@@ -553,6 +537,59 @@ std::string col3(const miColor &c) { return num(c.r) + " " + num(c.g) + " " + nu
 std::string col4(const miColor &c) { return col3(c) + " " + num(c.a); }
 const char *onoff(bool b) { return b ? "on" : "off"; }
 
+/* " key value" of a table key, or "" where `d` holds what `fresh` holds
+   (and `all` is false) or an empty name. */
+template <class D, class P> std::string keyText(const Key<D, P> &k, const D &d, const D &fresh, bool all)
+{
+    std::string v;
+    bool same = false;
+    switch (k.type) {
+    case KeyType::Number:
+        v = num(d.*k.number);
+        same = d.*k.number == fresh.*k.number;
+        break;
+    case KeyType::Integer:
+        v = std::to_string(d.*k.integer);
+        same = d.*k.integer == fresh.*k.integer;
+        break;
+    case KeyType::Boolean:
+        v = onoff(d.*k.boolean);
+        same = d.*k.boolean == fresh.*k.boolean;
+        break;
+    case KeyType::Colour: {
+        const miColor &c = d.*k.colour, &f = fresh.*k.colour;
+        v = col3(c);
+        same = c.r == f.r && c.g == f.g && c.b == f.b;
+        break;
+    }
+    case KeyType::Vector:
+        v = vec(d.*k.vector);
+        same = false;
+        break;
+    case KeyType::Word:
+        v = d.*k.word;
+        same = v.empty();
+        all = false;
+        break;
+    case KeyType::Choice: {
+        const int i = d.*k.integer;
+        v = i >= 0 && i < choiceCount(k.choices) ? k.choices[i] : k.choices[0];
+        same = i == fresh.*k.integer;
+        break;
+    }
+    }
+    return same && !all ? std::string() : " " + std::string(k.name) + " " + v;
+}
+
+/* A table command: every key (`all`) or those that differ from a fresh description. */
+template <class D, class P, size_t N>
+void writeTableKeys(std::ostream &o, const Key<D, P> (&keys)[N], const D &d, bool all)
+{
+    const D fresh;
+    for (const Key<D, P> &k : keys)
+        o << keyText(k, d, fresh, all);
+}
+
 } // namespace
 
 SceneDesc parseScene(const std::string &text, const std::string &baseDir)
@@ -584,17 +621,13 @@ std::string writeScene(const SceneDesc &s)
         o << "link \"" << k.file << "\"\n";
     o << "resolution " << s.width << " " << s.height << "\n";
     o << "samples " << s.samples << "\n";
-    o << "camera position " << vec(s.camera.position) << " target " << vec(s.camera.target) << " up "
-      << vec(s.camera.up) << " fov " << num(s.camera.fov) << "\n";
-    const OptionsDesc &op = s.options;
-    o << "options trace " << onoff(op.trace) << " reflection_depth " << op.reflectionDepth << " refraction_depth "
-      << op.refractionDepth << " trace_depth " << op.traceDepth << " finalgather " << onoff(op.finalgather)
-      << " fg_rays " << op.fgRays << " min_contribution " << num(op.minContribution) << " full_contribution "
-      << num(op.fullContribution) << " reflect_blur_limit " << op.reflectBlurLimit << " refract_blur_limit "
-      << op.refractBlurLimit << "\n";
-    const EnvironmentDesc &e = s.environment;
-    o << "environment zenith " << col3(e.zenith) << " horizon " << col3(e.horizon) << " ground "
-      << col3(e.ground) << " intensity " << num(e.intensity) << "\n";
+    o << "camera";
+    writeTableKeys(o, kCameraKeys, s.camera, true);
+    o << "\noptions";
+    writeTableKeys(o, kOptionsKeys, s.options, true);
+    o << "\nenvironment";
+    writeTableKeys(o, kEnvironmentKeys, s.environment, true);
+    o << "\n";
     if (!s.shaders.empty())
         o << "\n# shader instances of linked libraries\n";
     for (const ShaderDesc &d : s.shaders) {
@@ -620,66 +653,9 @@ std::string writeScene(const SceneDesc &s)
     }
     if (!s.materials.empty())
         o << "\n# materials\n";
-    const MaterialDesc dm;
     for (const MaterialDesc &m : s.materials) {
-        /* only what differs from a fresh material */
-        o << "material " << m.name;
-        auto f = [&](const char *key, float v, float def) {
-            if (v != def)
-                o << " " << key << " " << num(v);
-        };
-        auto i = [&](const char *key, int v, int def) {
-            if (v != def)
-                o << " " << key << " " << v;
-        };
-        auto c = [&](const char *key, const miColor &v, const miColor &def) {
-            if (v.r != def.r || v.g != def.g || v.b != def.b)
-                o << " " << key << " " << col3(v);
-        };
-        auto b = [&](const char *key, bool v, bool def) {
-            if (v != def)
-                o << " " << key << " " << onoff(v);
-        };
-        c("diffuse", m.diffuse, dm.diffuse);
-        if (!m.shader.empty())
-            o << " shader " << m.shader;
-        if (!m.texture.empty())
-            o << " texture " << m.texture;
-        f("kd", m.kd, dm.kd);
-        c("specular", m.specular, dm.specular);
-        if (m.model != dm.model)
-            o << " model " << (m.model == SpecularModel::Blinn ? "blinn" : "phong");
-        f("exponent", m.exponent, dm.exponent);
-        f("eccentricity", m.eccentricity, dm.eccentricity);
-        f("rolloff", m.rolloff, dm.rolloff);
-        f("secondary", m.secondary, dm.secondary);
-        f("translucence", m.translucence, dm.translucence);
-        f("focus", m.focus, dm.focus);
-        f("wrap", m.wrap, dm.wrap);
-        f("reflectivity", m.reflectivity, dm.reflectivity);
-        c("reflect_color", m.reflectColor, dm.reflectColor);
-        f("reflect_blur", m.reflectBlur, dm.reflectBlur);
-        i("reflect_rays", m.reflectRays, dm.reflectRays);
-        i("reflection_limit", m.reflectionLimit, dm.reflectionLimit);
-        c("transparency", m.transparency, dm.transparency);
-        f("ior", m.ior, dm.ior);
-        f("refract_blur", m.refractBlur, dm.refractBlur);
-        i("refract_rays", m.refractRays, dm.refractRays);
-        i("refraction_limit", m.refractionLimit, dm.refractionLimit);
-        f("thickness", m.thickness, dm.thickness);
-        f("fade_distance", m.fadeDistance, dm.fadeDistance);
-        f("absorbance", m.absorbance, dm.absorbance);
-        b("chromatic", m.chromatic, dm.chromatic);
-        b("indirect", m.indirect, dm.indirect);
-        c("irradiance_tint", m.irradianceTint, dm.irradianceTint);
-        f("scatter_radius", m.scatterRadius, dm.scatterRadius);
-        c("scatter_scale", m.scatterScale, dm.scatterScale);
-        i("scatter_samples", m.scatterSamples, dm.scatterSamples);
-        i("scatter_falloff", m.scatterFalloff, dm.scatterFalloff);
-        f("scatter_diffuse", m.scatterDiffuse, dm.scatterDiffuse);
-        i("scatter_cache", m.scatterCache, dm.scatterCache);
-        f("bump", m.bump, dm.bump);
-        f("bump_scale", m.bumpScale, dm.bumpScale);
+        o << "material " << m.name; /* only what differs from a fresh material */
+        writeTableKeys(o, kMaterialKeys, m, false);
         o << "\n";
     }
     if (!s.meshes.empty())

@@ -3,6 +3,7 @@
 #include "data_passes.h"
 
 #include "host_math.h"
+#include "scene_keys.h"
 
 #include <algorithm>
 #include <cmath>
@@ -572,47 +573,14 @@ MaterialParams materialParams(const MaterialDesc &m, ScatterCache **scatterList)
 {
     MaterialParams p;
     std::memset(&p, 0, sizeof p);
-    p.diffuse = m.diffuse;
-    p.kd = m.kd;
-    p.specular = m.specular;
-    p.model = static_cast<int>(m.model);
-    p.exponent = m.exponent;
-    p.eccentricity = m.eccentricity;
-    p.rolloff = m.rolloff;
-    p.secondary = m.secondary;
-    p.translucence = m.translucence;
-    p.focus = m.focus;
-    p.wrap = m.wrap;
-    p.reflectivity = m.reflectivity;
-    p.reflectColor = m.reflectColor;
+    fillParams(kMaterialKeys, m, p);
+    /* what no key sets */
     p.reflectedColor = BLACK;
-    p.reflectionLimit = m.reflectionLimit;
-    p.reflectBlur = m.reflectBlur;
     p.reflectBlurLimit = 64; /* the render's blur limits in "kelubase" decide */
-    p.reflectRays = m.reflectRays;
-    p.transparency = m.transparency;
-    p.ior = m.ior;
-    p.refractionLimit = m.refractionLimit;
-    p.refractBlur = m.refractBlur;
     p.refractBlurLimit = 64;
-    p.refractRays = m.refractRays;
-    p.thickness = m.thickness;
-    p.fadeDistance = m.fadeDistance;
-    p.absorbance = m.absorbance;
-    p.chromatic = m.chromatic ? 1 : 0;
-    p.indirect = m.indirect ? 1 : 0;
-    p.irradianceTint = m.irradianceTint;
     p.irradiance = BLACK;
-    p.scatterRadius = m.scatterRadius;
-    p.scatterScale = m.scatterScale;
-    p.scatterSamples = m.scatterSamples;
-    p.scatterFalloff = m.scatterFalloff;
     p.scatterMaxDepth = 1; /* eye rays only */
-    p.scatterCache = m.scatterCache;
-    p.scatterDiffuse = m.scatterDiffuse;
     p.normalOverride = miVector{0, 0, 1};
-    p.bump = m.bump;
-    p.bumpScale = m.bumpScale;
     p.scatterList = scatterList;
     return p;
 }
