@@ -175,6 +175,8 @@ MaterialDesc::MaterialDesc() { applyDefaults(kMaterialKeys, *this); }
 CameraDesc::CameraDesc() { applyDefaults(kCameraKeys, *this); }
 OptionsDesc::OptionsDesc() { applyDefaults(kOptionsKeys, *this); }
 EnvironmentDesc::EnvironmentDesc() { applyDefaults(kEnvironmentKeys, *this); }
+TextureDesc::TextureDesc() { applyDefaults(kTextureKeys, *this); }
+LightDesc::LightDesc() { applyDefaults(kLightKeys, *this); }
 
 int choiceCount(const char *const *choices)
 {
@@ -231,12 +233,9 @@ void validateFrame(const SceneDesc &s)
 void validateTextures(const SceneDesc &s)
 {
     for (const TextureDesc &t : s.textures) {
+        checkKeysOf(kTextureKeys, t, "texture \"" + t.name + "\"");
         if (t.ramp.empty() || t.ramp.size() > static_cast<size_t>(kMaxRampKeys))
             fail(t.line, "texture \"" + t.name + "\" needs 1 to " + std::to_string(kMaxRampKeys) + " ramp keys");
-        if (t.octaves < 1 || t.octaves > 12)
-            fail(t.line, "texture \"" + t.name + "\": octaves must lie within 1 .. 12");
-        if (!std::isfinite(t.scale) || !finite(t.offset))
-            fail(t.line, "texture \"" + t.name + "\": scale and offset must be finite");
         for (const RampColorEntry &k : t.ramp)
             if (!std::isfinite(k.position) || !finite(k.color) || k.interpolation < 0 || k.interpolation > 3)
                 fail(t.line, "texture \"" + t.name + "\": ramp keys need a finite position and colour and a known kind");
@@ -331,14 +330,9 @@ void validateInstances(const SceneDesc &s)
 void validateLightsAndPasses(const SceneDesc &s)
 {
     for (const LightDesc &l : s.lights) {
-        if (!finite(l.position) || !finite(l.color) || !std::isfinite(l.intensity) || !finite(l.shadowColor))
-            fail(l.line, "light \"" + l.name + "\" has a value that is not finite");
-        if (l.kind == LightKind::Rect) {
-            if (!finite(l.u) || !finite(l.v) || length(cross(l.u, l.v)) == 0.0f)
-                fail(l.line, "light \"" + l.name + "\": the half edges u and v do not span a rectangle");
-            if (l.samples < 1 || l.samples > 1024 || l.shadowSamples < 1 || l.shadowSamples > 1024)
-                fail(l.line, "light \"" + l.name + "\": samples and shadow_samples must lie within 1 .. 1024");
-        }
+        checkKeysOf(kLightKeys, l, "light \"" + l.name + "\"");
+        if (l.kind == LightKind::Rect && length(cross(l.u, l.v)) == 0.0f)
+            fail(l.line, "light \"" + l.name + "\": the half edges u and v do not span a rectangle");
     }
     for (const PassDesc &p : s.passes) {
         if (p.role == PassRole::LightGroup && p.group.empty())

@@ -60,12 +60,15 @@ struct PassDesc {
 
 enum class TexturePattern { Fbm = 0, Marble = 1, Turbulence = 2 };
 
+/* Textures and lights: their keys, defaults and ranges are those of the key
+   table (scene_keys.h); a fresh description holds the defaults. */
 struct TextureDesc {
+    TextureDesc();
     std::string name;
-    TexturePattern pattern = TexturePattern::Fbm;
-    float scale = 1.0f;   /* features per unit of object space */
-    int octaves = 3;
-    miVector offset{0, 0, 0};
+    int pattern;                      /* TexturePattern */
+    float scale;
+    int octaves;
+    miVector offset;
     std::vector<RampColorEntry> ramp; /* at most kMaxRampKeys keys */
     int line = 0;
 };
@@ -154,18 +157,19 @@ struct InstanceDesc {
 enum class LightKind { Point, Rect, Plain };
 
 struct LightDesc {
+    LightDesc();
     std::string name;
     LightKind kind = LightKind::Point;
-    miVector position{0, 0, 5};   /* point/plain: position; rect: centre */
-    miVector u{1, 0, 0}, v{0, 1, 0}; /* rect: half edges; it emits along u x v */
-    miColor color{1, 1, 1, 1};
-    float intensity = 10.0f;
-    bool quadratic = true;        /* falloff 1/d^2 */
-    int samples = 4;              /* rect: light samples per shaded point */
-    int shadowSamples = 1;        /* rect: shadow rays per light sample */
-    bool shadow = true;           /* casts shadows */
-    bool sharedShadow = false;    /* one shadow value for every pass */
-    miColor shadowColor{0, 0, 0, 1};
+    miVector position;  /* point/plain: position; rect: centre */
+    miVector u, v;      /* rect: half edges */
+    miColor color;
+    float intensity;
+    bool quadratic;     /* falloff 1/d^2 */
+    int samples;        /* rect */
+    int shadowSamples;  /* rect */
+    bool shadow;
+    bool sharedShadow;
+    miColor shadowColor;
     std::string group;
     int line = 0;
 };

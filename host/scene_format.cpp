@@ -166,7 +166,7 @@ template <class D, class P> void readKey(Line &x, const Key<D, P> &k, D &d)
         d.*k.integer = x.integer(k.name);
         break;
     case KeyType::Boolean:
-        d.*k.boolean = x.boolean(k.name);
+        d.*k.boolean = k.choices ? x.choice(k.name, k.choices) == 1 : x.boolean(k.name);
         break;
     case KeyType::Colour:
         d.*k.colour = x.color3(k.name);
@@ -183,17 +183,23 @@ template <class D, class P> void readKey(Line &x, const Key<D, P> &k, D &d)
     }
 }
 
-/* Reads the rest of a line of a command whose keys are those of a table. */
-template <class D, class P, size_t N> void readTableKeys(Line &l, const char *command, const Key<D, P> (&keys)[N], D &d)
+/* Reads the rest of a line of a command whose keys are those of a table
+   (those of the description's kind), and any others in `more`. */
+template <class D, class P, size_t N>
+void readTableKeys(Line &l, const char *command, const Key<D, P> (&keys)[N], D &d,
+                   std::map<std::string, KeyHandler> more = {})
 {
     d.line = l.number();
-    std::map<std::string, KeyHandler> handlers;
     for (const Key<D, P> &k : keys)
-        handlers[k.name] = [&k, &d](Line &x) { readKey(x, k, d); };
-    readKeys(l, command, handlers);
+        if (hasKey(k, d))
+            more[k.name] = [&k, &d](Line &x) { readKey(x, k, d); };
+    readKeys(l, command, more);
 }
 
-int rampKind(Line &l) { return l.choice("ramp interpolation", {"none", "linear", "smooth", "spline"}); }
+const char *const kRampKinds[] = {"none", "linear", "smooth", "spline", nullptr};
+const char *const kLightKinds[] = {"point", "rect", "plain", nullptr};
+
+int rampKind(Line &l) { return l.choice("ramp interpolation", kRampKinds); }
 
 std::vector<std::string> splitList(const std::string &s)
 {
@@ -319,22 +325,13 @@ private:
     {
         TextureDesc t;
         t.name = l.word("texture name");
-        t.line = l.number();
-        readKeys(l, "texture",
-                 {{"pattern",
-                   [&](Line &x) {
-                       t.pattern = static_cast<TexturePattern>(x.choice("pattern", {"fbm", "marble", "turbulence"}));
-                   }},
-                  {"scale", [&](Line &x) { t.scale = x.number("scale"); }},
-                  {"octaves", [&](Line &x) { t.octaves = x.integer("octaves"); }},
-                  {"offset", [&](Line &x) { t.offset = x.vec3("offset"); }},
-                  {"ramp", [&](Line &x) {
-                       RampColorEntry k;
-                       k.position = x.number("ramp position");
-                       k.color = x.color4("ramp colour");
-                       k.interpolation = rampKind(x);
-                       t.ramp.push_back(k);
-                   }}});
+        readTableKeys(l, "texture", kTextureKeys, t, {{"ramp", [&](Line &x) {
+                                                           RampColorEntry k;
+                                                           k.position = x.number("ramp position");
+                                                           k.color = x.color4("ramp colour");
+                                                           k.interpolation = rampKind(x);
+                                                           t.ramp.push_back(k);
+                                                       }}});
         s_.textures.push_back(t);
     }
 
@@ -466,29 +463,8 @@ private:
     {
         LightDesc d;
         d.name = l.word("light name");
-        d.line = l.number();
-        d.kind = static_cast<LightKind>(l.choice("light kind", {"point", "rect", "plain"}));
-        std::map<std::string, KeyHandler> keys = {
-            {"color", [&](Line &x) { d.color = x.color3("light colour"); }},
-            {"intensity", [&](Line &x) { d.intensity = x.number("intensity"); }},
-            {"falloff", [&](Line &x) { d.quadratic = x.choice("falloff", {"none", "quadratic"}) == 1; }},
-            {"shadow", [&](Line &x) { d.shadow = x.boolean("shadow"); }},
-            {"group", [&](Line &x) { d.group = x.word("group name"); }},
-        };
-        if (d.kind == LightKind::Rect) {
-            keys["center"] = [&](Line &x) { d.position = x.vec3("centre"); };
-            keys["u"] = [&](Line &x) { d.u = x.vec3("half edge u"); };
-            keys["v"] = [&](Line &x) { d.v = x.vec3("half edge v"); };
-            keys["samples"] = [&](Line &x) { d.samples = x.integer("samples"); };
-            keys["shadow_samples"] = [&](Line &x) { d.shadowSamples = x.integer("shadow_samples"); };
-        } else {
-            keys["position"] = [&](Line &x) { d.position = x.vec3("position"); };
-        }
-        if (d.kind != LightKind::Plain) {
-            keys["shadow_mode"] = [&](Line &x) { d.sharedShadow = x.choice("shadow_mode", {"perpass", "shared"}) == 1; };
-            keys["shadow_color"] = [&](Line &x) { d.shadowColor = x.color3("shadow_color"); };
-        }
-        readKeys(l, "light", keys);
+        d.kind = static_cast<LightKind>(l.choice("light kind", kLightKinds));
+        readTableKeys(l, "light", kLightKeys, d);
         s_.lights.push_back(d);
     }
 
@@ -553,7 +529,7 @@ template <class D, class P> std::string keyText(const Key<D, P> &k, const D &d, 
         same = d.*k.integer == fresh.*k.integer;
         break;
     case KeyType::Boolean:
-        v = onoff(d.*k.boolean);
+        v = k.choices ? k.choices[d.*k.boolean ? 1 : 0] : onoff(d.*k.boolean);
         same = d.*k.boolean == fresh.*k.boolean;
         break;
     case KeyType::Colour: {
@@ -562,10 +538,12 @@ template <class D, class P> std::string keyText(const Key<D, P> &k, const D &d, 
         same = c.r == f.r && c.g == f.g && c.b == f.b;
         break;
     }
-    case KeyType::Vector:
-        v = vec(d.*k.vector);
-        same = false;
+    case KeyType::Vector: {
+        const miVector &a = d.*k.vector, &f = fresh.*k.vector;
+        v = vec(a);
+        same = a.x == f.x && a.y == f.y && a.z == f.z;
         break;
+    }
     case KeyType::Word:
         v = d.*k.word;
         same = v.empty();
@@ -578,7 +556,7 @@ template <class D, class P> std::string keyText(const Key<D, P> &k, const D &d, 
         break;
     }
     }
-    return same && !all ? std::string() : " " + std::string(k.name) + " " + v;
+    return same && !all && !k.always ? std::string() : " " + std::string(k.name) + " " + v;
 }
 
 /* A table command: every key (`all`) or those that differ from a fresh description. */
@@ -587,7 +565,8 @@ void writeTableKeys(std::ostream &o, const Key<D, P> (&keys)[N], const D &d, boo
 {
     const D fresh;
     for (const Key<D, P> &k : keys)
-        o << keyText(k, d, fresh, all);
+        if (hasKey(k, d))
+            o << keyText(k, d, fresh, all);
 }
 
 } // namespace
@@ -614,9 +593,10 @@ SceneDesc loadScene(const std::string &path)
     return s;
 }
 
-std::string writeScene(const SceneDesc &s)
+namespace {
+
+void writeHead(std::ostream &o, const SceneDesc &s)
 {
-    std::ostringstream o;
     for (const LinkDesc &k : s.links)
         o << "link \"" << k.file << "\"\n";
     o << "resolution " << s.width << " " << s.height << "\n";
@@ -636,124 +616,122 @@ std::string writeScene(const SceneDesc &s)
             o << " " << v;
         o << "\n";
     }
+}
 
-    static const char *patterns[] = {"fbm", "marble", "turbulence"};
-    static const char *kinds[] = {"none", "linear", "smooth", "spline"};
-    if (!s.textures.empty())
-        o << "\n# textures: a noise pattern mapped through a colour ramp\n";
-    for (const TextureDesc &t : s.textures) {
-        o << "texture " << t.name << " pattern " << patterns[static_cast<int>(t.pattern)] << " scale "
-          << num(t.scale) << " octaves " << t.octaves;
-        if (t.offset.x != 0.0f || t.offset.y != 0.0f || t.offset.z != 0.0f)
-            o << " offset " << vec(t.offset);
-        for (const RampColorEntry &k : t.ramp)
-            o << " ramp " << num(k.position) << " " << col4(k.color) << " "
-              << (k.interpolation >= 0 && k.interpolation <= 3 ? kinds[k.interpolation] : "none");
+/* Textures, materials and lights: a comment, then a line per description
+   with its name, what `head` writes, the keys of its table that differ from
+   a fresh description (or are always written) and what `tail` writes. */
+template <class D, class P, size_t N, class Head, class Tail>
+void writeKeyed(std::ostream &o, const std::vector<D> &items, const char *comment, const char *command,
+                const Key<D, P> (&keys)[N], Head head, Tail tail)
+{
+    if (!items.empty())
+        o << "\n# " << comment << "\n";
+    for (const D &d : items) {
+        o << command << " " << d.name;
+        head(d);
+        writeTableKeys(o, keys, d, false);
+        tail(d);
         o << "\n";
     }
-    if (!s.materials.empty())
-        o << "\n# materials\n";
-    for (const MaterialDesc &m : s.materials) {
-        o << "material " << m.name; /* only what differs from a fresh material */
-        writeTableKeys(o, kMaterialKeys, m, false);
-        o << "\n";
+}
+
+void writeMesh(std::ostream &o, const MeshDesc &m)
+{
+    o << "mesh " << m.name << " ";
+    const char *const eol = m.faceted ? " faceted\n" : "\n";
+    switch (m.kind) {
+    case MeshKind::Plane:
+        o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
+        break;
+    case MeshKind::Sphere:
+        o << "sphere " << num(m.a) << " " << m.n << " " << m.m << eol;
+        break;
+    case MeshKind::Box:
+        o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << eol;
+        break;
+    case MeshKind::Torus:
+        o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
+        break;
+    case MeshKind::Triangles:
+        o << "triangles" << eol;
+        for (const miVector &p : m.P)
+            o << "v " << vec(p) << "\n";
+        for (const miVector &n : m.N)
+            o << "vn " << vec(n) << "\n";
+        for (const miVector &t : m.uv)
+            o << "vt " << num(t.x) << " " << num(t.y) << "\n";
+        for (const auto &f : m.tris)
+            o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
+        o << "end\n";
+        break;
+    case MeshKind::Obj:
+        o << "obj \"" << m.file << "\"\n";
+        break;
     }
+}
+
+void writeInstance(std::ostream &o, const InstanceDesc &i)
+{
+    static const char *axes[] = {"x", "y", "z"};
+    o << "instance " << i.name << " mesh " << i.mesh << " material " << i.material;
+    for (const TransformStep &st : i.steps) {
+        if (st.kind == TransformStep::Translate)
+            o << " translate " << vec(st.v);
+        else if (st.kind == TransformStep::Scale)
+            o << " scale " << vec(st.v);
+        else
+            o << " rotate " << axes[static_cast<int>(st.v.x) % 3] << " " << num(st.v.y);
+    }
+    if (!i.shadowPasses.empty()) {
+        o << " shadow_passes ";
+        for (size_t k = 0; k < i.shadowPasses.size(); ++k)
+            o << (k ? "," : "") << i.shadowPasses[k];
+    }
+    o << "\n";
+}
+
+void writePass(std::ostream &o, const PassDesc &p)
+{
+    o << "pass " << p.name << " " << roleName(p.role);
+    if (p.role == PassRole::LightGroup)
+        o << " group " << p.group;
+    if (p.role == PassRole::Constant)
+        o << " color " << col4(p.constant);
+    if (p.allOccluders)
+        o << " all_occluders on";
+    o << "\n";
+}
+
+} // namespace
+
+std::string writeScene(const SceneDesc &s)
+{
+    std::ostringstream o;
+    writeHead(o, s);
+    const auto nothing = [](const auto &) {};
+    writeKeyed(o, s.textures, "textures: a noise pattern mapped through a colour ramp", "texture", kTextureKeys,
+               nothing, [&](const TextureDesc &t) {
+                   for (const RampColorEntry &k : t.ramp)
+                       o << " ramp " << num(k.position) << " " << col4(k.color) << " "
+                         << (k.interpolation >= 0 && k.interpolation <= 3 ? kRampKinds[k.interpolation] : "none");
+               });
+    writeKeyed(o, s.materials, "materials", "material", kMaterialKeys, nothing, nothing);
     if (!s.meshes.empty())
         o << "\n# meshes\n";
-    for (const MeshDesc &m : s.meshes) {
-        o << "mesh " << m.name << " ";
-        const char *const eol = m.faceted ? " faceted\n" : "\n";
-        switch (m.kind) {
-        case MeshKind::Plane:
-            o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
-            break;
-        case MeshKind::Sphere:
-            o << "sphere " << num(m.a) << " " << m.n << " " << m.m << eol;
-            break;
-        case MeshKind::Box:
-            o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << eol;
-            break;
-        case MeshKind::Torus:
-            o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
-            break;
-        case MeshKind::Triangles:
-            o << "triangles" << eol;
-            for (const miVector &p : m.P)
-                o << "v " << vec(p) << "\n";
-            for (const miVector &n : m.N)
-                o << "vn " << vec(n) << "\n";
-            for (const miVector &t : m.uv)
-                o << "vt " << num(t.x) << " " << num(t.y) << "\n";
-            for (const auto &f : m.tris)
-                o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
-            o << "end\n";
-            break;
-        case MeshKind::Obj:
-            o << "obj \"" << m.file << "\"\n";
-            break;
-        }
-    }
+    for (const MeshDesc &m : s.meshes)
+        writeMesh(o, m);
     if (!s.instances.empty())
         o << "\n# instances: transforms apply in the order written\n";
-    static const char *axes[] = {"x", "y", "z"};
-    for (const InstanceDesc &i : s.instances) {
-        o << "instance " << i.name << " mesh " << i.mesh << " material " << i.material;
-        for (const TransformStep &st : i.steps) {
-            if (st.kind == TransformStep::Translate)
-                o << " translate " << vec(st.v);
-            else if (st.kind == TransformStep::Scale)
-                o << " scale " << vec(st.v);
-            else
-                o << " rotate " << axes[static_cast<int>(st.v.x) % 3] << " " << num(st.v.y);
-        }
-        if (!i.shadowPasses.empty()) {
-            o << " shadow_passes ";
-            for (size_t k = 0; k < i.shadowPasses.size(); ++k)
-                o << (k ? "," : "") << i.shadowPasses[k];
-        }
-        o << "\n";
-    }
-    if (!s.lights.empty())
-        o << "\n# lights\n";
-    static const char *lkinds[] = {"point", "rect", "plain"};
-    const LightDesc dl;
-    for (const LightDesc &l : s.lights) {
-        o << "light " << l.name << " " << lkinds[static_cast<int>(l.kind)];
-        if (l.kind == LightKind::Rect)
-            o << " center " << vec(l.position) << " u " << vec(l.u) << " v " << vec(l.v) << " samples "
-              << l.samples << " shadow_samples " << l.shadowSamples;
-        else
-            o << " position " << vec(l.position);
-        if (l.color.r != dl.color.r || l.color.g != dl.color.g || l.color.b != dl.color.b)
-            o << " color " << col3(l.color);
-        o << " intensity " << num(l.intensity);
-        if (l.quadratic != dl.quadratic)
-            o << " falloff " << (l.quadratic ? "quadratic" : "none");
-        if (l.shadow != dl.shadow)
-            o << " shadow " << onoff(l.shadow);
-        if (l.kind != LightKind::Plain) {
-            if (l.sharedShadow != dl.sharedShadow)
-                o << " shadow_mode " << (l.sharedShadow ? "shared" : "perpass");
-            if (l.shadowColor.r != dl.shadowColor.r || l.shadowColor.g != dl.shadowColor.g ||
-                l.shadowColor.b != dl.shadowColor.b)
-                o << " shadow_color " << col3(l.shadowColor);
-        }
-        if (!l.group.empty())
-            o << " group " << l.group;
-        o << "\n";
-    }
+    for (const InstanceDesc &i : s.instances)
+        writeInstance(o, i);
+    writeKeyed(
+        o, s.lights, "lights", "light", kLightKeys,
+        [&](const LightDesc &l) { o << " " << kLightKinds[static_cast<int>(l.kind) % 3]; }, nothing);
     if (!s.passes.empty())
         o << "\n# passes (frame buffers)\n";
-    for (const PassDesc &p : s.passes) {
-        o << "pass " << p.name << " " << roleName(p.role);
-        if (p.role == PassRole::LightGroup)
-            o << " group " << p.group;
-        if (p.role == PassRole::Constant)
-            o << " color " << col4(p.constant);
-        if (p.allOccluders)
-            o << " all_occluders on";
-        o << "\n";
-    }
+    for (const PassDesc &p : s.passes)
+        writePass(o, p);
     return o.str();
 }
 

@@ -1,7 +1,7 @@
 /*
- * The key tables of the scene format: for every `key value` of the flat
- * commands (camera, options, environment, material) its name, type, default,
- * range and field.  One table drives the defaults of a fresh description,
+ * The key tables of the scene format: for every `key value` of the commands
+ * camera, options, environment, texture, material and light its name, type,
+ * default, range and field.  One table drives the defaults of a fresh description,
  * parsing and writing (scene_format.cpp), validation (scene.cpp) and, for
  * materials, the shader's parameter block (shaders.cpp).  A new material key
  * is one row here plus its use in the shader.
@@ -40,7 +40,7 @@ template <class D, class P = NoParams> struct Key {
     KeyType type;
     float def[4];                /* the default: a number, colour or vector */
     KeyRange range;              /* Number, Integer: of the value; Colour, Vector: finite */
-    const char *const *choices;  /* Choice: the words, ending with nullptr */
+    const char *const *choices;  /* Choice: the words, ending with nullptr; Boolean: off and on words */
     /* the field of the description (the one of the key's type) */
     float D::*number;
     int D::*integer;             /* Integer, Choice (the word's position) */
@@ -52,50 +52,82 @@ template <class D, class P = NoParams> struct Key {
     float P::*pNumber;
     int P::*pInteger;            /* Integer, Boolean (0 or 1), Choice */
     miColor P::*pColour;
+    unsigned kinds;              /* the kinds of description that have it (bit per kind); 0: every kind */
+    bool always;                 /* written also when it holds its default */
 };
+
+/* The kind of a description whose keys depend on it (-1: no kinds). */
+template <class D> int keyKind(const D &) { return -1; }
+inline int keyKind(const LightDesc &l) { return static_cast<int>(l.kind); }
+
+template <class D, class P> bool hasKey(const Key<D, P> &k, const D &d)
+{
+    const int kind = keyKind(d);
+    return k.kinds == 0 || (kind >= 0 && (k.kinds >> kind & 1u));
+}
+
+/* Modifiers of a row: only for some kinds; written whatever it holds. */
+template <class D, class P> constexpr Key<D, P> onlyFor(unsigned kinds, Key<D, P> k)
+{
+    k.kinds = kinds;
+    return k;
+}
+template <class D, class P> constexpr Key<D, P> always(Key<D, P> k)
+{
+    k.always = true;
+    return k;
+}
 
 template <class D, class P = NoParams>
 constexpr Key<D, P> numberKey(const char *name, float D::*f, float def, KeyRange r = kAnyValue,
                               float P::*p = nullptr)
 {
     return Key<D, P>{name, KeyType::Number, {def, 0, 0, 0}, r, nullptr, f, nullptr, nullptr, nullptr, nullptr,
-                     nullptr, p, nullptr, nullptr};
+                     nullptr, p, nullptr, nullptr, 0u, false};
 }
 template <class D, class P = NoParams>
 constexpr Key<D, P> integerKey(const char *name, int D::*f, int def, KeyRange r = kAnyValue, int P::*p = nullptr)
 {
     return Key<D, P>{name, KeyType::Integer, {float(def), 0, 0, 0}, r, nullptr, nullptr, f, nullptr, nullptr,
-                     nullptr, nullptr, nullptr, p, nullptr};
+                     nullptr, nullptr, nullptr, p, nullptr, 0u, false};
 }
 template <class D, class P = NoParams>
 constexpr Key<D, P> booleanKey(const char *name, bool D::*f, bool def, int P::*p = nullptr)
 {
     return Key<D, P>{name, KeyType::Boolean, {def ? 1.0f : 0.0f, 0, 0, 0}, kAnyValue, nullptr, nullptr, nullptr,
-                     f, nullptr, nullptr, nullptr, nullptr, p, nullptr};
+                     f, nullptr, nullptr, nullptr, nullptr, p, nullptr, 0u, false};
 }
 /* A colour is written as r g b; its alpha keeps the default's (read: 1). */
 template <class D, class P = NoParams>
 constexpr Key<D, P> colourKey(const char *name, miColor D::*f, miColor def, miColor P::*p = nullptr)
 {
     return Key<D, P>{name, KeyType::Colour, {def.r, def.g, def.b, def.a}, kAnyValue, nullptr, nullptr, nullptr,
-                     nullptr, f, nullptr, nullptr, nullptr, nullptr, p};
+                     nullptr, f, nullptr, nullptr, nullptr, nullptr, p, 0u, false};
 }
 template <class D, class P = NoParams> constexpr Key<D, P> vectorKey(const char *name, miVector D::*f, miVector def)
 {
     return Key<D, P>{name, KeyType::Vector, {def.x, def.y, def.z, 0}, kAnyValue, nullptr, nullptr, nullptr,
-                     nullptr, nullptr, f, nullptr, nullptr, nullptr, nullptr};
+                     nullptr, nullptr, f, nullptr, nullptr, nullptr, nullptr, 0u, false};
 }
 /* A name of another description; empty by default and then not written. */
 template <class D, class P = NoParams> constexpr Key<D, P> wordKey(const char *name, std::string D::*f)
 {
     return Key<D, P>{name, KeyType::Word, {0, 0, 0, 0}, kAnyValue, nullptr, nullptr, nullptr, nullptr,
-                     nullptr, nullptr, f, nullptr, nullptr, nullptr};
+                     nullptr, nullptr, f, nullptr, nullptr, nullptr, 0u, false};
+}
+/* A switch written as one of two words (off, on). */
+template <class D, class P = NoParams>
+constexpr Key<D, P> switchKey(const char *name, bool D::*f, bool def, const char *const *words)
+{
+    Key<D, P> k = booleanKey<D, P>(name, f, def);
+    k.choices = words;
+    return k;
 }
 template <class D, class P = NoParams>
 constexpr Key<D, P> choiceKey(const char *name, int D::*f, const char *const *choices, int P::*p = nullptr)
 {
     return Key<D, P>{name, KeyType::Choice, {0, 0, 0, 0}, kAnyValue, choices, nullptr, f, nullptr, nullptr,
-                     nullptr, nullptr, nullptr, p, nullptr};
+                     nullptr, nullptr, nullptr, p, nullptr, 0u, false};
 }
 
 /* ------------------------------------------------------------ the tables */
@@ -106,12 +138,24 @@ using MaterialKey = Key<MaterialDesc, MaterialParams>;
 using CameraKey = Key<CameraDesc>;
 using OptionsKey = Key<OptionsDesc>;
 using EnvironmentKey = Key<EnvironmentDesc>;
+using TextureKey = Key<TextureDesc>;
+using LightKey = Key<LightDesc>;
+
+inline constexpr const char *kTexturePatterns[] = {"fbm", "marble", "turbulence", nullptr};
+inline constexpr const char *kFalloffWords[] = {"none", "quadratic", nullptr};
+inline constexpr const char *kShadowModeWords[] = {"perpass", "shared", nullptr};
+/* light kinds as key bits */
+constexpr unsigned kPointLight = 1u << static_cast<int>(LightKind::Point);
+constexpr unsigned kRectLight = 1u << static_cast<int>(LightKind::Rect);
+constexpr unsigned kPlainLight = 1u << static_cast<int>(LightKind::Plain);
 
 namespace keytables {
 using MD = MaterialDesc;
 using MP = MaterialParams;
 using OD = OptionsDesc;
 using ED = EnvironmentDesc;
+using TD = TextureDesc;
+using LD = LightDesc;
 
 /* in the order written */
 inline constexpr MaterialKey kMaterialKeys[] = {
@@ -180,7 +224,37 @@ inline constexpr EnvironmentKey kEnvironmentKeys[] = {
     colourKey<ED>("ground", &ED::ground, {0.25f, 0.23f, 0.2f, 1}),
     numberKey<ED>("intensity", &ED::intensity, 1.0f),
 };
+
+/* the ramp keys (`ramp POSITION R G B A KIND`, repeated) are read apart */
+inline constexpr TextureKey kTextureKeys[] = {
+    always(choiceKey<TD>("pattern", &TD::pattern, kTexturePatterns)),
+    always(numberKey<TD>("scale", &TD::scale, 1.0f)), /* features per unit of object space */
+    always(integerKey<TD>("octaves", &TD::octaves, 3, within(1, 12))),
+    vectorKey<TD>("offset", &TD::offset, {0, 0, 0}),
+};
+
+inline constexpr LightKey kLightKeys[] = {
+    always(onlyFor(kPointLight | kPlainLight, vectorKey<LD>("position", &LD::position, {0, 0, 5}))),
+    always(onlyFor(kRectLight, vectorKey<LD>("center", &LD::position, {0, 0, 5}))),
+    /* rect: half edges; it emits along u x v */
+    always(onlyFor(kRectLight, vectorKey<LD>("u", &LD::u, {1, 0, 0}))),
+    always(onlyFor(kRectLight, vectorKey<LD>("v", &LD::v, {0, 1, 0}))),
+    /* rect: light samples per shaded point, shadow rays per light sample */
+    always(onlyFor(kRectLight, integerKey<LD>("samples", &LD::samples, 4, within(1, 1024)))),
+    always(onlyFor(kRectLight, integerKey<LD>("shadow_samples", &LD::shadowSamples, 1, within(1, 1024)))),
+    colourKey<LD>("color", &LD::color, {1, 1, 1, 1}),
+    always(numberKey<LD>("intensity", &LD::intensity, 10.0f)),
+    switchKey<LD>("falloff", &LD::quadratic, true, kFalloffWords), /* quadratic: 1/d^2 */
+    booleanKey<LD>("shadow", &LD::shadow, true),                    /* casts shadows */
+    /* shared: one shadow value for every pass */
+    onlyFor(kPointLight | kRectLight, switchKey<LD>("shadow_mode", &LD::sharedShadow, false, kShadowModeWords)),
+    onlyFor(kPointLight | kRectLight, colourKey<LD>("shadow_color", &LD::shadowColor, {0, 0, 0, 1})),
+    wordKey<LD>("group", &LD::group),
+};
 } // namespace keytables
+
+using keytables::kLightKeys;
+using keytables::kTextureKeys;
 
 using keytables::kCameraKeys;
 using keytables::kEnvironmentKeys;
@@ -242,6 +316,8 @@ std::string vectorProblem(const char *name, const miVector &v);
 template <class D, class P, size_t N> std::string checkKeys(const Key<D, P> (&keys)[N], const D &d)
 {
     for (const Key<D, P> &k : keys) {
+        if (!hasKey(k, d))
+            continue;
         std::string why;
         if (k.type == KeyType::Number)
             why = keyProblem(k.name, k.range, d.*k.number);

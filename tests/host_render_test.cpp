@@ -92,7 +92,7 @@ SceneDesc testScene()
 
     TextureDesc t;
     t.name = "tex";
-    t.pattern = TexturePattern::Marble;
+    t.pattern = static_cast<int>(TexturePattern::Marble);
     t.scale = 1.0f;
     t.octaves = 2;
     t.ramp = {{0.0f, {0.8f, 0.7f, 0.6f, 1}, RAMP_LINEAR}, {1.0f, {0.3f, 0.35f, 0.4f, 1}, RAMP_SMOOTH}};
@@ -1103,6 +1103,10 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("\noptions trace_depth 65\n", 2, "options: trace_depth must lie within 0 .. 64");
     expectError("camera fov 179\n", 1, "camera: fov must lie in (0, 179)");
     expectError("camera position 0 0 1 target 0 0 1\n", 1, "not collinear");
+    expectError("samples 2\nlight l rect samples 0\n", 2, "light \"l\": samples must lie within 1 .. 1024");
+    expectError("light l plain shadow_mode shared\n", 1, "unknown light key \"shadow_mode\"");
+    expectError("light l point falloff linear\n", 1, "\"linear\" is not one of none, quadratic");
+    expectError("texture t octaves 13 ramp 0 1 1 1 1 linear\n", 1, "octaves must lie within 1 .. 12");
     /* a description made in code has no line */
     SceneDesc made = parseScene("material m\n");
     made.materials[0].line = 0;
