@@ -25,6 +25,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -142,6 +143,7 @@ private:
 };
 
 using KeyHandler = std::function<void(Line &)>;
+using KeyHandlers = std::map<std::string, KeyHandler>;
 
 /* Read `key value...` pairs until the end of the line. */
 void readKeys(Line &l, const char *command, const std::map<std::string, KeyHandler> &keys)
@@ -199,14 +201,46 @@ void readTableKeys(Line &l, const char *command, const Key<D, P> (&keys)[N], D &
 const char *const kRampKinds[] = {"none", "linear", "smooth", "spline", nullptr};
 const char *const kLightKinds[] = {"point", "rect", "plain", nullptr};
 
-int rampKind(Line &l) { return l.choice("ramp interpolation", kRampKinds); }
+const char *const kMeshKinds[] = {"plane", "sphere", "box", "torus", "triangles", "obj", nullptr};
 
-std::vector<std::string> splitList(const std::string &s)
+/* The numbers after the kind of a primitive mesh (plane, sphere, box,
+   torus): the fields a, b, c (numbers) and n, m (whole numbers) in order. */
+struct MeshArgs {
+    const char *fields;
+    const char *what[4];
+};
+const MeshArgs kMeshArgs[] = {
+    {"abnm", {"plane size x", "plane size y", "plane divisions x", "plane divisions y"}},
+    {"anm", {"sphere radius", "sphere segments", "sphere rings", nullptr}},
+    {"abc", {"box size x", "box size y", "box size z", nullptr}},
+    {"abnm", {"torus radius", "torus tube radius", "torus segments", "torus rings"}},
+};
+template <class M> auto meshNumber(M &m, char f) -> decltype(&m.a)
+{
+    return f == 'a' ? &m.a : f == 'b' ? &m.b : f == 'c' ? &m.c : nullptr;
+}
+template <class M> auto meshCount(M &m, char f) -> decltype(&m.n) { return f == 'n' ? &m.n : &m.m; }
+
+/* `ramp POSITION R G B A KIND` of a texture */
+RampColorEntry rampKey(Line &x)
+{
+    RampColorEntry k;
+    k.position = x.number("ramp position");
+    k.color = x.color4("ramp colour");
+    k.interpolation = x.choice("ramp interpolation", kRampKinds);
+    return k;
+}
+
+/* The words of `s` between the separators `seps`; from `stop` on (when not
+   0) the rest is a comment. */
+std::vector<std::string> split(const std::string &s, const char *seps, char stop)
 {
     std::vector<std::string> out;
     std::string cur;
     for (char c : s) {
-        if (c == ',') {
+        if (stop && c == stop)
+            break;
+        if (c != '\0' && std::strchr(seps, c)) {
             if (!cur.empty())
                 out.push_back(cur);
             cur.clear();
@@ -219,25 +253,8 @@ std::vector<std::string> splitList(const std::string &s)
     return out;
 }
 
-std::vector<std::string> tokenize(const std::string &line)
-{
-    std::vector<std::string> t;
-    std::string cur;
-    for (char c : line) {
-        if (c == '#')
-            break;
-        if (c == ' ' || c == '\t' || c == '\r') {
-            if (!cur.empty())
-                t.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    if (!cur.empty())
-        t.push_back(cur);
-    return t;
-}
+std::vector<std::string> splitList(const std::string &s) { return split(s, ",", 0); }
+std::vector<std::string> tokenize(const std::string &line) { return split(line, " \t\r", '#'); }
 
 class Parser {
 public:
@@ -278,15 +295,20 @@ public:
             } else if (cmd == "environment") {
                 readTableKeys(l, "environment", kEnvironmentKeys, s_.environment);
             } else if (cmd == "texture") {
-                texture(l);
+                keyed(l, "texture", kTextureKeys, s_.textures, [](TextureDesc &t) {
+                    return KeyHandlers{{"ramp", [&t](Line &x) { t.ramp.push_back(rampKey(x)); }}};
+                });
             } else if (cmd == "material") {
-                material(l);
+                keyed(l, "material", kMaterialKeys, s_.materials, [](MaterialDesc &) { return KeyHandlers(); });
             } else if (cmd == "mesh") {
                 mesh(l);
             } else if (cmd == "instance") {
                 instance(l);
             } else if (cmd == "light") {
-                light(l);
+                keyed(l, "light", kLightKeys, s_.lights, [&](LightDesc &d) {
+                    d.kind = static_cast<LightKind>(l.choice("light kind", kLightKinds));
+                    return KeyHandlers();
+                });
             } else if (cmd == "pass") {
                 pass(l);
             } else if (cmd == "link") {
@@ -321,26 +343,15 @@ private:
             l.error("\"" + cmd + "\" given twice");
     }
 
-    void texture(Line &l)
+    /* A command of a key table: its name, what `head` reads (it returns the
+       handlers of keys beside the table's), then the keys. */
+    template <class D, class P, size_t N, class Head>
+    void keyed(Line &l, const char *command, const Key<D, P> (&keys)[N], std::vector<D> &into, Head head)
     {
-        TextureDesc t;
-        t.name = l.word("texture name");
-        readTableKeys(l, "texture", kTextureKeys, t, {{"ramp", [&](Line &x) {
-                                                           RampColorEntry k;
-                                                           k.position = x.number("ramp position");
-                                                           k.color = x.color4("ramp colour");
-                                                           k.interpolation = rampKind(x);
-                                                           t.ramp.push_back(k);
-                                                       }}});
-        s_.textures.push_back(t);
-    }
-
-    void material(Line &l)
-    {
-        MaterialDesc m;
-        m.name = l.word("material name");
-        readTableKeys(l, "material", kMaterialKeys, m);
-        s_.materials.push_back(m);
+        D d;
+        d.name = l.word((std::string(command) + " name").c_str());
+        readTableKeys(l, command, keys, d, head(d));
+        into.push_back(d);
     }
 
     void mesh(Line &l)
@@ -348,31 +359,21 @@ private:
         MeshDesc m;
         m.name = l.word("mesh name");
         m.line = l.number();
-        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles", "obj"});
-        m.kind = static_cast<MeshKind>(kind);
+        m.kind = static_cast<MeshKind>(l.choice("mesh kind", kMeshKinds));
         switch (m.kind) {
         case MeshKind::Plane:
-            m.a = l.number("plane size x");
-            m.b = l.number("plane size y");
-            m.n = l.integer("plane divisions x");
-            m.m = l.integer("plane divisions y");
-            break;
         case MeshKind::Sphere:
-            m.a = l.number("sphere radius");
-            m.n = l.integer("sphere segments");
-            m.m = l.integer("sphere rings");
-            break;
         case MeshKind::Box:
-            m.a = l.number("box size x");
-            m.b = l.number("box size y");
-            m.c = l.number("box size z");
+        case MeshKind::Torus: {
+            const MeshArgs &args = kMeshArgs[static_cast<int>(m.kind)];
+            for (int i = 0; args.fields[i]; ++i) {
+                if (float *f = meshNumber(m, args.fields[i]))
+                    *f = l.number(args.what[i]);
+                else
+                    *meshCount(m, args.fields[i]) = l.integer(args.what[i]);
+            }
             break;
-        case MeshKind::Torus:
-            m.a = l.number("torus radius");
-            m.b = l.number("torus tube radius");
-            m.n = l.integer("torus segments");
-            m.m = l.integer("torus rings");
-            break;
+        }
         case MeshKind::Triangles:
             break;
         case MeshKind::Obj: {
@@ -457,15 +458,6 @@ private:
         if (i.mesh.empty() || i.material.empty())
             l.error("instance \"" + i.name + "\" needs a mesh and a material");
         s_.instances.push_back(i);
-    }
-
-    void light(Line &l)
-    {
-        LightDesc d;
-        d.name = l.word("light name");
-        d.kind = static_cast<LightKind>(l.choice("light kind", kLightKinds));
-        readTableKeys(l, "light", kLightKeys, d);
-        s_.lights.push_back(d);
     }
 
     void pass(Line &l)
@@ -638,37 +630,33 @@ void writeKeyed(std::ostream &o, const std::vector<D> &items, const char *commen
 
 void writeMesh(std::ostream &o, const MeshDesc &m)
 {
-    o << "mesh " << m.name << " ";
+    o << "mesh " << m.name << " " << kMeshKinds[static_cast<int>(m.kind)];
     const char *const eol = m.faceted ? " faceted\n" : "\n";
-    switch (m.kind) {
-    case MeshKind::Plane:
-        o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
-        break;
-    case MeshKind::Sphere:
-        o << "sphere " << num(m.a) << " " << m.n << " " << m.m << eol;
-        break;
-    case MeshKind::Box:
-        o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << eol;
-        break;
-    case MeshKind::Torus:
-        o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
-        break;
-    case MeshKind::Triangles:
-        o << "triangles" << eol;
-        for (const miVector &p : m.P)
-            o << "v " << vec(p) << "\n";
-        for (const miVector &n : m.N)
-            o << "vn " << vec(n) << "\n";
-        for (const miVector &t : m.uv)
-            o << "vt " << num(t.x) << " " << num(t.y) << "\n";
-        for (const auto &f : m.tris)
-            o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
-        o << "end\n";
-        break;
-    case MeshKind::Obj:
-        o << "obj \"" << m.file << "\"\n";
-        break;
+    if (m.kind == MeshKind::Obj) {
+        o << " \"" << m.file << "\"\n";
+        return;
     }
+    if (m.kind != MeshKind::Triangles) {
+        const MeshArgs &args = kMeshArgs[static_cast<int>(m.kind)];
+        for (int i = 0; args.fields[i]; ++i) {
+            if (const float *f = meshNumber(m, args.fields[i]))
+                o << " " << num(*f);
+            else
+                o << " " << *meshCount(m, args.fields[i]);
+        }
+        o << eol;
+        return;
+    }
+    o << eol;
+    for (const miVector &p : m.P)
+        o << "v " << vec(p) << "\n";
+    for (const miVector &n : m.N)
+        o << "vn " << vec(n) << "\n";
+    for (const miVector &t : m.uv)
+        o << "vt " << num(t.x) << " " << num(t.y) << "\n";
+    for (const auto &f : m.tris)
+        o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
+    o << "end\n";
 }
 
 void writeInstance(std::ostream &o, const InstanceDesc &i)

@@ -948,18 +948,16 @@ TEST(HostSceneFormat, BuiltInSceneIsTheShippedFileWithItsLines)
     startsWith(s.camera.line, "camera ");
     startsWith(s.options.line, "options ");
     startsWith(s.environment.line, "environment ");
-    for (const TextureDesc &t : s.textures)
-        startsWith(t.line, "texture " + t.name + " ");
-    for (const MaterialDesc &m : s.materials)
-        startsWith(m.line, "material " + m.name + " ");
-    for (const MeshDesc &m : s.meshes)
-        startsWith(m.line, "mesh " + m.name + " ");
-    for (const InstanceDesc &i : s.instances)
-        startsWith(i.line, "instance " + i.name + " ");
-    for (const LightDesc &l : s.lights)
-        startsWith(l.line, "light " + l.name + " ");
-    for (const PassDesc &p : s.passes)
-        startsWith(p.line, "pass " + p.name + " ");
+    auto each = [&](const auto &items, const std::string &command) {
+        for (const auto &d : items)
+            startsWith(d.line, command + " " + d.name + " ");
+    };
+    each(s.textures, "texture");
+    each(s.materials, "material");
+    each(s.meshes, "mesh");
+    each(s.instances, "instance");
+    each(s.lights, "light");
+    each(s.passes, "pass");
 }
 
 /* Every material key: a value other than its default is written, read back
