@@ -178,11 +178,15 @@ int main(int argc, char **argv)
     SceneDesc scene;
     try {
         scene = scenePath.empty() ? defaultScene() : loadScene(scenePath);
-        if (samples)
+        /* values from the command line have no line in the scene file */
+        if (samples) {
             scene.samples = samples;
+            scene.samplesLine = 0;
+        }
         if (width) {
             scene.width = width;
             scene.height = height;
+            scene.resolutionLine = 0;
         }
         validate(scene);
     } catch (const SceneError &e) {

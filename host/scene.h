@@ -55,62 +55,71 @@ struct PassDesc {
     std::string group;          /* LightGroup: the lights' group */
     bool allOccluders = false;  /* every occluder shadows this pass, whatever its mask */
     miColor constant{0, 0, 0, 0}; /* Constant: the colour */
+    int line = 0;                 /* in the scene file (0: not from a file) */
 };
 
 enum class TexturePattern { Fbm = 0, Marble = 1, Turbulence = 2 };
 
+/* Textures and lights: their keys, defaults and ranges are those of the key
+   table (scene_keys.h); a fresh description holds the defaults. */
 struct TextureDesc {
+    TextureDesc();
     std::string name;
-    TexturePattern pattern = TexturePattern::Fbm;
-    float scale = 1.0f;   /* features per unit of object space */
-    int octaves = 3;
-    miVector offset{0, 0, 0};
+    int pattern;                      /* TexturePattern */
+    float scale;
+    int octaves;
+    miVector offset;
     std::vector<RampColorEntry> ramp; /* at most kMaxRampKeys keys */
+    int line = 0;
 };
 constexpr int kMaxRampKeys = 16;
 
 enum class SpecularModel { Phong = 0, Blinn = 1 };
 
+/* A material's keys, their defaults and ranges are those of the key table
+   (scene_keys.h); a fresh MaterialDesc holds the defaults. */
 struct MaterialDesc {
+    MaterialDesc();
     std::string name;
     std::string shader;         /* when set, a `shader` instance shades the surface instead */
-    miColor diffuse{0.7f, 0.7f, 0.7f, 1};
+    miColor diffuse;
     std::string texture;        /* when set, drives the diffuse colour */
-    float kd = 1.0f;
-    miColor specular{0, 0, 0, 1};
-    SpecularModel model = SpecularModel::Phong;
-    float exponent = 30.0f;     /* Phong cosine power */
-    float eccentricity = 0.3f;  /* Blinn */
-    float rolloff = 0.7f;       /* Blinn */
-    float secondary = 1.0f;     /* highlight scale on secondary rays */
-    float translucence = 0.0f, focus = 0.0f, wrap = 0.0f;
+    float kd;
+    miColor specular;
+    int model;                  /* SpecularModel */
+    float exponent;             /* Phong cosine power */
+    float eccentricity;         /* Blinn */
+    float rolloff;              /* Blinn */
+    float secondary;            /* highlight scale on secondary rays */
+    float translucence, focus, wrap;
     /* reflection */
-    float reflectivity = 0.0f;
-    miColor reflectColor{1, 1, 1, 1};
-    float reflectBlur = 0.0f;
-    int reflectRays = 1;
-    int reflectionLimit = 8;
+    float reflectivity;
+    miColor reflectColor;
+    float reflectBlur;
+    int reflectRays;
+    int reflectionLimit;
     /* refraction */
-    miColor transparency{0, 0, 0, 0};
-    float ior = 1.0f;
-    float refractBlur = 0.0f;
-    int refractRays = 1;
-    int refractionLimit = 8;
-    float thickness = 0.0f, fadeDistance = 0.0f, absorbance = 0.0f;
-    bool chromatic = false;
+    miColor transparency;
+    float ior;
+    float refractBlur;
+    int refractRays;
+    int refractionLimit;
+    float thickness, fadeDistance, absorbance;
+    bool chromatic;
     /* indirect light */
-    bool indirect = true;
-    miColor irradianceTint{1, 1, 1, 1};
+    bool indirect;
+    miColor irradianceTint;
     /* subsurface scattering (radius 0: off) */
-    float scatterRadius = 0.0f;
-    miColor scatterScale{1, 1, 1, 1};
-    int scatterSamples = 8;
-    int scatterFalloff = 2;
-    float scatterDiffuse = 1.0f;
-    int scatterCache = 0;       /* 0: full grid; > 0: hash slots */
+    float scatterRadius;
+    miColor scatterScale;
+    int scatterSamples;
+    int scatterFalloff;
+    float scatterDiffuse;
+    int scatterCache;           /* 0: full grid; > 0: hash slots */
     /* bump from gradient noise (0: off) */
-    float bump = 0.0f;
-    float bumpScale = 4.0f;
+    float bump;
+    float bumpScale;
+    int line = 0;
 };
 
 enum class MeshKind { Plane, Sphere, Box, Torus, Triangles, Obj };
@@ -128,6 +137,7 @@ struct MeshDesc {
     std::vector<std::array<int, 3>> tris;
     /* Flat-shaded: no vertex normals, neither given nor computed. */
     bool faceted = false;
+    int line = 0;
 };
 
 /* One transform step of an instance, applied in the order written. */
@@ -140,44 +150,55 @@ struct InstanceDesc {
     std::string name, mesh, material;
     std::vector<TransformStep> steps;
     std::vector<std::string> shadowPasses; /* empty: its shadow reaches every pass */
+    int line = 0;
     Matrix matrix() const;                 /* local to world */
 };
 
 enum class LightKind { Point, Rect, Plain };
 
 struct LightDesc {
+    LightDesc();
     std::string name;
     LightKind kind = LightKind::Point;
-    miVector position{0, 0, 5};   /* point/plain: position; rect: centre */
-    miVector u{1, 0, 0}, v{0, 1, 0}; /* rect: half edges; it emits along u x v */
-    miColor color{1, 1, 1, 1};
-    float intensity = 10.0f;
-    bool quadratic = true;        /* falloff 1/d^2 */
-    int samples = 4;              /* rect: light samples per shaded point */
-    int shadowSamples = 1;        /* rect: shadow rays per light sample */
-    bool shadow = true;           /* casts shadows */
-    bool sharedShadow = false;    /* one shadow value for every pass */
-    miColor shadowColor{0, 0, 0, 1};
+    miVector position;  /* point/plain: position; rect: centre */
+    miVector u, v;      /* rect: half edges */
+    miColor color;
+    float intensity;
+    bool quadratic;     /* falloff 1/d^2 */
+    int samples;        /* rect */
+    int shadowSamples;  /* rect */
+    bool shadow;
+    bool sharedShadow;
+    miColor shadowColor;
     std::string group;
+    int line = 0;
 };
 
+/* Camera, options and environment: their keys, defaults and ranges are
+   those of the key table (scene_keys.h). */
 struct CameraDesc {
-    miVector position{0, -8, 3}, target{0, 0, 1}, up{0, 0, 1};
-    float fov = 40.0f; /* horizontal, degrees */
+    CameraDesc();
+    miVector position, target, up;
+    float fov; /* horizontal, degrees */
+    int line = 0;
 };
 
 struct EnvironmentDesc {
-    miColor zenith{0.2f, 0.35f, 0.7f, 1}, horizon{0.8f, 0.85f, 0.9f, 1}, ground{0.25f, 0.23f, 0.2f, 1};
-    float intensity = 1.0f;
+    EnvironmentDesc();
+    miColor zenith, horizon, ground;
+    float intensity;
+    int line = 0;
 };
 
 struct OptionsDesc {
-    bool trace = true;
-    int reflectionDepth = 2, refractionDepth = 4, traceDepth = 6;
-    bool finalgather = false;
-    int fgRays = 8;
-    float minContribution = 0.01f, fullContribution = 0.5f;
-    int reflectBlurLimit = 1, refractBlurLimit = 1;
+    OptionsDesc();
+    bool trace;
+    int reflectionDepth, refractionDepth, traceDepth;
+    bool finalgather;
+    int fgRays;
+    float minContribution, fullContribution;
+    int reflectBlurLimit, refractBlurLimit;
+    int line = 0;
 };
 
 /* `link "libfoo.so"`: a shader library to load before anything is made. */
@@ -200,6 +221,7 @@ struct SceneDesc {
     std::vector<ShaderDesc> shaders;
     std::string directory;       /* of the scene file: searched first for linked libraries */
     int width = 320, height = 240, samples = 4;
+    int resolutionLine = 0, samplesLine = 0;
     CameraDesc camera;
     OptionsDesc options;
     EnvironmentDesc environment;
@@ -216,7 +238,8 @@ struct SceneDesc {
     const PassDesc *pass(const std::string &name) const;
 };
 
-/* A scene that cannot be used: the line (0 when not from a file) and why. */
+/* A scene that cannot be used: the line (0 when not from a file) and why.
+   Checks of a whole description name the line the description came from. */
 class SceneError : public std::runtime_error {
 public:
     SceneError(int line, const std::string &what);
@@ -229,7 +252,8 @@ private:
 /* Checks names and references and value ranges; throws SceneError. */
 void validate(const SceneDesc &scene);
 
-/* The built-in scene (host/scenes/default.scene holds it in the text format). */
+/* The built-in scene: host/scenes/default.scene, embedded at build time and
+   parsed. */
 SceneDesc defaultScene();
 
 /* Text format: parse (throws SceneError with the line) and write.  Model

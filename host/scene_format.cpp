@@ -18,12 +18,14 @@
 #include "scene.h"
 
 #include "obj_loader.h"
+#include "scene_keys.h"
 
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -116,6 +118,18 @@ public:
         }
         error(std::string(what) + ": \"" + w + "\" is not one of " + all);
     }
+    /* One of the words of a null-terminated list (returns its position). */
+    int choice(const char *what, const char *const *choices)
+    {
+        const std::string w = word(what);
+        std::string all;
+        for (int i = 0; choices[i]; ++i) {
+            if (w == choices[i])
+                return i;
+            all += (i ? ", " : "") + std::string(choices[i]);
+        }
+        error(std::string(what) + ": \"" + w + "\" is not one of " + all);
+    }
     void end() const
     {
         if (!done())
@@ -129,6 +143,7 @@ private:
 };
 
 using KeyHandler = std::function<void(Line &)>;
+using KeyHandlers = std::map<std::string, KeyHandler>;
 
 /* Read `key value...` pairs until the end of the line. */
 void readKeys(Line &l, const char *command, const std::map<std::string, KeyHandler> &keys)
@@ -142,14 +157,90 @@ void readKeys(Line &l, const char *command, const std::map<std::string, KeyHandl
     }
 }
 
-int rampKind(Line &l) { return l.choice("ramp interpolation", {"none", "linear", "smooth", "spline"}); }
+/* Reads the value of a table key into its field. */
+template <class D, class P> void readKey(Line &x, const Key<D, P> &k, D &d)
+{
+    switch (k.type) {
+    case KeyType::Number:
+        d.*k.number = x.number(k.name);
+        break;
+    case KeyType::Integer:
+        d.*k.integer = x.integer(k.name);
+        break;
+    case KeyType::Boolean:
+        d.*k.boolean = k.choices ? x.choice(k.name, k.choices) == 1 : x.boolean(k.name);
+        break;
+    case KeyType::Colour:
+        d.*k.colour = x.color3(k.name);
+        break;
+    case KeyType::Vector:
+        d.*k.vector = x.vec3(k.name);
+        break;
+    case KeyType::Word:
+        d.*k.word = x.word(k.name);
+        break;
+    case KeyType::Choice:
+        d.*k.integer = x.choice(k.name, k.choices);
+        break;
+    }
+}
 
-std::vector<std::string> splitList(const std::string &s)
+/* Reads the rest of a line of a command whose keys are those of a table
+   (those of the description's kind), and any others in `more`. */
+template <class D, class P, size_t N>
+void readTableKeys(Line &l, const char *command, const Key<D, P> (&keys)[N], D &d,
+                   std::map<std::string, KeyHandler> more = {})
+{
+    d.line = l.number();
+    for (const Key<D, P> &k : keys)
+        if (hasKey(k, d))
+            more[k.name] = [&k, &d](Line &x) { readKey(x, k, d); };
+    readKeys(l, command, more);
+}
+
+const char *const kRampKinds[] = {"none", "linear", "smooth", "spline", nullptr};
+const char *const kLightKinds[] = {"point", "rect", "plain", nullptr};
+
+const char *const kMeshKinds[] = {"plane", "sphere", "box", "torus", "triangles", "obj", nullptr};
+
+/* The numbers after the kind of a primitive mesh (plane, sphere, box,
+   torus): the fields a, b, c (numbers) and n, m (whole numbers) in order. */
+struct MeshArgs {
+    const char *fields;
+    const char *what[4];
+};
+const MeshArgs kMeshArgs[] = {
+    {"abnm", {"plane size x", "plane size y", "plane divisions x", "plane divisions y"}},
+    {"anm", {"sphere radius", "sphere segments", "sphere rings", nullptr}},
+    {"abc", {"box size x", "box size y", "box size z", nullptr}},
+    {"abnm", {"torus radius", "torus tube radius", "torus segments", "torus rings"}},
+};
+template <class M> auto meshNumber(M &m, char f) -> decltype(&m.a)
+{
+    return f == 'a' ? &m.a : f == 'b' ? &m.b : f == 'c' ? &m.c : nullptr;
+}
+template <class M> auto meshCount(M &m, char f) -> decltype(&m.n) { return f == 'n' ? &m.n : &m.m; }
+
+/* `ramp POSITION R G B A KIND` of a texture */
+RampColorEntry rampKey(Line &x)
+{
+    RampColorEntry k;
+    k.position = x.number("ramp position");
+    k.color = x.color4("ramp colour");
+    k.interpolation = x.choice("ramp interpolation", kRampKinds);
+    return k;
+}
+
+/* The words of `s` between the separators `seps`; from `stop` on (when not
+   0) the rest is a comment. */
+std::vector<std::string> split(const std::string &s, const char *seps, char stop)
 {
     std::vector<std::string> out;
     std::string cur;
     for (char c : s) {
-        if (c == ',') {
+        if (stop && c == stop)
+            break;
+        if (c != '\0' && std::strchr(seps, c)) {
             if (!cur.empty())
                 out.push_back(cur);
             cur.clear();
@@ -162,25 +253,8 @@ std::vector<std::string> splitList(const std::string &s)
     return out;
 }
 
-std::vector<std::string> tokenize(const std::string &line)
-{
-    std::vector<std::string> t;
-    std::string cur;
-    for (char c : line) {
-        if (c == '#')
-            break;
-        if (c == ' ' || c == '\t' || c == '\r') {
-            if (!cur.empty())
-                t.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    if (!cur.empty())
-        t.push_back(cur);
-    return t;
-}
+std::vector<std::string> splitList(const std::string &s) { return split(s, ",", 0); }
+std::vector<std::string> tokenize(const std::string &line) { return split(line, " \t\r", '#'); }
 
 class Parser {
 public:
@@ -205,29 +279,36 @@ public:
             const std::string cmd = l.word("command");
             if (cmd == "resolution") {
                 once(l, cmd);
+                s_.resolutionLine = l.number();
                 s_.width = l.integer("width");
                 s_.height = l.integer("height");
                 l.end();
             } else if (cmd == "samples") {
                 once(l, cmd);
+                s_.samplesLine = l.number();
                 s_.samples = l.integer("samples");
                 l.end();
             } else if (cmd == "camera") {
-                camera(l);
+                readTableKeys(l, "camera", kCameraKeys, s_.camera);
             } else if (cmd == "options") {
-                options(l);
+                readTableKeys(l, "options", kOptionsKeys, s_.options);
             } else if (cmd == "environment") {
-                environment(l);
+                readTableKeys(l, "environment", kEnvironmentKeys, s_.environment);
             } else if (cmd == "texture") {
-                texture(l);
+                keyed(l, "texture", kTextureKeys, s_.textures, [](TextureDesc &t) {
+                    return KeyHandlers{{"ramp", [&t](Line &x) { t.ramp.push_back(rampKey(x)); }}};
+                });
             } else if (cmd == "material") {
-                material(l);
+                keyed(l, "material", kMaterialKeys, s_.materials, [](MaterialDesc &) { return KeyHandlers(); });
             } else if (cmd == "mesh") {
                 mesh(l);
             } else if (cmd == "instance") {
                 instance(l);
             } else if (cmd == "light") {
-                light(l);
+                keyed(l, "light", kLightKeys, s_.lights, [&](LightDesc &d) {
+                    d.kind = static_cast<LightKind>(l.choice("light kind", kLightKinds));
+                    return KeyHandlers();
+                });
             } else if (cmd == "pass") {
                 pass(l);
             } else if (cmd == "link") {
@@ -262,139 +343,37 @@ private:
             l.error("\"" + cmd + "\" given twice");
     }
 
-    void camera(Line &l)
+    /* A command of a key table: its name, what `head` reads (it returns the
+       handlers of keys beside the table's), then the keys. */
+    template <class D, class P, size_t N, class Head>
+    void keyed(Line &l, const char *command, const Key<D, P> (&keys)[N], std::vector<D> &into, Head head)
     {
-        CameraDesc &c = s_.camera;
-        readKeys(l, "camera",
-                 {{"position", [&](Line &x) { c.position = x.vec3("camera position"); }},
-                  {"target", [&](Line &x) { c.target = x.vec3("camera target"); }},
-                  {"up", [&](Line &x) { c.up = x.vec3("camera up"); }},
-                  {"fov", [&](Line &x) { c.fov = x.number("camera fov"); }}});
-    }
-
-    void options(Line &l)
-    {
-        OptionsDesc &o = s_.options;
-        readKeys(l, "options",
-                 {{"trace", [&](Line &x) { o.trace = x.boolean("trace"); }},
-                  {"reflection_depth", [&](Line &x) { o.reflectionDepth = x.integer("reflection_depth"); }},
-                  {"refraction_depth", [&](Line &x) { o.refractionDepth = x.integer("refraction_depth"); }},
-                  {"trace_depth", [&](Line &x) { o.traceDepth = x.integer("trace_depth"); }},
-                  {"finalgather", [&](Line &x) { o.finalgather = x.boolean("finalgather"); }},
-                  {"fg_rays", [&](Line &x) { o.fgRays = x.integer("fg_rays"); }},
-                  {"min_contribution", [&](Line &x) { o.minContribution = x.number("min_contribution"); }},
-                  {"full_contribution", [&](Line &x) { o.fullContribution = x.number("full_contribution"); }},
-                  {"reflect_blur_limit", [&](Line &x) { o.reflectBlurLimit = x.integer("reflect_blur_limit"); }},
-                  {"refract_blur_limit", [&](Line &x) { o.refractBlurLimit = x.integer("refract_blur_limit"); }}});
-    }
-
-    void environment(Line &l)
-    {
-        EnvironmentDesc &e = s_.environment;
-        readKeys(l, "environment",
-                 {{"zenith", [&](Line &x) { e.zenith = x.color3("zenith colour"); }},
-                  {"horizon", [&](Line &x) { e.horizon = x.color3("horizon colour"); }},
-                  {"ground", [&](Line &x) { e.ground = x.color3("ground colour"); }},
-                  {"intensity", [&](Line &x) { e.intensity = x.number("intensity"); }}});
-    }
-
-    void texture(Line &l)
-    {
-        TextureDesc t;
-        t.name = l.word("texture name");
-        readKeys(l, "texture",
-                 {{"pattern",
-                   [&](Line &x) {
-                       t.pattern = static_cast<TexturePattern>(x.choice("pattern", {"fbm", "marble", "turbulence"}));
-                   }},
-                  {"scale", [&](Line &x) { t.scale = x.number("scale"); }},
-                  {"octaves", [&](Line &x) { t.octaves = x.integer("octaves"); }},
-                  {"offset", [&](Line &x) { t.offset = x.vec3("offset"); }},
-                  {"ramp", [&](Line &x) {
-                       RampColorEntry k;
-                       k.position = x.number("ramp position");
-                       k.color = x.color4("ramp colour");
-                       k.interpolation = rampKind(x);
-                       t.ramp.push_back(k);
-                   }}});
-        s_.textures.push_back(t);
-    }
-
-    void material(Line &l)
-    {
-        MaterialDesc m;
-        m.name = l.word("material name");
-        readKeys(
-            l, "material",
-            {{"diffuse", [&](Line &x) { m.diffuse = x.color3("diffuse colour"); }},
-             {"shader", [&](Line &x) { m.shader = x.word("shader instance name"); }},
-             {"texture", [&](Line &x) { m.texture = x.word("texture name"); }},
-             {"kd", [&](Line &x) { m.kd = x.number("kd"); }},
-             {"specular", [&](Line &x) { m.specular = x.color3("specular colour"); }},
-             {"model", [&](Line &x) { m.model = static_cast<SpecularModel>(x.choice("model", {"phong", "blinn"})); }},
-             {"exponent", [&](Line &x) { m.exponent = x.number("exponent"); }},
-             {"eccentricity", [&](Line &x) { m.eccentricity = x.number("eccentricity"); }},
-             {"rolloff", [&](Line &x) { m.rolloff = x.number("rolloff"); }},
-             {"secondary", [&](Line &x) { m.secondary = x.number("secondary"); }},
-             {"translucence", [&](Line &x) { m.translucence = x.number("translucence"); }},
-             {"focus", [&](Line &x) { m.focus = x.number("focus"); }},
-             {"wrap", [&](Line &x) { m.wrap = x.number("wrap"); }},
-             {"reflectivity", [&](Line &x) { m.reflectivity = x.number("reflectivity"); }},
-             {"reflect_color", [&](Line &x) { m.reflectColor = x.color3("reflect_color"); }},
-             {"reflect_blur", [&](Line &x) { m.reflectBlur = x.number("reflect_blur"); }},
-             {"reflect_rays", [&](Line &x) { m.reflectRays = x.integer("reflect_rays"); }},
-             {"reflection_limit", [&](Line &x) { m.reflectionLimit = x.integer("reflection_limit"); }},
-             {"transparency", [&](Line &x) { m.transparency = x.color3("transparency"); }},
-             {"ior", [&](Line &x) { m.ior = x.number("ior"); }},
-             {"refract_blur", [&](Line &x) { m.refractBlur = x.number("refract_blur"); }},
-             {"refract_rays", [&](Line &x) { m.refractRays = x.integer("refract_rays"); }},
-             {"refraction_limit", [&](Line &x) { m.refractionLimit = x.integer("refraction_limit"); }},
-             {"thickness", [&](Line &x) { m.thickness = x.number("thickness"); }},
-             {"fade_distance", [&](Line &x) { m.fadeDistance = x.number("fade_distance"); }},
-             {"absorbance", [&](Line &x) { m.absorbance = x.number("absorbance"); }},
-             {"chromatic", [&](Line &x) { m.chromatic = x.boolean("chromatic"); }},
-             {"indirect", [&](Line &x) { m.indirect = x.boolean("indirect"); }},
-             {"irradiance_tint", [&](Line &x) { m.irradianceTint = x.color3("irradiance_tint"); }},
-             {"scatter_radius", [&](Line &x) { m.scatterRadius = x.number("scatter_radius"); }},
-             {"scatter_scale", [&](Line &x) { m.scatterScale = x.color3("scatter_scale"); }},
-             {"scatter_samples", [&](Line &x) { m.scatterSamples = x.integer("scatter_samples"); }},
-             {"scatter_falloff", [&](Line &x) { m.scatterFalloff = x.integer("scatter_falloff"); }},
-             {"scatter_diffuse", [&](Line &x) { m.scatterDiffuse = x.number("scatter_diffuse"); }},
-             {"scatter_cache", [&](Line &x) { m.scatterCache = x.integer("scatter_cache"); }},
-             {"bump", [&](Line &x) { m.bump = x.number("bump"); }},
-             {"bump_scale", [&](Line &x) { m.bumpScale = x.number("bump_scale"); }}});
-        s_.materials.push_back(m);
+        D d;
+        d.name = l.word((std::string(command) + " name").c_str());
+        readTableKeys(l, command, keys, d, head(d));
+        into.push_back(d);
     }
 
     void mesh(Line &l)
     {
         MeshDesc m;
         m.name = l.word("mesh name");
-        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles", "obj"});
-        m.kind = static_cast<MeshKind>(kind);
+        m.line = l.number();
+        m.kind = static_cast<MeshKind>(l.choice("mesh kind", kMeshKinds));
         switch (m.kind) {
         case MeshKind::Plane:
-            m.a = l.number("plane size x");
-            m.b = l.number("plane size y");
-            m.n = l.integer("plane divisions x");
-            m.m = l.integer("plane divisions y");
-            break;
         case MeshKind::Sphere:
-            m.a = l.number("sphere radius");
-            m.n = l.integer("sphere segments");
-            m.m = l.integer("sphere rings");
-            break;
         case MeshKind::Box:
-            m.a = l.number("box size x");
-            m.b = l.number("box size y");
-            m.c = l.number("box size z");
+        case MeshKind::Torus: {
+            const MeshArgs &args = kMeshArgs[static_cast<int>(m.kind)];
+            for (int i = 0; args.fields[i]; ++i) {
+                if (float *f = meshNumber(m, args.fields[i]))
+                    *f = l.number(args.what[i]);
+                else
+                    *meshCount(m, args.fields[i]) = l.integer(args.what[i]);
+            }
             break;
-        case MeshKind::Torus:
-            m.a = l.number("torus radius");
-            m.b = l.number("torus tube radius");
-            m.n = l.integer("torus segments");
-            m.m = l.integer("torus rings");
-            break;
+        }
         case MeshKind::Triangles:
             break;
         case MeshKind::Obj: {
@@ -461,6 +440,7 @@ private:
     {
         InstanceDesc i;
         i.name = l.word("instance name");
+        i.line = l.number();
         readKeys(l, "instance",
                  {{"mesh", [&](Line &x) { i.mesh = x.word("mesh name"); }},
                   {"material", [&](Line &x) { i.material = x.word("material name"); }},
@@ -480,39 +460,11 @@ private:
         s_.instances.push_back(i);
     }
 
-    void light(Line &l)
-    {
-        LightDesc d;
-        d.name = l.word("light name");
-        d.kind = static_cast<LightKind>(l.choice("light kind", {"point", "rect", "plain"}));
-        std::map<std::string, KeyHandler> keys = {
-            {"color", [&](Line &x) { d.color = x.color3("light colour"); }},
-            {"intensity", [&](Line &x) { d.intensity = x.number("intensity"); }},
-            {"falloff", [&](Line &x) { d.quadratic = x.choice("falloff", {"none", "quadratic"}) == 1; }},
-            {"shadow", [&](Line &x) { d.shadow = x.boolean("shadow"); }},
-            {"group", [&](Line &x) { d.group = x.word("group name"); }},
-        };
-        if (d.kind == LightKind::Rect) {
-            keys["center"] = [&](Line &x) { d.position = x.vec3("centre"); };
-            keys["u"] = [&](Line &x) { d.u = x.vec3("half edge u"); };
-            keys["v"] = [&](Line &x) { d.v = x.vec3("half edge v"); };
-            keys["samples"] = [&](Line &x) { d.samples = x.integer("samples"); };
-            keys["shadow_samples"] = [&](Line &x) { d.shadowSamples = x.integer("shadow_samples"); };
-        } else {
-            keys["position"] = [&](Line &x) { d.position = x.vec3("position"); };
-        }
-        if (d.kind != LightKind::Plain) {
-            keys["shadow_mode"] = [&](Line &x) { d.sharedShadow = x.choice("shadow_mode", {"perpass", "shared"}) == 1; };
-            keys["shadow_color"] = [&](Line &x) { d.shadowColor = x.color3("shadow_color"); };
-        }
-        readKeys(l, "light", keys);
-        s_.lights.push_back(d);
-    }
-
     void pass(Line &l)
     {
         PassDesc p;
         p.name = l.word("pass name");
+        p.line = l.number();
         const std::string role = l.word("pass role");
         if (!roleFromName(role, p.role))
             l.error("unknown pass role \"" + role +
@@ -553,6 +505,62 @@ std::string col3(const miColor &c) { return num(c.r) + " " + num(c.g) + " " + nu
 std::string col4(const miColor &c) { return col3(c) + " " + num(c.a); }
 const char *onoff(bool b) { return b ? "on" : "off"; }
 
+/* " key value" of a table key, or "" where `d` holds what `fresh` holds
+   (and `all` is false) or an empty name. */
+template <class D, class P> std::string keyText(const Key<D, P> &k, const D &d, const D &fresh, bool all)
+{
+    std::string v;
+    bool same = false;
+    switch (k.type) {
+    case KeyType::Number:
+        v = num(d.*k.number);
+        same = d.*k.number == fresh.*k.number;
+        break;
+    case KeyType::Integer:
+        v = std::to_string(d.*k.integer);
+        same = d.*k.integer == fresh.*k.integer;
+        break;
+    case KeyType::Boolean:
+        v = k.choices ? k.choices[d.*k.boolean ? 1 : 0] : onoff(d.*k.boolean);
+        same = d.*k.boolean == fresh.*k.boolean;
+        break;
+    case KeyType::Colour: {
+        const miColor &c = d.*k.colour, &f = fresh.*k.colour;
+        v = col3(c);
+        same = c.r == f.r && c.g == f.g && c.b == f.b;
+        break;
+    }
+    case KeyType::Vector: {
+        const miVector &a = d.*k.vector, &f = fresh.*k.vector;
+        v = vec(a);
+        same = a.x == f.x && a.y == f.y && a.z == f.z;
+        break;
+    }
+    case KeyType::Word:
+        v = d.*k.word;
+        same = v.empty();
+        all = false;
+        break;
+    case KeyType::Choice: {
+        const int i = d.*k.integer;
+        v = i >= 0 && i < choiceCount(k.choices) ? k.choices[i] : k.choices[0];
+        same = i == fresh.*k.integer;
+        break;
+    }
+    }
+    return same && !all && !k.always ? std::string() : " " + std::string(k.name) + " " + v;
+}
+
+/* A table command: every key (`all`) or those that differ from a fresh description. */
+template <class D, class P, size_t N>
+void writeTableKeys(std::ostream &o, const Key<D, P> (&keys)[N], const D &d, bool all)
+{
+    const D fresh;
+    for (const Key<D, P> &k : keys)
+        if (hasKey(k, d))
+            o << keyText(k, d, fresh, all);
+}
+
 } // namespace
 
 SceneDesc parseScene(const std::string &text, const std::string &baseDir)
@@ -577,24 +585,21 @@ SceneDesc loadScene(const std::string &path)
     return s;
 }
 
-std::string writeScene(const SceneDesc &s)
+namespace {
+
+void writeHead(std::ostream &o, const SceneDesc &s)
 {
-    std::ostringstream o;
     for (const LinkDesc &k : s.links)
         o << "link \"" << k.file << "\"\n";
     o << "resolution " << s.width << " " << s.height << "\n";
     o << "samples " << s.samples << "\n";
-    o << "camera position " << vec(s.camera.position) << " target " << vec(s.camera.target) << " up "
-      << vec(s.camera.up) << " fov " << num(s.camera.fov) << "\n";
-    const OptionsDesc &op = s.options;
-    o << "options trace " << onoff(op.trace) << " reflection_depth " << op.reflectionDepth << " refraction_depth "
-      << op.refractionDepth << " trace_depth " << op.traceDepth << " finalgather " << onoff(op.finalgather)
-      << " fg_rays " << op.fgRays << " min_contribution " << num(op.minContribution) << " full_contribution "
-      << num(op.fullContribution) << " reflect_blur_limit " << op.reflectBlurLimit << " refract_blur_limit "
-      << op.refractBlurLimit << "\n";
-    const EnvironmentDesc &e = s.environment;
-    o << "environment zenith " << col3(e.zenith) << " horizon " << col3(e.horizon) << " ground "
-      << col3(e.ground) << " intensity " << num(e.intensity) << "\n";
+    o << "camera";
+    writeTableKeys(o, kCameraKeys, s.camera, true);
+    o << "\noptions";
+    writeTableKeys(o, kOptionsKeys, s.options, true);
+    o << "\nenvironment";
+    writeTableKeys(o, kEnvironmentKeys, s.environment, true);
+    o << "\n";
     if (!s.shaders.empty())
         o << "\n# shader instances of linked libraries\n";
     for (const ShaderDesc &d : s.shaders) {
@@ -603,181 +608,118 @@ std::string writeScene(const SceneDesc &s)
             o << " " << v;
         o << "\n";
     }
+}
 
-    static const char *patterns[] = {"fbm", "marble", "turbulence"};
-    static const char *kinds[] = {"none", "linear", "smooth", "spline"};
-    if (!s.textures.empty())
-        o << "\n# textures: a noise pattern mapped through a colour ramp\n";
-    for (const TextureDesc &t : s.textures) {
-        o << "texture " << t.name << " pattern " << patterns[static_cast<int>(t.pattern)] << " scale "
-          << num(t.scale) << " octaves " << t.octaves;
-        if (t.offset.x != 0.0f || t.offset.y != 0.0f || t.offset.z != 0.0f)
-            o << " offset " << vec(t.offset);
-        for (const RampColorEntry &k : t.ramp)
-            o << " ramp " << num(k.position) << " " << col4(k.color) << " "
-              << (k.interpolation >= 0 && k.interpolation <= 3 ? kinds[k.interpolation] : "none");
+/* Textures, materials and lights: a comment, then a line per description
+   with its name, what `head` writes, the keys of its table that differ from
+   a fresh description (or are always written) and what `tail` writes. */
+template <class D, class P, size_t N, class Head, class Tail>
+void writeKeyed(std::ostream &o, const std::vector<D> &items, const char *comment, const char *command,
+                const Key<D, P> (&keys)[N], Head head, Tail tail)
+{
+    if (!items.empty())
+        o << "\n# " << comment << "\n";
+    for (const D &d : items) {
+        o << command << " " << d.name;
+        head(d);
+        writeTableKeys(o, keys, d, false);
+        tail(d);
         o << "\n";
     }
-    if (!s.materials.empty())
-        o << "\n# materials\n";
-    const MaterialDesc dm;
-    for (const MaterialDesc &m : s.materials) {
-        /* only what differs from a fresh material */
-        o << "material " << m.name;
-        auto f = [&](const char *key, float v, float def) {
-            if (v != def)
-                o << " " << key << " " << num(v);
-        };
-        auto i = [&](const char *key, int v, int def) {
-            if (v != def)
-                o << " " << key << " " << v;
-        };
-        auto c = [&](const char *key, const miColor &v, const miColor &def) {
-            if (v.r != def.r || v.g != def.g || v.b != def.b)
-                o << " " << key << " " << col3(v);
-        };
-        auto b = [&](const char *key, bool v, bool def) {
-            if (v != def)
-                o << " " << key << " " << onoff(v);
-        };
-        c("diffuse", m.diffuse, dm.diffuse);
-        if (!m.shader.empty())
-            o << " shader " << m.shader;
-        if (!m.texture.empty())
-            o << " texture " << m.texture;
-        f("kd", m.kd, dm.kd);
-        c("specular", m.specular, dm.specular);
-        if (m.model != dm.model)
-            o << " model " << (m.model == SpecularModel::Blinn ? "blinn" : "phong");
-        f("exponent", m.exponent, dm.exponent);
-        f("eccentricity", m.eccentricity, dm.eccentricity);
-        f("rolloff", m.rolloff, dm.rolloff);
-        f("secondary", m.secondary, dm.secondary);
-        f("translucence", m.translucence, dm.translucence);
-        f("focus", m.focus, dm.focus);
-        f("wrap", m.wrap, dm.wrap);
-        f("reflectivity", m.reflectivity, dm.reflectivity);
-        c("reflect_color", m.reflectColor, dm.reflectColor);
-        f("reflect_blur", m.reflectBlur, dm.reflectBlur);
-        i("reflect_rays", m.reflectRays, dm.reflectRays);
-        i("reflection_limit", m.reflectionLimit, dm.reflectionLimit);
-        c("transparency", m.transparency, dm.transparency);
-        f("ior", m.ior, dm.ior);
-        f("refract_blur", m.refractBlur, dm.refractBlur);
-        i("refract_rays", m.refractRays, dm.refractRays);
-        i("refraction_limit", m.refractionLimit, dm.refractionLimit);
-        f("thickness", m.thickness, dm.thickness);
-        f("fade_distance", m.fadeDistance, dm.fadeDistance);
-        f("absorbance", m.absorbance, dm.absorbance);
-        b("chromatic", m.chromatic, dm.chromatic);
-        b("indirect", m.indirect, dm.indirect);
-        c("irradiance_tint", m.irradianceTint, dm.irradianceTint);
-        f("scatter_radius", m.scatterRadius, dm.scatterRadius);
-        c("scatter_scale", m.scatterScale, dm.scatterScale);
-        i("scatter_samples", m.scatterSamples, dm.scatterSamples);
-        i("scatter_falloff", m.scatterFalloff, dm.scatterFalloff);
-        f("scatter_diffuse", m.scatterDiffuse, dm.scatterDiffuse);
-        i("scatter_cache", m.scatterCache, dm.scatterCache);
-        f("bump", m.bump, dm.bump);
-        f("bump_scale", m.bumpScale, dm.bumpScale);
-        o << "\n";
+}
+
+void writeMesh(std::ostream &o, const MeshDesc &m)
+{
+    o << "mesh " << m.name << " " << kMeshKinds[static_cast<int>(m.kind)];
+    const char *const eol = m.faceted ? " faceted\n" : "\n";
+    if (m.kind == MeshKind::Obj) {
+        o << " \"" << m.file << "\"\n";
+        return;
     }
+    if (m.kind != MeshKind::Triangles) {
+        const MeshArgs &args = kMeshArgs[static_cast<int>(m.kind)];
+        for (int i = 0; args.fields[i]; ++i) {
+            if (const float *f = meshNumber(m, args.fields[i]))
+                o << " " << num(*f);
+            else
+                o << " " << *meshCount(m, args.fields[i]);
+        }
+        o << eol;
+        return;
+    }
+    o << eol;
+    for (const miVector &p : m.P)
+        o << "v " << vec(p) << "\n";
+    for (const miVector &n : m.N)
+        o << "vn " << vec(n) << "\n";
+    for (const miVector &t : m.uv)
+        o << "vt " << num(t.x) << " " << num(t.y) << "\n";
+    for (const auto &f : m.tris)
+        o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
+    o << "end\n";
+}
+
+void writeInstance(std::ostream &o, const InstanceDesc &i)
+{
+    static const char *axes[] = {"x", "y", "z"};
+    o << "instance " << i.name << " mesh " << i.mesh << " material " << i.material;
+    for (const TransformStep &st : i.steps) {
+        if (st.kind == TransformStep::Translate)
+            o << " translate " << vec(st.v);
+        else if (st.kind == TransformStep::Scale)
+            o << " scale " << vec(st.v);
+        else
+            o << " rotate " << axes[static_cast<int>(st.v.x) % 3] << " " << num(st.v.y);
+    }
+    if (!i.shadowPasses.empty()) {
+        o << " shadow_passes ";
+        for (size_t k = 0; k < i.shadowPasses.size(); ++k)
+            o << (k ? "," : "") << i.shadowPasses[k];
+    }
+    o << "\n";
+}
+
+void writePass(std::ostream &o, const PassDesc &p)
+{
+    o << "pass " << p.name << " " << roleName(p.role);
+    if (p.role == PassRole::LightGroup)
+        o << " group " << p.group;
+    if (p.role == PassRole::Constant)
+        o << " color " << col4(p.constant);
+    if (p.allOccluders)
+        o << " all_occluders on";
+    o << "\n";
+}
+
+} // namespace
+
+std::string writeScene(const SceneDesc &s)
+{
+    std::ostringstream o;
+    writeHead(o, s);
+    const auto nothing = [](const auto &) {};
+    writeKeyed(o, s.textures, "textures: a noise pattern mapped through a colour ramp", "texture", kTextureKeys,
+               nothing, [&](const TextureDesc &t) {
+                   for (const RampColorEntry &k : t.ramp)
+                       o << " ramp " << num(k.position) << " " << col4(k.color) << " "
+                         << (k.interpolation >= 0 && k.interpolation <= 3 ? kRampKinds[k.interpolation] : "none");
+               });
+    writeKeyed(o, s.materials, "materials", "material", kMaterialKeys, nothing, nothing);
     if (!s.meshes.empty())
         o << "\n# meshes\n";
-    for (const MeshDesc &m : s.meshes) {
-        o << "mesh " << m.name << " ";
-        const char *const eol = m.faceted ? " faceted\n" : "\n";
-        switch (m.kind) {
-        case MeshKind::Plane:
-            o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
-            break;
-        case MeshKind::Sphere:
-            o << "sphere " << num(m.a) << " " << m.n << " " << m.m << eol;
-            break;
-        case MeshKind::Box:
-            o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << eol;
-            break;
-        case MeshKind::Torus:
-            o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
-            break;
-        case MeshKind::Triangles:
-            o << "triangles" << eol;
-            for (const miVector &p : m.P)
-                o << "v " << vec(p) << "\n";
-            for (const miVector &n : m.N)
-                o << "vn " << vec(n) << "\n";
-            for (const miVector &t : m.uv)
-                o << "vt " << num(t.x) << " " << num(t.y) << "\n";
-            for (const auto &f : m.tris)
-                o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
-            o << "end\n";
-            break;
-        case MeshKind::Obj:
-            o << "obj \"" << m.file << "\"\n";
-            break;
-        }
-    }
+    for (const MeshDesc &m : s.meshes)
+        writeMesh(o, m);
     if (!s.instances.empty())
         o << "\n# instances: transforms apply in the order written\n";
-    static const char *axes[] = {"x", "y", "z"};
-    for (const InstanceDesc &i : s.instances) {
-        o << "instance " << i.name << " mesh " << i.mesh << " material " << i.material;
-        for (const TransformStep &st : i.steps) {
-            if (st.kind == TransformStep::Translate)
-                o << " translate " << vec(st.v);
-            else if (st.kind == TransformStep::Scale)
-                o << " scale " << vec(st.v);
-            else
-                o << " rotate " << axes[static_cast<int>(st.v.x) % 3] << " " << num(st.v.y);
-        }
-        if (!i.shadowPasses.empty()) {
-            o << " shadow_passes ";
-            for (size_t k = 0; k < i.shadowPasses.size(); ++k)
-                o << (k ? "," : "") << i.shadowPasses[k];
-        }
-        o << "\n";
-    }
-    if (!s.lights.empty())
-        o << "\n# lights\n";
-    static const char *lkinds[] = {"point", "rect", "plain"};
-    const LightDesc dl;
-    for (const LightDesc &l : s.lights) {
-        o << "light " << l.name << " " << lkinds[static_cast<int>(l.kind)];
-        if (l.kind == LightKind::Rect)
-            o << " center " << vec(l.position) << " u " << vec(l.u) << " v " << vec(l.v) << " samples "
-              << l.samples << " shadow_samples " << l.shadowSamples;
-        else
-            o << " position " << vec(l.position);
-        if (l.color.r != dl.color.r || l.color.g != dl.color.g || l.color.b != dl.color.b)
-            o << " color " << col3(l.color);
-        o << " intensity " << num(l.intensity);
-        if (l.quadratic != dl.quadratic)
-            o << " falloff " << (l.quadratic ? "quadratic" : "none");
-        if (l.shadow != dl.shadow)
-            o << " shadow " << onoff(l.shadow);
-        if (l.kind != LightKind::Plain) {
-            if (l.sharedShadow != dl.sharedShadow)
-                o << " shadow_mode " << (l.sharedShadow ? "shared" : "perpass");
-            if (l.shadowColor.r != dl.shadowColor.r || l.shadowColor.g != dl.shadowColor.g ||
-                l.shadowColor.b != dl.shadowColor.b)
-                o << " shadow_color " << col3(l.shadowColor);
-        }
-        if (!l.group.empty())
-            o << " group " << l.group;
-        o << "\n";
-    }
+    for (const InstanceDesc &i : s.instances)
+        writeInstance(o, i);
+    writeKeyed(
+        o, s.lights, "lights", "light", kLightKeys,
+        [&](const LightDesc &l) { o << " " << kLightKinds[static_cast<int>(l.kind) % 3]; }, nothing);
     if (!s.passes.empty())
         o << "\n# passes (frame buffers)\n";
-    for (const PassDesc &p : s.passes) {
-        o << "pass " << p.name << " " << roleName(p.role);
-        if (p.role == PassRole::LightGroup)
-            o << " group " << p.group;
-        if (p.role == PassRole::Constant)
-            o << " color " << col4(p.constant);
-        if (p.allOccluders)
-            o << " all_occluders on";
-        o << "\n";
-    }
+    for (const PassDesc &p : s.passes)
+        writePass(o, p);
     return o.str();
 }
 

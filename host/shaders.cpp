@@ -3,6 +3,7 @@
 #include "data_passes.h"
 
 #include "host_math.h"
+#include "scene_keys.h"
 
 #include <algorithm>
 #include <cmath>
@@ -120,6 +121,325 @@ miColor skyColor(const EnvironmentParams &p, const miVector &dir)
     return c;
 }
 
+/* ====================================================================== material stages
+
+   hostMaterial runs these in order: begin (inputs, empty slots), bump, the
+   light loop, the secondary rays (indirect light, reflection, refraction,
+   scattering), the composite of the material's colour and the pass writing. */
+
+namespace {
+
+/* What the stages of one hostMaterial call share. */
+struct MaterialCall {
+    miState *state;
+    MaterialParams *p;
+    Entries en;
+    int beauty; /* the beauty entry, whose light the material's colour uses; -1: none */
+    BaseShaderState *bs;
+    miColor dcol, scol, tr;
+    float kd, opaque[3];
+    float translucence, focus, wrap;
+    bool gatherRay;
+    miVector N, R; /* shading normal (after bump) and mirror direction */
+    float dotND;
+};
+
+/* What the light loop and the secondary rays bring. */
+struct MaterialLight {
+    miColor diffuse = BLACK, spec = BLACK, indirect = BLACK, refl = BLACK, refr = BLACK, scatter = BLACK;
+};
+
+/* Empties this depth's slots, finds the beauty entry and reads the inputs. */
+MaterialCall beginMaterial(miState *state, MaterialParams *p)
+{
+    MaterialCall c;
+    c.state = state;
+    c.p = p;
+    c.en = entriesAtDepth(state);
+    c.beauty = -1;
+    for (miUint i = 0; i < c.en.n; ++i) {
+        c.en.e[i].slots[c.en.depth].accum = BLACK;
+        c.en.e[i].slots[c.en.depth].slotFlags = 0;
+        if (c.beauty < 0 && roleOf(c.en.e[i]) == PassRole::Beauty)
+            c.beauty = static_cast<int>(i);
+    }
+    c.bs = static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr));
+    c.dcol = param(state, &p->diffuse);
+    c.kd = param(state, &p->kd);
+    c.scol = param(state, &p->specular);
+    const miColor tr = param(state, &p->transparency);
+    c.tr = miColor{clamp01(tr.r), clamp01(tr.g), clamp01(tr.b), clamp01(tr.a)};
+    c.opaque[0] = 1.0f - c.tr.r;
+    c.opaque[1] = 1.0f - c.tr.g;
+    c.opaque[2] = 1.0f - c.tr.b;
+    c.translucence = param(state, &p->translucence);
+    c.focus = param(state, &p->focus);
+    c.wrap = param(state, &p->wrap);
+    c.gatherRay = state->type == miRAY_FINALGATHER;
+    return c;
+}
+
+/* Bump: tilts the state's shading normal by the slope of gradient noise
+   along the surface derivatives (the caller restores it). */
+void bumpNormal(miState *state, MaterialParams *p)
+{
+    const float bump = param(state, &p->bump);
+    if (bump == 0.0f)
+        return;
+    miVector du, dv;
+    get_derivs(state, &du, &dv, DRUX_SPACE_INTERNAL, 0);
+    du = normalized(du);
+    dv = normalized(dv);
+    const float s = param(state, &p->bumpScale), h = 0.01f;
+    const miVector q = mul(state->point, s);
+    const float n0 = noise_gradient_3d(q.x, q.y, q.z);
+    const miVector qu = add(q, mul(du, h)), qv = add(q, mul(dv, h));
+    const float gu = (noise_gradient_3d(qu.x, qu.y, qu.z) - n0) / h;
+    const float gv = (noise_gradient_3d(qv.x, qv.y, qv.z) - n0) / h;
+    miVector nb = normalized(sub(state->normal, mul(add(mul(du, gu), mul(dv, gv)), bump)));
+    if (dot(nb, state->dir) < 0.0f) { /* keep facing the viewer */
+        state->normal = nb;
+        state->dot_nd = dot(nb, state->dir);
+    }
+}
+
+/* Adds one light sample's diffuse (wd) and specular (ws) weights to the
+   light sums of the passes that take them. */
+void addSampleToPasses(const MaterialCall &c, float wd, float ws)
+{
+    FrameBufferInfo *e = c.en.e;
+    for (miUint i = 0; i < c.en.n; ++i) {
+        float cd = 1.0f, cs = 1.0f;
+        switch (roleOf(e[i])) {
+        case PassRole::Diffuse:
+            cs = 0.0f;
+            break;
+        case PassRole::Specular:
+            cd = 0.0f;
+            break;
+        case PassRole::Reflection:
+        case PassRole::Refraction:
+        case PassRole::Indirect:
+        case PassRole::Scatter:
+        case PassRole::Background:
+        case PassRole::Constant:
+        case PassRole::Depth:
+        case PassRole::Normal:
+        case PassRole::Position:
+        case PassRole::Albedo:
+        case PassRole::Coverage:
+            continue;
+        default: /* beauty, shadow, light groups, passes of other exporters */
+            break;
+        }
+        const miColor &Li = e[i].light;
+        e[i].lightSum.r += c.opaque[0] * (cd * wd * c.dcol.r + cs * ws * c.scol.r) * Li.r;
+        e[i].lightSum.g += c.opaque[1] * (cd * wd * c.dcol.g + cs * ws * c.scol.g) * Li.g;
+        e[i].lightSum.b += c.opaque[2] * (cd * wd * c.dcol.b + cs * ws * c.scol.b) * Li.b;
+    }
+}
+
+/* The specular model's parameters, read once per call. */
+struct Highlight {
+    int model;
+    float exponent, secondary, ecc, rolloff;
+};
+
+/* The samples of one light: their diffuse and specular light summed into
+   dsum and ssum and into the passes; returns the number of samples. */
+int sampleLight(const MaterialCall &c, const Highlight &h, miTag light, miColor &dsum, miColor &ssum)
+{
+    miState *state = c.state;
+    const miUint n = c.en.n;
+    FrameBufferInfo *e = c.en.e;
+    int samples = 0;
+    miColor col;
+    miVector L;
+    miScalar dotNL;
+    while (mi_sample_light(&col, &L, &dotNL, state, light, &samples)) {
+        /* a light that did not set up its contributions knows nothing of
+           passes: route its colour; it brings no shadow pass of its own */
+        const bool unaware = n && (e[0].flags & FBINFO_LIGHT_SETUP_PENDING);
+        handleNonDruxLights(n, e, &col, light, state);
+        if (unaware)
+            for (miUint i = 0; i < n; ++i)
+                if (e[i].flags & FBINFO_SHADOW_PASS)
+                    e[i].light = miColor{0, 0, 0, 1};
+
+        float wd = dotNL > 0.0f ? c.kd * dotNL : 0.0f;
+        if (c.translucence != 0.0f) /* light from behind the surface */
+            wd += compute_lambert_translucence(state, &L, c.bs ? c.bs->lightData.corners : nullptr, -dotNL,
+                                               c.translucence, c.focus, c.wrap);
+        float ws = 0.0f;
+        if (dotNL > 0.0f) {
+            if (h.model == static_cast<int>(SpecularModel::Blinn)) {
+                if (-c.dotND > 0.0f)
+                    ws = compute_blinn_specular(&L, &c.N, state, dotNL, -c.dotND, h.ecc, h.rolloff, h.secondary);
+            } else {
+                ws = compute_phong_specular(&c.R, &L, state, h.exponent, h.secondary);
+            }
+        }
+        const miColor &Lb = c.beauty >= 0 ? e[c.beauty].light : col;
+        dsum.r += wd * c.dcol.r * Lb.r;
+        dsum.g += wd * c.dcol.g * Lb.g;
+        dsum.b += wd * c.dcol.b * Lb.b;
+        ssum.r += ws * c.scol.r * Lb.r;
+        ssum.g += ws * c.scol.g * Lb.g;
+        ssum.b += ws * c.scol.b * Lb.b;
+        addSampleToPasses(c, wd, ws);
+    }
+    return samples;
+}
+
+/* The light loop: every light's average diffuse and specular light, and
+   its contributions to the passes through sampleLightBegin/End. */
+void lightLoop(const MaterialCall &c, MaterialLight &out)
+{
+    miState *state = c.state;
+    int nLights = 0;
+    miTag *lights = nullptr;
+    mi_instance_lightlist(&nLights, &lights, state);
+    const int mode = 1; /* add each light's average into the slot */
+    const miBoolean useScale = miFALSE;
+    const float scale = 1.0f;
+    Highlight h;
+    h.model = param(state, &c.p->model);
+    h.exponent = param(state, &c.p->exponent);
+    h.secondary = param(state, &c.p->secondary);
+    h.ecc = param(state, &c.p->eccentricity);
+    h.rolloff = param(state, &c.p->rolloff);
+    for (int k = 0; k < nLights; ++k) {
+        if (c.bs)
+            c.bs->lightData = defaultLightDataArray;
+        sampleLightBegin(c.en.n, c.en.e);
+        miColor dsum = BLACK, ssum = BLACK;
+        const int samples = sampleLight(c, h, lights[k], dsum, ssum);
+        sampleLightEnd(state, c.en.n, c.en.e, samples, &mode, &useScale, &scale);
+        if (samples > 0) {
+            const float w = 1.0f / static_cast<float>(samples);
+            out.diffuse.r += dsum.r * w;
+            out.diffuse.g += dsum.g * w;
+            out.diffuse.b += dsum.b * w;
+            out.spec.r += ssum.r * w;
+            out.spec.g += ssum.g * w;
+            out.spec.b += ssum.b * w;
+        }
+    }
+}
+
+/* Secondary rays: indirect light and scattering for surfaces seen from the
+   camera, reflection and refraction for every ray but final gathering. */
+void secondaryRays(MaterialCall &c, MaterialLight &out)
+{
+    miState *state = c.state;
+    MaterialParams *p = c.p;
+    const int n = static_cast<int>(c.en.n), d = c.en.depth;
+    if (!c.gatherRay && d == 0 && param(state, &p->indirect) && state->options && state->options->finalgather)
+        compute_irradiance(&out.indirect, &p->irradianceTint, &c.dcol, &c.tr, &p->irradiance, state, c.kd, 1.0f);
+
+    const float reflectivity = param(state, &p->reflectivity);
+    if (!c.gatherRay && reflectivity > 0.0f) {
+        const miColor rc = param(state, &p->reflectColor);
+        miColor r;
+        compute_reflection(&r, &rc, &p->reflectedColor, &p->reflectionLimit, &p->reflectBlur, &p->reflectBlurLimit,
+                           &p->reflectRays, 0, &c.N, state, n, c.en.e, c.en.types, &kOne, reflectivity, 1.0f,
+                           c.dotND);
+        out.refl = miColor{reflectivity * rc.r * r.r, reflectivity * rc.g * r.g, reflectivity * rc.b * r.b, 0.0f};
+    }
+
+    if (!c.gatherRay && (c.tr.r > 0.0f || c.tr.g > 0.0f || c.tr.b > 0.0f)) {
+        const float ior = state->ior;
+        const miTag volume = state->refraction_volume;
+        miColor transmission;
+        compute_refraction(&out.refr, &transmission, &p->refractionLimit, &p->ior, 1, &c.tr, 0, &p->refractBlur,
+                           &p->refractBlurLimit, &p->refractRays, &p->thickness, &p->fadeDistance, &p->absorbance,
+                           &p->chromatic, &c.N, state, n, c.en.e, c.en.types, &kOne, c.dotND);
+        /* the refracted rays have taken the new index with them */
+        state->ior = ior;
+        state->refraction_volume = volume;
+    }
+
+    /* The scattering cache's points are placed and lit once, by whichever
+       pixel touches them first; a fixed sampling offset makes them
+       independent of that pixel, of the thread count and of the render
+       (database tags differ between renders, so the offset must not depend
+       on them). */
+    if (!c.gatherRay && p->scatterList && state->type == miRAY_EYE && d == 0 &&
+        param(state, &p->scatterRadius) > 0.0f) {
+        const miUint qmc = state->qmc_offset;
+        state->qmc_offset = 0x9E3779B9u;
+        compute_scatter(&out.scatter, &p->scatterScale, &p->scatterRadius, &p->scatterSamples, &p->scatterFalloff,
+                        &p->scatterMaxDepth, &p->scatterCache, &p->scatterDiffuse, &p->diffuse, &p->translucence,
+                        &p->focus, &p->wrap, &p->normalOverride, &p->irradiance, &p->irradianceTint, state,
+                        p->scatterList);
+        state->qmc_offset = qmc;
+    }
+}
+
+/* The material's colour: (diffuse + indirect + specular) through the
+   opacity, then reflection, refraction and scattering on top. */
+miColor compositeColour(const MaterialCall &c, MaterialLight &l)
+{
+    BaseComposite bc;
+    bc_construct(&bc, 0, c.state);
+    BaseCompositeResult composite;
+    std::memset(&composite, 0, sizeof composite);
+    composite.transparency[0] = c.tr.r;
+    composite.transparency[1] = c.tr.g;
+    composite.transparency[2] = c.tr.b;
+    const miColor cd[2] = {BLACK, BLACK};
+    const miColor ce[2] = {l.refr, BLACK};
+    miColor tr = c.tr;
+    bc_composite(bc, &composite, &l.spec, &l.refl, &l.diffuse, cd, ce, &l.scatter, &BLACK, &l.indirect, &tr, 0, 2,
+                 0.0f, 1.0f, 1.0f, 1.0f);
+    miColor colour = composite.result;
+    colour.a = 1.0f;
+    return colour;
+}
+
+/* The passes of this depth: what the light loop gathered in the slots plus
+   the secondary rays' light by role; then the data passes. */
+void writePasses(const MaterialCall &c, const MaterialLight &l)
+{
+    FrameBufferInfo *e = c.en.e;
+    const int d = c.en.depth;
+    const float *opaque = c.opaque;
+    for (miUint i = 0; i < c.en.n; ++i) {
+        PassSlot &s = e[i].slots[d];
+        miColor r = s.accum;
+        switch (roleOf(e[i])) {
+        case PassRole::Beauty:
+            r.r += opaque[0] * l.indirect.r + l.scatter.r;
+            r.g += opaque[1] * l.indirect.g + l.scatter.g;
+            r.b += opaque[2] * l.indirect.b + l.scatter.b;
+            break;
+        case PassRole::Reflection:
+            r = l.refl;
+            break;
+        case PassRole::Refraction:
+            r = l.refr;
+            break;
+        case PassRole::Indirect:
+            r = miColor{opaque[0] * l.indirect.r, opaque[1] * l.indirect.g, opaque[2] * l.indirect.b, 0};
+            break;
+        case PassRole::Scatter:
+            r = l.scatter;
+            break;
+        case PassRole::Background:
+            r = BLACK;
+            break;
+        default: /* diffuse, specular, shadow, light groups: what the slot gathered */
+            break;
+        }
+        r.a = roleOf(e[i]) == PassRole::Background ? 0.0f : 1.0f;
+        s.result = r;
+        s.opacity = WHITE;
+    }
+    writeDataPasses(c.state, c.en.n, e, d, c.N, miColor{c.kd * c.dcol.r, c.kd * c.dcol.g, c.kd * c.dcol.b, 1.0f});
+}
+
+} // namespace
+
 extern "C" {
 
 /* ====================================================================== material */
@@ -143,252 +463,23 @@ void hostMaterial_exit(miState *state, void *params)
 miBoolean hostMaterial(void *result, miState *state, void *pv)
 {
     MaterialParams *p = static_cast<MaterialParams *>(pv);
-    miColor *out = static_cast<miColor *>(result);
-    Entries en = entriesAtDepth(state);
-    const miUint n = en.n;
-    FrameBufferInfo *e = en.e;
-    const int d = en.depth;
-
-    /* this depth's slots start empty; find the beauty entry, whose light the
-       material's own colour uses so that colour and beauty pass agree */
-    int beauty = -1;
-    for (miUint i = 0; i < n; ++i) {
-        e[i].slots[d].accum = BLACK;
-        e[i].slots[d].slotFlags = 0;
-        if (beauty < 0 && roleOf(e[i]) == PassRole::Beauty)
-            beauty = static_cast<int>(i);
-    }
-    BaseShaderState *bs = static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr));
-
-    const miColor dcol = param(state, &p->diffuse);
-    const float kd = param(state, &p->kd);
-    const miColor scol = param(state, &p->specular);
-    miColor tr = param(state, &p->transparency);
-    tr = miColor{clamp01(tr.r), clamp01(tr.g), clamp01(tr.b), clamp01(tr.a)};
-    const float opaque[3] = {1.0f - tr.r, 1.0f - tr.g, 1.0f - tr.b};
-    const float translucence = param(state, &p->translucence);
-    const float focus = param(state, &p->focus), wrap = param(state, &p->wrap);
-    const bool gatherRay = state->type == miRAY_FINALGATHER;
-
-    /* bump: tilt the shading normal by the slope of gradient noise along the
-       surface derivatives */
+    MaterialCall c = beginMaterial(state, p);
     const miVector savedNormal = state->normal;
     const float savedDot = state->dot_nd;
-    const float bump = param(state, &p->bump);
-    if (bump != 0.0f) {
-        miVector du, dv;
-        get_derivs(state, &du, &dv, DRUX_SPACE_INTERNAL, 0);
-        du = normalized(du);
-        dv = normalized(dv);
-        const float s = param(state, &p->bumpScale), h = 0.01f;
-        const miVector q = mul(state->point, s);
-        const float n0 = noise_gradient_3d(q.x, q.y, q.z);
-        const miVector qu = add(q, mul(du, h)), qv = add(q, mul(dv, h));
-        const float gu = (noise_gradient_3d(qu.x, qu.y, qu.z) - n0) / h;
-        const float gv = (noise_gradient_3d(qv.x, qv.y, qv.z) - n0) / h;
-        miVector nb = normalized(sub(state->normal, mul(add(mul(du, gu), mul(dv, gv)), bump)));
-        if (dot(nb, state->dir) < 0.0f) { /* keep facing the viewer */
-            state->normal = nb;
-            state->dot_nd = dot(nb, state->dir);
-        }
-    }
-    const miVector N = state->normal;
-    const float dotND = state->dot_nd;
-    const miVector R = sub(state->dir, mul(N, 2.0f * dotND)); /* mirror direction */
+    bumpNormal(state, p);
+    c.N = state->normal;
+    c.dotND = state->dot_nd;
+    c.R = sub(state->dir, mul(c.N, 2.0f * c.dotND));
 
-    /* ---- light loop */
-    miColor diffuse = BLACK, spec = BLACK;
-    int nLights = 0;
-    miTag *lights = nullptr;
-    mi_instance_lightlist(&nLights, &lights, state);
-    const int mode = 1; /* add each light's average into the slot */
-    const miBoolean useScale = miFALSE;
-    const float scale = 1.0f;
-    const int model = param(state, &p->model);
-    const float exponent = param(state, &p->exponent), secondary = param(state, &p->secondary);
-    const float ecc = param(state, &p->eccentricity), rolloff = param(state, &p->rolloff);
-    for (int k = 0; k < nLights; ++k) {
-        if (bs)
-            bs->lightData = defaultLightDataArray;
-        sampleLightBegin(n, e);
-        miColor dsum = BLACK, ssum = BLACK;
-        int samples = 0;
-        miColor col;
-        miVector L;
-        miScalar dotNL;
-        while (mi_sample_light(&col, &L, &dotNL, state, lights[k], &samples)) {
-            /* a light that did not set up its contributions knows nothing of
-               passes: route its colour; it brings no shadow pass of its own */
-            const bool unaware = n && (e[0].flags & FBINFO_LIGHT_SETUP_PENDING);
-            handleNonDruxLights(n, e, &col, lights[k], state);
-            if (unaware)
-                for (miUint i = 0; i < n; ++i)
-                    if (e[i].flags & FBINFO_SHADOW_PASS)
-                        e[i].light = miColor{0, 0, 0, 1};
-
-            float wd = dotNL > 0.0f ? kd * dotNL : 0.0f;
-            if (translucence != 0.0f) /* light from behind the surface */
-                wd += compute_lambert_translucence(state, &L, bs ? bs->lightData.corners : nullptr, -dotNL,
-                                                   translucence, focus, wrap);
-            float ws = 0.0f;
-            if (dotNL > 0.0f) {
-                if (model == static_cast<int>(SpecularModel::Blinn)) {
-                    if (-dotND > 0.0f)
-                        ws = compute_blinn_specular(&L, &N, state, dotNL, -dotND, ecc, rolloff, secondary);
-                } else {
-                    ws = compute_phong_specular(&R, &L, state, exponent, secondary);
-                }
-            }
-            const miColor &Lb = beauty >= 0 ? e[beauty].light : col;
-            dsum.r += wd * dcol.r * Lb.r;
-            dsum.g += wd * dcol.g * Lb.g;
-            dsum.b += wd * dcol.b * Lb.b;
-            ssum.r += ws * scol.r * Lb.r;
-            ssum.g += ws * scol.g * Lb.g;
-            ssum.b += ws * scol.b * Lb.b;
-            for (miUint i = 0; i < n; ++i) {
-                float cd = 1.0f, cs = 1.0f;
-                switch (roleOf(e[i])) {
-                case PassRole::Diffuse:
-                    cs = 0.0f;
-                    break;
-                case PassRole::Specular:
-                    cd = 0.0f;
-                    break;
-                case PassRole::Reflection:
-                case PassRole::Refraction:
-                case PassRole::Indirect:
-                case PassRole::Scatter:
-                case PassRole::Background:
-                case PassRole::Constant:
-                case PassRole::Depth:
-                case PassRole::Normal:
-                case PassRole::Position:
-                case PassRole::Albedo:
-                case PassRole::Coverage:
-                    continue;
-                default: /* beauty, shadow, light groups, passes of other exporters */
-                    break;
-                }
-                const miColor &Li = e[i].light;
-                e[i].lightSum.r += opaque[0] * (cd * wd * dcol.r + cs * ws * scol.r) * Li.r;
-                e[i].lightSum.g += opaque[1] * (cd * wd * dcol.g + cs * ws * scol.g) * Li.g;
-                e[i].lightSum.b += opaque[2] * (cd * wd * dcol.b + cs * ws * scol.b) * Li.b;
-            }
-        }
-        sampleLightEnd(state, n, e, samples, &mode, &useScale, &scale);
-        if (samples > 0) {
-            const float w = 1.0f / static_cast<float>(samples);
-            diffuse.r += dsum.r * w;
-            diffuse.g += dsum.g * w;
-            diffuse.b += dsum.b * w;
-            spec.r += ssum.r * w;
-            spec.g += ssum.g * w;
-            spec.b += ssum.b * w;
-        }
-    }
-
-    /* ---- indirect light, for surfaces seen from the camera */
-    miColor indirect = BLACK;
-    if (!gatherRay && d == 0 && param(state, &p->indirect) && state->options && state->options->finalgather)
-        compute_irradiance(&indirect, &p->irradianceTint, &dcol, &tr, &p->irradiance, state, kd, 1.0f);
-
-    /* ---- reflection */
-    miColor refl = BLACK;
-    const float reflectivity = param(state, &p->reflectivity);
-    if (!gatherRay && reflectivity > 0.0f) {
-        const miColor rc = param(state, &p->reflectColor);
-        miColor r;
-        compute_reflection(&r, &rc, &p->reflectedColor, &p->reflectionLimit, &p->reflectBlur, &p->reflectBlurLimit,
-                           &p->reflectRays, 0, &N, state, static_cast<int>(n), e, en.types, &kOne, reflectivity,
-                           1.0f, dotND);
-        refl = miColor{reflectivity * rc.r * r.r, reflectivity * rc.g * r.g, reflectivity * rc.b * r.b, 0.0f};
-    }
-
-    /* ---- refraction */
-    miColor refr = BLACK;
-    if (!gatherRay && (tr.r > 0.0f || tr.g > 0.0f || tr.b > 0.0f)) {
-        const float ior = state->ior;
-        const miTag volume = state->refraction_volume;
-        miColor transmission;
-        compute_refraction(&refr, &transmission, &p->refractionLimit, &p->ior, 1, &tr, 0, &p->refractBlur,
-                           &p->refractBlurLimit, &p->refractRays, &p->thickness, &p->fadeDistance, &p->absorbance,
-                           &p->chromatic, &N, state, static_cast<int>(n), e, en.types, &kOne, dotND);
-        /* the refracted rays have taken the new index with them */
-        state->ior = ior;
-        state->refraction_volume = volume;
-    }
-
-    /* ---- subsurface scattering, for surfaces seen from the camera.  The
-       cache's points are placed and lit once, by whichever pixel touches them
-       first; a fixed sampling offset makes them independent of that pixel,
-       of the thread count and of the render (database tags differ between
-       renders, so the offset must not depend on them) */
-    miColor scatter = BLACK;
-    if (!gatherRay && p->scatterList && state->type == miRAY_EYE && d == 0 &&
-        param(state, &p->scatterRadius) > 0.0f) {
-        const miUint qmc = state->qmc_offset;
-        state->qmc_offset = 0x9E3779B9u;
-        compute_scatter(&scatter, &p->scatterScale, &p->scatterRadius, &p->scatterSamples, &p->scatterFalloff,
-                        &p->scatterMaxDepth, &p->scatterCache, &p->scatterDiffuse, &p->diffuse, &p->translucence,
-                        &p->focus, &p->wrap, &p->normalOverride, &p->irradiance, &p->irradianceTint, state,
-                        p->scatterList);
-        state->qmc_offset = qmc;
-    }
-
-    /* ---- the material's colour: (diffuse + indirect + specular) through the
-       opacity, then reflection, refraction and scattering on top */
-    BaseComposite bc;
-    bc_construct(&bc, 0, state);
-    BaseCompositeResult composite;
-    std::memset(&composite, 0, sizeof composite);
-    composite.transparency[0] = tr.r;
-    composite.transparency[1] = tr.g;
-    composite.transparency[2] = tr.b;
-    const miColor cd[2] = {BLACK, BLACK};
-    const miColor ce[2] = {refr, BLACK};
-    bc_composite(bc, &composite, &spec, &refl, &diffuse, cd, ce, &scatter, &BLACK, &indirect, &tr, 0, 2, 0.0f, 1.0f,
-                 1.0f, 1.0f);
-    miColor colour = composite.result;
-    colour.a = 1.0f;
-
-    /* ---- the passes of this depth */
-    for (miUint i = 0; i < n; ++i) {
-        PassSlot &s = e[i].slots[d];
-        miColor r = s.accum;
-        switch (roleOf(e[i])) {
-        case PassRole::Beauty:
-            r.r += opaque[0] * indirect.r + scatter.r;
-            r.g += opaque[1] * indirect.g + scatter.g;
-            r.b += opaque[2] * indirect.b + scatter.b;
-            break;
-        case PassRole::Reflection:
-            r = refl;
-            break;
-        case PassRole::Refraction:
-            r = refr;
-            break;
-        case PassRole::Indirect:
-            r = miColor{opaque[0] * indirect.r, opaque[1] * indirect.g, opaque[2] * indirect.b, 0};
-            break;
-        case PassRole::Scatter:
-            r = scatter;
-            break;
-        case PassRole::Background:
-            r = BLACK;
-            break;
-        default: /* diffuse, specular, shadow, light groups: what the slot gathered */
-            break;
-        }
-        r.a = roleOf(e[i]) == PassRole::Background ? 0.0f : 1.0f;
-        s.result = r;
-        s.opacity = WHITE;
-    }
-    writeDataPasses(state, n, e, d, N, miColor{kd * dcol.r, kd * dcol.g, kd * dcol.b, 1.0f});
+    MaterialLight light;
+    lightLoop(c, light);
+    secondaryRays(c, light);
+    const miColor colour = compositeColour(c, light);
+    writePasses(c, light);
 
     state->normal = savedNormal;
     state->dot_nd = savedDot;
-    *out = colour;
+    *static_cast<miColor *>(result) = colour;
     return miTRUE;
 }
 
@@ -572,47 +663,14 @@ MaterialParams materialParams(const MaterialDesc &m, ScatterCache **scatterList)
 {
     MaterialParams p;
     std::memset(&p, 0, sizeof p);
-    p.diffuse = m.diffuse;
-    p.kd = m.kd;
-    p.specular = m.specular;
-    p.model = static_cast<int>(m.model);
-    p.exponent = m.exponent;
-    p.eccentricity = m.eccentricity;
-    p.rolloff = m.rolloff;
-    p.secondary = m.secondary;
-    p.translucence = m.translucence;
-    p.focus = m.focus;
-    p.wrap = m.wrap;
-    p.reflectivity = m.reflectivity;
-    p.reflectColor = m.reflectColor;
+    fillParams(kMaterialKeys, m, p);
+    /* what no key sets */
     p.reflectedColor = BLACK;
-    p.reflectionLimit = m.reflectionLimit;
-    p.reflectBlur = m.reflectBlur;
     p.reflectBlurLimit = 64; /* the render's blur limits in "kelubase" decide */
-    p.reflectRays = m.reflectRays;
-    p.transparency = m.transparency;
-    p.ior = m.ior;
-    p.refractionLimit = m.refractionLimit;
-    p.refractBlur = m.refractBlur;
     p.refractBlurLimit = 64;
-    p.refractRays = m.refractRays;
-    p.thickness = m.thickness;
-    p.fadeDistance = m.fadeDistance;
-    p.absorbance = m.absorbance;
-    p.chromatic = m.chromatic ? 1 : 0;
-    p.indirect = m.indirect ? 1 : 0;
-    p.irradianceTint = m.irradianceTint;
     p.irradiance = BLACK;
-    p.scatterRadius = m.scatterRadius;
-    p.scatterScale = m.scatterScale;
-    p.scatterSamples = m.scatterSamples;
-    p.scatterFalloff = m.scatterFalloff;
     p.scatterMaxDepth = 1; /* eye rays only */
-    p.scatterCache = m.scatterCache;
-    p.scatterDiffuse = m.scatterDiffuse;
     p.normalOverride = miVector{0, 0, 1};
-    p.bump = m.bump;
-    p.bumpScale = m.bumpScale;
     p.scatterList = scatterList;
     return p;
 }

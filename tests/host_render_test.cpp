@@ -14,6 +14,7 @@
 #include "meshes.h"
 #include "render.h"
 #include "scene.h"
+#include "scene_keys.h"
 #include "shaders.h"
 
 #include "DruxShaderSDK.h"
@@ -27,6 +28,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <random>
 #include <sstream>
 #include <cstdlib>
@@ -90,7 +92,7 @@ SceneDesc testScene()
 
     TextureDesc t;
     t.name = "tex";
-    t.pattern = TexturePattern::Marble;
+    t.pattern = static_cast<int>(TexturePattern::Marble);
     t.scale = 1.0f;
     t.octaves = 2;
     t.ramp = {{0.0f, {0.8f, 0.7f, 0.6f, 1}, RAMP_LINEAR}, {1.0f, {0.3f, 0.35f, 0.4f, 1}, RAMP_SMOOTH}};
@@ -109,7 +111,7 @@ SceneDesc testScene()
     mirror.diffuse = {0.2f, 0.2f, 0.2f, 1};
     mirror.kd = 0.3f;
     mirror.specular = {0.8f, 0.8f, 0.8f, 1};
-    mirror.model = SpecularModel::Blinn;
+    mirror.model = static_cast<int>(SpecularModel::Blinn);
     mirror.reflectivity = 0.7f;
     mirror.reflectBlur = 0.1f;
     mirror.reflectRays = 2;
@@ -920,12 +922,85 @@ std::string readFile(const std::string &path)
     return s.str();
 }
 
-TEST(HostSceneFormat, ShippedDefaultSceneIsTheBuiltInOne)
+/* The line of `text` numbered `n` (from 1). */
+std::string lineOf(const std::string &text, int n)
+{
+    std::istringstream in(text);
+    std::string line;
+    for (int i = 0; i < n && std::getline(in, line); ++i) {
+    }
+    return line;
+}
+
+TEST(HostSceneFormat, BuiltInSceneIsTheShippedFileWithItsLines)
 {
     const std::string text = readFile(std::string(DRUXHOST_SCENE_DIR) + "/default.scene");
     ASSERT_FALSE(text.empty());
-    const SceneDesc parsed = parseScene(text);
-    EXPECT_EQ(writeScene(parsed), writeScene(defaultScene()));
+    const SceneDesc s = defaultScene();
+    EXPECT_EQ(writeScene(s), writeScene(parseScene(text)));
+    ASSERT_EQ(s.links.size(), 1u);
+    EXPECT_EQ(lineOf(text, s.links[0].line), "link \"libdruxhostshaders.so\"");
+    auto startsWith = [&](int line, const std::string &head) {
+        EXPECT_EQ(lineOf(text, line).rfind(head, 0), 0u) << line << ": " << head;
+    };
+    startsWith(s.resolutionLine, "resolution ");
+    startsWith(s.samplesLine, "samples ");
+    startsWith(s.camera.line, "camera ");
+    startsWith(s.options.line, "options ");
+    startsWith(s.environment.line, "environment ");
+    auto each = [&](const auto &items, const std::string &command) {
+        for (const auto &d : items)
+            startsWith(d.line, command + " " + d.name + " ");
+    };
+    each(s.textures, "texture");
+    each(s.materials, "material");
+    each(s.meshes, "mesh");
+    each(s.instances, "instance");
+    each(s.lights, "light");
+    each(s.passes, "pass");
+}
+
+/* Every material key: a value other than its default is written, read back
+   and lands in a field of the shader's block that no other key fills. */
+TEST(HostSceneFormat, EveryMaterialKeyRoundTripsIntoItsOwnParameter)
+{
+    const MaterialDesc fresh;
+    const MaterialParams base = materialParams(fresh, nullptr);
+    std::vector<int> owner(sizeof(MaterialParams), -1);
+    SceneDesc scene = parseScene("texture t ramp 0 1 1 1 1 linear\nshader s anything\n");
+    for (size_t i = 0; i < sizeof kMaterialKeys / sizeof kMaterialKeys[0]; ++i) {
+        const MaterialKey &k = kMaterialKeys[i];
+        MaterialDesc m;
+        m.name = k.name;
+        switch (k.type) {
+        case KeyType::Number: m.*k.number = m.*k.number + 0.25f; break;
+        case KeyType::Integer: m.*k.integer = m.*k.integer + 3; break;
+        case KeyType::Boolean: m.*k.boolean = !(m.*k.boolean); break;
+        case KeyType::Colour: m.*k.colour = miColor{0.125f, 0.5f, 0.75f, 1}; break;
+        case KeyType::Choice: m.*k.integer = 1; break;
+        case KeyType::Word: m.*k.word = std::string(k.name) == "shader" ? "s" : "t"; break;
+        case KeyType::Vector: FAIL() << "a material has no vector key"; break;
+        }
+        SceneDesc one = scene;
+        one.materials = {m};
+        const std::string text = writeScene(one);
+        EXPECT_NE(text.find("material " + m.name + " " + k.name + " "), std::string::npos) << text;
+        const SceneDesc back = parseScene(text);
+        EXPECT_EQ(writeScene(back), text);
+        if (k.type == KeyType::Word)
+            continue;
+        const MaterialParams p = materialParams(back.materials[0], nullptr);
+        const unsigned char *a = reinterpret_cast<const unsigned char *>(&p);
+        const unsigned char *b = reinterpret_cast<const unsigned char *>(&base);
+        int changed = 0;
+        for (size_t byte = 0; byte < sizeof p; ++byte)
+            if (a[byte] != b[byte]) {
+                ++changed;
+                EXPECT_EQ(owner[byte], -1) << k.name << " writes where " << kMaterialKeys[owner[byte]].name << " does";
+                owner[byte] = static_cast<int>(i);
+            }
+        EXPECT_GT(changed, 0) << k.name << " does not reach the shader's parameters";
+    }
 }
 
 TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
@@ -1009,13 +1084,38 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
     expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
-    /* whole-scene checks carry no line */
-    expectError("material m\ninstance i mesh nosuch material m\n", 0, "unknown mesh \"nosuch\"");
-    expectError("material m\nmaterial m\n", 0, "\"m\" is defined twice");
-    expectError("mesh t triangles\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 0 1 3\nend\n", 0, "vertex index 3 out of range");
-    expectError("resolution 0 5\n", 0, "outside 1 .. 16384");
-    expectError("pass g lightgroup\n", 0, "names no group");
-    expectError("light l rect u 1 0 0 v 2 0 0\n", 0, "do not span a rectangle");
+    /* checks of a whole description name the line it came from */
+    expectError("material m\n\ninstance i mesh nosuch material m\n", 3, "unknown mesh \"nosuch\"");
+    expectError("material m\nmaterial m\n", 2, "\"m\" is defined twice");
+    expectError("samples 2\nmesh t triangles\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 0 1 3\nend\n", 2,
+                "vertex index 3 out of range");
+    expectError("samples 2\nresolution 0 5\n", 2, "outside 1 .. 16384");
+    expectError("samples 2\n\npass g lightgroup\n", 3, "names no group");
+    expectError("samples 2\nlight l rect u 1 0 0 v 2 0 0\n", 2, "do not span a rectangle");
+    /* ranges of the key table */
+    expectError("samples 2\nmaterial m focus 1\n", 2, "material \"m\": focus must lie in [0, 1)");
+    expectError("material m ior 0\n", 1, "ior must be > 0");
+    expectError("material m\nmaterial n reflect_rays 257\n", 2, "reflect_rays must lie within 1 .. 256");
+    expectError("material m scatter_samples 0\n", 1, "scatter_samples must be >= 1");
+    expectError("material m model glossy\n", 1, "model: \"glossy\" is not one of phong, blinn");
+    expectError("\noptions trace_depth 65\n", 2, "options: trace_depth must lie within 0 .. 64");
+    expectError("camera fov 179\n", 1, "camera: fov must lie in (0, 179)");
+    expectError("camera position 0 0 1 target 0 0 1\n", 1, "not collinear");
+    expectError("samples 2\nlight l rect samples 0\n", 2, "light \"l\": samples must lie within 1 .. 1024");
+    expectError("light l plain shadow_mode shared\n", 1, "unknown light key \"shadow_mode\"");
+    expectError("light l point falloff linear\n", 1, "\"linear\" is not one of none, quadratic");
+    expectError("texture t octaves 13 ramp 0 1 1 1 1 linear\n", 1, "octaves must lie within 1 .. 12");
+    /* a description made in code has no line */
+    SceneDesc made = parseScene("material m\n");
+    made.materials[0].line = 0;
+    made.materials[0].scatterScale.g = std::numeric_limits<float>::infinity();
+    try {
+        validate(made);
+        ADD_FAILURE() << "accepted an infinite colour";
+    } catch (const SceneError &e) {
+        EXPECT_EQ(e.line(), 0);
+        EXPECT_STREQ(e.what(), "material \"m\": scatter_scale is a colour that is not finite");
+    }
     EXPECT_THROW(loadScene("/nonexistent/dir/x.scene"), SceneError);
 }
 
