@@ -22,7 +22,6 @@ template <class T> T rd(const unsigned char *p, size_t off)
     return v;
 }
 
-miVector vecAt(const float *rec, unsigned pos) { return {rec[pos], rec[pos + 1], rec[pos + 2]}; }
 
 miVector lerp3(const float *a, const float *b, const float *c, unsigned pos, float w0, float w1, float w2)
 {
@@ -118,11 +117,11 @@ void BvhScene::add(const mirt::GeometryTags &tags)
             miVector *nrm[3] = {&tri.na, &tri.nb, &tri.nc};
             for (int c = 0; c < 3; ++c) {
                 const float *r = vf + size_t(idx[c]) * vsize;
-                const miVector p = vecAt(r, 0);
+                const miVector p = vec_at(r, 0);
                 mi_point_transform(pos[c], &p, inst->local_to_global);
                 if (npos) {
                     /* normals transform by the inverse transpose */
-                    const miVector n = vecAt(r, npos);
+                    const miVector n = vec_at(r, npos);
                     mi_vector_transform_T(nrm[c], &n, inst->global_to_local);
                     *nrm[c] = normalized(*nrm[c]);
                 } else {

@@ -1,11 +1,13 @@
 /*
- * Small vector and matrix helpers of the reference host (single precision,
- * row vectors as the renderer uses them: p' = p * M).
+ * Matrix helpers of the reference host (single precision, row vectors as
+ * the renderer uses them: p' = p * M); the vector helpers come from the
+ * platform's vecmath.h.
  */
 #ifndef DRUXHOST_MATH_H
 #define DRUXHOST_MATH_H
 
 #include "shader.h"
+#include "vecmath.h"
 
 #include <array>
 #include <cmath>
@@ -13,20 +15,15 @@
 namespace druxhost {
 
 inline miVector v3(float x, float y, float z) { return miVector{x, y, z}; }
-inline miVector add(const miVector &a, const miVector &b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
-inline miVector sub(const miVector &a, const miVector &b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-inline miVector mul(const miVector &a, float s) { return {a.x * s, a.y * s, a.z * s}; }
-inline float dot(const miVector &a, const miVector &b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline miVector cross(const miVector &a, const miVector &b)
-{
-    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-inline float length(const miVector &a) { return std::sqrt(dot(a, a)); }
-inline miVector normalized(const miVector &a)
-{
-    const float l = length(a);
-    return l > 0.0f ? mul(a, 1.0f / l) : a;
-}
+using mirt::add;
+using mirt::cross;
+using mirt::dot;
+using mirt::length;
+using mirt::mul;
+using mirt::normalized;
+using mirt::radical_inverse;
+using mirt::sub;
+using mirt::vec_at;
 
 inline miColor rgba(float r, float g, float b, float a = 1.0f) { return miColor{r, g, b, a}; }
 

@@ -87,16 +87,6 @@ struct Camera {
     }
 };
 
-double radicalInverse(uint32_t i, uint32_t base)
-{
-    double inv = 1.0 / base, f = inv, r = 0.0;
-    while (i) {
-        r += f * (i % base);
-        i /= base;
-        f *= inv;
-    }
-    return r;
-}
 
 uint32_t hash32(uint32_t x)
 {
@@ -118,8 +108,8 @@ void jitter(int x, int y, int s, int samples, double &jx, double &jy)
     }
     const uint32_t h = hash32(static_cast<uint32_t>(x) * 0x9E3779B1u ^ hash32(static_cast<uint32_t>(y) + 0x632BE5ABu));
     const double rx = (h & 0xFFFF) / 65536.0, ry = (h >> 16) / 65536.0;
-    jx = radicalInverse(static_cast<uint32_t>(s), 2) + rx;
-    jy = radicalInverse(static_cast<uint32_t>(s), 3) + ry;
+    jx = radical_inverse(static_cast<uint32_t>(s), 2) + rx;
+    jy = radical_inverse(static_cast<uint32_t>(s), 3) + ry;
     if (jx >= 1.0)
         jx -= 1.0;
     if (jy >= 1.0)

@@ -32,6 +32,7 @@
  */
 #include "geometry.h"
 #include "runtime_internal.h"
+#include "vecmath.h"
 
 #include <algorithm>
 #include <cmath>
@@ -60,23 +61,6 @@ template <class T> void wr(unsigned char *p, size_t off, T v)
     std::memcpy(p + off, &v, sizeof v);
 }
 
-miVector sub(const miVector &a, const miVector &b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-miVector cross(const miVector &a, const miVector &b)
-{
-    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-float dot(const miVector &a, const miVector &b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-miVector normalized(miVector v)
-{
-    float len = std::sqrt(dot(v, v));
-    if (len > 0.0f) {
-        float inv = 1.0f / len;
-        v.x *= inv;
-        v.y *= inv;
-        v.z *= inv;
-    }
-    return v;
-}
 
 /* An item's data when it exists and has the type (no pin: runtime-internal reads). */
 const unsigned char *item(miTag tag, int type, size_t min_size)
@@ -153,8 +137,6 @@ struct BoxView {
         return true;
     }
 };
-
-miVector vec_at(const float *rec, unsigned pos) { return {rec[pos], rec[pos + 1], rec[pos + 2]}; }
 
 miVector lerp3(const float *a, const float *b, const float *c, unsigned pos, float w0, float w1, float w2)
 {

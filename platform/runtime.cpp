@@ -5,6 +5,7 @@
  * with its state life cycle.  Tracing lives in trace.cpp.
  */
 #include "runtime_internal.h"
+#include "vecmath.h"
 
 #include <algorithm>
 #include <cmath>
@@ -454,19 +455,6 @@ const unsigned kPrimes[kPrimeCount] = {
     59,  61,  67,  71,  73,  79,  83,  89,  97,  101, 103, 107, 109, 113, 127, 131,
     137, 139, 149, 151, 157, 163, 167, 173, 179, 181, 191, 193, 197, 199, 211, 223,
     227, 229, 233, 239, 241, 251, 257, 263, 269, 271, 277, 281, 283, 293, 307, 311};
-
-/* Radical inverse of i in base b (exact in double for the indices used). */
-double radical_inverse(uint64_t i, unsigned b)
-{
-    const double inv = 1.0 / b;
-    double f = inv, r = 0.0;
-    while (i) {
-        r += static_cast<double>(i % b) * f;
-        i /= b;
-        f *= inv;
-    }
-    return r;
-}
 
 /* ---- per-thread result buffers of mi_phen_eval */
 

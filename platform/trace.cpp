@@ -10,6 +10,7 @@
  * shader when the ray leaves the scene.
  */
 #include "runtime_internal.h"
+#include "vecmath.h"
 
 #include <algorithm>
 #include <cmath>
@@ -38,18 +39,7 @@ const miColor kBlack = {0, 0, 0, 0};
 
 void error(const std::string &text) { log_message(Level::Error, text); }
 
-float dot(const miVector &a, const miVector &b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-miVector scale(const miVector &a, float s) { return {a.x * s, a.y * s, a.z * s}; }
 miVector neg(const miVector &a) { return {-a.x, -a.y, -a.z}; }
-miVector cross(const miVector &a, const miVector &b)
-{
-    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-miVector normalized(miVector v)
-{
-    const float len = std::sqrt(dot(v, v));
-    return len > 0.0f ? scale(v, 1.0f / len) : v;
-}
 
 const miInstance *instance_rec(miTag tag)
 {

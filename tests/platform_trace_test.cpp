@@ -3,6 +3,7 @@
 // final gathering, eye rays and the geometric queries.
 #include "geometry.h"
 #include "runtime.h"
+#include "vecmath.h"
 
 #include <gtest/gtest.h>
 
@@ -33,7 +34,7 @@ template <class T> T at(const void *p, size_t off)
     return v;
 }
 
-float dot(const miVector &a, const miVector &b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+using mirt::dot;
 float len(const miVector &a) { return std::sqrt(dot(a, a)); }
 
 void expectVec(const miVector &v, float x, float y, float z, float tol = 1e-5f)
