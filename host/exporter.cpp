@@ -1,5 +1,7 @@
 #include "exporter.h"
 
+#include "fbuf_writer.h"
+
 #include <algorithm>
 #include <cstddef>
 
@@ -39,14 +41,6 @@ PassLayout layoutPasses(const SceneDesc &scene)
 
 namespace {
 
-constexpr size_t kFixed = sizeof(FrameBufferDataBlock); /* 96 */
-constexpr size_t kNonMatSlot = offsetof(FrameBufferDataBlock, nonMaterialPasses);
-constexpr size_t kRecordSlot = offsetof(FrameBufferDataBlock, frameBufferInfo);
-constexpr size_t kTypeSlot = offsetof(FrameBufferDataBlock, typeCounts);
-constexpr size_t kRecord = sizeof(FrameBufferInfoRecord);
-
-void put(std::vector<uint32_t> &w, size_t byteOffset, uint32_t v) { w.at(byteOffset / 4) = v; }
-
 bool receivesLight(PassRole r)
 {
     return r == PassRole::Beauty || r == PassRole::Diffuse || r == PassRole::Specular ||
@@ -58,49 +52,26 @@ bool receivesLight(PassRole r)
 std::vector<uint32_t> buildFbufBlock(const SceneDesc &scene, const PassLayout &layout,
                                      const std::function<miTag(const std::string &)> &nameTag)
 {
-    /* Layout: the fixed 96 bytes, then the 35 type counts, the non-material
-       name tags, and the 60-byte records, each array stored so that element k
-       lies at its storage slot + (first + k) elements. */
-    const size_t typeAt = kFixed;
-    const size_t nonMatAt = typeAt + 4 * DRUX_PASS_TYPES;
-    const size_t afterNonMat = nonMatAt + 4 * layout.constantPass.size();
-    const size_t recFirst = (afterNonMat - kRecordSlot + kRecord - 1) / kRecord;
-    const size_t recAt = kRecordSlot + recFirst * kRecord;
-    const size_t total = recAt + kRecord * layout.entryPass.size();
-
-    std::vector<uint32_t> w(total / 4, 0u);
-    put(w, 0, FBUF_MAGIC);
-
-    put(w, 4, static_cast<uint32_t>((nonMatAt - kNonMatSlot) / 4));
-    put(w, 8, static_cast<uint32_t>(layout.constantPass.size()));
-    for (size_t k = 0; k < layout.constantPass.size(); ++k)
-        put(w, nonMatAt + 4 * k, nameTag(scene.passes[static_cast<size_t>(layout.constantPass[k])].name));
-
-    put(w, 16, static_cast<uint32_t>(recFirst));
-    put(w, 20, static_cast<uint32_t>(layout.entryPass.size()));
-    for (size_t k = 0; k < layout.entryPass.size(); ++k) {
-        const int pi = layout.entryPass[k];
+    fbufw::FbufContent c;
+    for (int pi : layout.constantPass)
+        c.nonMaterialPasses.push_back(nameTag(scene.passes[static_cast<size_t>(pi)].name));
+    for (int pi : layout.entryPass) {
         const PassDesc &p = scene.passes[static_cast<size_t>(pi)];
-        const size_t at = recAt + kRecord * k;
-        put(w, at, nameTag(p.name));
-        /* words 1..9 -> flag bits 0x1 .. 0x100 */
-        put(w, at + 4 * 8, receivesLight(p.role) ? 1u : 0u);
-        put(w, at + 4 * 9, p.allOccluders ? 1u : 0u);
-        put(w, at + 40, static_cast<uint32_t>(p.role));
-        put(w, at + 44, static_cast<uint32_t>(pi));
-        uint32_t group = 0;
+        FrameBufferInfoRecord r{};
+        r.frameBufferName = nameTag(p.name);
+        /* flag word k -> flag bit 1 << (k - 1) */
+        r.flag[8 - 1] = receivesLight(p.role) ? 1 : 0;
+        r.flag[9 - 1] = p.allOccluders ? 1 : 0;
+        r.hostData[0] = static_cast<miUint>(p.role);
+        r.hostData[1] = static_cast<miUint>(pi);
         if (p.role == PassRole::LightGroup)
             for (size_t g = 0; g < layout.groups.size(); ++g)
                 if (layout.groups[g] == p.group)
-                    group = static_cast<uint32_t>(g + 1);
-        put(w, at + 48, group);
+                    r.hostData[2] = static_cast<miUint>(g + 1);
+        c.records.push_back(r);
     }
-
-    put(w, 84, static_cast<uint32_t>((typeAt - kTypeSlot) / 4));
-    put(w, 88, static_cast<uint32_t>(DRUX_PASS_TYPES));
-    for (int t = 0; t < DRUX_PASS_TYPES; ++t)
-        put(w, typeAt + 4 * static_cast<size_t>(t), static_cast<uint32_t>(layout.typeCounts[static_cast<size_t>(t)]));
-    return w;
+    c.typeCounts = layout.typeCounts;
+    return fbufw::writeFbuf(c);
 }
 
 std::string maskText(const std::vector<bool> &on)

@@ -7,28 +7,6 @@
 
 namespace fbtest {
 
-namespace {
-
-constexpr size_t kFixed = sizeof(FrameBufferDataBlock); /* 96 */
-constexpr size_t kRecord = sizeof(FrameBufferInfoRecord); /* 60 */
-constexpr size_t kNonMatSlot = offsetof(FrameBufferDataBlock, nonMaterialPasses);
-constexpr size_t kRecordSlot = offsetof(FrameBufferDataBlock, frameBufferInfo);
-constexpr size_t kTypeSlot = offsetof(FrameBufferDataBlock, typeCounts);
-
-/* Smallest offset >= at that lies a whole number of elements past slot. */
-size_t alignTo(size_t at, size_t slot, size_t elem)
-{
-    size_t k = (at - slot + elem - 1) / elem;
-    return slot + k * elem;
-}
-
-void put(std::vector<uint32_t> &w, size_t byteOffset, uint32_t value)
-{
-    w.at(byteOffset / 4) = value;
-}
-
-} // namespace
-
 /* ------------------------------------------------------------ declarations */
 
 FrameBufferDecl &FrameBufferDecl::flag(int word, int value)
@@ -134,88 +112,44 @@ FbufBuilder &FbufBuilder::byteSwappedMagic(bool on) { swappedMagic_ = on; return
 FbufBuilder &FbufBuilder::truncate(size_t bytes) { truncate_ = bytes; return *this; }
 FbufBuilder &FbufBuilder::parameterSizeOverride(int size) { paramSize_ = size; return *this; }
 
-FbufBuilder::Layout FbufBuilder::layout() const
+fbufw::FbufContent FbufBuilder::content(bool makeNames) const
 {
-    Layout l;
-    l.typeCountsLen = tcLength_;
-    size_t at = kFixed;
-    if (inline_ && l.typeCountsLen <= 1) {
-        l.typeCounts = kTypeSlot;
-    } else {
-        l.typeCounts = at;
-        at += 4 * static_cast<size_t>(l.typeCountsLen);
+    fbufw::FbufContent c;
+    for (const NonMaterialDecl &d : nonMat_)
+        c.nonMaterialPasses.push_back(makeNames && !d.nullName ? mirt::db_create_string(d.name.c_str()) : 0);
+    for (const FrameBufferDecl &d : frameBuffers()) {
+        FrameBufferInfoRecord r{};
+        if (d.nameTagOverride)
+            r.frameBufferName = d.nameTagOverride;
+        else if (makeNames && !d.nullName)
+            r.frameBufferName = mirt::db_create_string(d.name.c_str());
+        std::copy(d.words, d.words + 9, r.flag);
+        std::copy(d.hostData, d.hostData + 4, r.hostData);
+        r.hostTail = d.hostTail;
+        c.records.push_back(r);
     }
-    if (inline_ && nonMat_.size() <= 1) {
-        l.nonMat = kNonMatSlot;
-    } else {
-        l.nonMat = at;
-        at += 4 * nonMat_.size();
-    }
-    if (inline_ && fbs_.size() <= 1) {
-        l.records = kRecordSlot;
-    } else {
-        l.records = alignTo(at, kRecordSlot, kRecord);
-        at = l.records + kRecord * fbs_.size();
-    }
-    l.total = at;
-    return l;
+    c.typeCounts = typeCounts();
+    for (const auto &o : tcOverride_)
+        if (o.first >= 0 && o.first < DRUX_PASS_TYPES)
+            c.typeCounts[static_cast<size_t>(o.first)] = o.second;
+    c.typeCounts.resize(static_cast<size_t>(tcLength_), tcFill_);
+    c.inlineSingleElements = inline_;
+    c.nonMaterialPassesFirst = nonMatFirst_;
+    c.nonMaterialPassesCount = nonMatCount_;
+    c.frameBufferInfoFirst = fbFirst_;
+    c.frameBufferInfoCount = fbCount_;
+    c.typeCountsFirst = tcFirst_;
+    return c;
 }
 
-size_t FbufBuilder::typeCountsOffset() const { return layout().typeCounts; }
-size_t FbufBuilder::nonMaterialOffset() const { return layout().nonMat; }
-size_t FbufBuilder::recordsOffset() const { return layout().records; }
+size_t FbufBuilder::typeCountsOffset() const { return fbufw::fbufLayout(content(false)).typeCounts; }
+size_t FbufBuilder::nonMaterialOffset() const { return fbufw::fbufLayout(content(false)).nonMaterialPasses; }
+size_t FbufBuilder::recordsOffset() const { return fbufw::fbufLayout(content(false)).records; }
 
 std::vector<uint32_t> FbufBuilder::words() const
 {
-    const Layout l = layout();
-    std::vector<uint32_t> w(l.total / 4, 0u);
-
-    put(w, 0, FBUF_MAGIC);
-
-    /* non-material passes */
-    const int nmFirst = static_cast<int>((l.nonMat - kNonMatSlot) / 4);
-    put(w, 4, static_cast<uint32_t>(nonMatFirst_.value_or(nmFirst)));
-    put(w, 8, static_cast<uint32_t>(nonMatCount_.value_or(static_cast<int>(nonMat_.size()))));
-    for (size_t k = 0; k < nonMat_.size(); ++k) {
-        const NonMaterialDecl &d = nonMat_[k];
-        miTag tag = d.nullName ? 0 : mirt::db_create_string(d.name.c_str());
-        put(w, l.nonMat + 4 * k, tag);
-    }
-
-    /* frame-buffer records, sorted by type */
-    const std::vector<FrameBufferDecl> fbs = frameBuffers();
-    const int fbFirst = static_cast<int>((l.records - kRecordSlot) / kRecord);
-    put(w, 16, static_cast<uint32_t>(fbFirst_.value_or(fbFirst)));
-    put(w, 20, static_cast<uint32_t>(fbCount_.value_or(static_cast<int>(fbs.size()))));
-    for (size_t k = 0; k < fbs.size(); ++k) {
-        const FrameBufferDecl &d = fbs[k];
-        const size_t at = l.records + kRecord * k;
-        miTag tag = 0;
-        if (d.nameTagOverride)
-            tag = d.nameTagOverride;
-        else if (!d.nullName)
-            tag = mirt::db_create_string(d.name.c_str());
-        put(w, at, tag);
-        for (int i = 0; i < 9; ++i)
-            put(w, at + 4 + 4 * i, static_cast<uint32_t>(d.words[i]));
-        for (int i = 0; i < 4; ++i)
-            put(w, at + 40 + 4 * i, d.hostData[i]);
-        put(w, at + 56, d.hostTail);
-    }
-
-    /* type counts */
-    std::vector<int> counts = typeCounts();
-    for (const auto &o : tcOverride_)
-        if (o.first >= 0 && o.first < DRUX_PASS_TYPES)
-            counts[o.first] = o.second;
-    const int tcFirst = static_cast<int>((l.typeCounts - kTypeSlot) / 4);
-    put(w, 84, static_cast<uint32_t>(tcFirst_.value_or(tcFirst)));
-    put(w, 88, static_cast<uint32_t>(l.typeCountsLen));
-    for (int t = 0; t < l.typeCountsLen; ++t) {
-        int v = t < DRUX_PASS_TYPES ? counts[t] : tcFill_;
-        put(w, l.typeCounts + 4 * static_cast<size_t>(t), static_cast<uint32_t>(v));
-    }
-
+    std::vector<uint32_t> w = fbufw::writeFbuf(content(true));
+    /* damage on top of the writer's block */
     if (truncate_ && *truncate_ / 4 < w.size())
         w.resize((*truncate_ + 3) / 4);
     if (swapped_)

@@ -12,23 +12,21 @@
  *     fbtest::FbufSetup s = fbtest::install(ctx, b);   // declares, attaches, registers
  *     miState *st = ctx.begin_state();                   // runs op 0
  *
- * Layout written (all words in this machine's byte order unless swapped):
- *   bytes 0..95   the fixed part of FrameBufferDataBlock (magic, three
- *                 first/count/storage triples);
- *   bytes 96..    the tails: the type-count array, the non-material name
- *                 tags, then the 60-byte frameBufferInfo records, each array
- *                 placed so that element k lies at its storage slot +
- *                 (first + k) elements.
+ * The block is laid out by the exporter's writer (tools/fbuf_writer.h), in
+ * this machine's byte order unless swapped.
  * The user-data header's parameter_size (byte 12) holds the parameter-area
  * size, so readers can bound what they read.
  *
  * Deliberate faults are set with the fault setters; they only change the
- * words written, never what the builder returns from frameBuffers().
+ * words written, never what the builder returns from frameBuffers().  Header
+ * words go through the writer; truncation and byte order are applied to its
+ * output.
  */
 #ifndef DRUX_TEST_FBUF_BUILDER_H
 #define DRUX_TEST_FBUF_BUILDER_H
 
 #include "DruxShaderSDK.h"
+#include "fbuf_writer.h"
 #include "runtime.h"
 
 #include <cstdint>
@@ -120,11 +118,9 @@ public:
     size_t recordsOffset() const;      /* first frameBufferInfo record */
 
 private:
-    struct Layout {
-        size_t typeCounts, nonMat, records, total;
-        int typeCountsLen;
-    };
-    Layout layout() const;
+    /* What the writer gets; makeNames false leaves the name tags 0 (for the
+       offsets, which do not depend on them). */
+    fbufw::FbufContent content(bool makeNames) const;
 
     std::vector<FrameBufferDecl> fbs_;
     std::vector<NonMaterialDecl> nonMat_;
