@@ -3,13 +3,19 @@
 
 Each seed follows the input layout described at the top of its target's
 source.  The frame-buffer seeds name the frame buffers by the tags the
-target creates at start-up (print them with DRUX_FUZZ_PRINT_TAGS=1).
+target creates at start-up (print them with DRUX_FUZZ_PRINT_TAGS=1); their
+blocks are written by fbuf_block, the host exporter's block writer, built in
+the normal build:
+
+    ninja -C build/release fbuf_block && python3 fuzz/make_seeds.py [path/to/fbuf_block]
 """
 import os
 import struct
+import subprocess
+import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-FBUF = 0x46427566
+FBUF_BLOCK = sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "..", "build", "release", "fbuf_block")
 KELU = 0x4B656C75
 NAME_TAGS = {"beauty": 6, "diffuse": 7, "shadow": 8, "matte": 9, "unknown": 10, "empty": 11, "data": 12}
 
@@ -38,32 +44,18 @@ def write(target, name, data):
 
 
 # ------------------------------------------------------------------ FBuf
-def fbuf_block(records, nonmat, counts, rec_first=None, nm_first=None, tc_first=None, tc_len=35,
-               rec_count=None, nm_count=None):
-    """records: list of (name tag, [9 flag words], [4 host words], tail)."""
-    rec_at = 144
-    nm_at = rec_at + 60 * len(records)
-    tc_at = nm_at + 4 * len(nonmat)
-    total = tc_at + 4 * tc_len
-    w = bytearray(total)
-
-    def put(off, b):
-        w[off:off + len(b)] = b
-
-    put(0, u32(FBUF))
-    put(4, i32(nm_first if nm_first is not None else (nm_at - 12) // 4))
-    put(8, i32(nm_count if nm_count is not None else len(nonmat)))
-    put(16, i32(rec_first if rec_first is not None else (rec_at - 24) // 60))
-    put(20, i32(rec_count if rec_count is not None else len(records)))
-    put(84, i32(tc_first if tc_first is not None else (tc_at - 92) // 4))
-    put(88, i32(tc_len))
-    for k, (name, flags, host, tail) in enumerate(records):
-        put(rec_at + 60 * k, u32(name) + b"".join(i32(f) for f in flags) + b"".join(u32(h) for h in host) + u32(tail))
-    for k, name in enumerate(nonmat):
-        put(nm_at + 4 * k, u32(name))
-    for t in range(min(tc_len, 35)):
-        put(tc_at + 4 * t, i32(counts.get(t, 0)))
-    return bytes(w)
+def fbuf_block(records, nonmat, counts, tc_len=35, **header):
+    """records: list of (name tag, [9 flag words], [4 host words], tail);
+    header: header words written instead of the layout's (fbuf_block --set)."""
+    args = [FBUF_BLOCK]
+    for name, flags, host, tail in records:
+        args += ["--record", "%d:%s:%s:%d" % (name, ",".join(map(str, flags)), ",".join(map(str, host)), tail)]
+    for name in nonmat:
+        args += ["--nonmat", str(name)]
+    args += ["--counts", ",".join(str(counts.get(t, 0)) for t in range(tc_len))]
+    for field, value in header.items():
+        args += ["--set", "%s=%d" % (field, value)]
+    return subprocess.run(args, check=True, stdout=subprocess.PIPE).stdout
 
 
 def fbuf_seed(flags, block, ops):
@@ -96,16 +88,16 @@ write("fbuf", "three-records", fbuf_seed(0x01, good, script))
 write("fbuf", "rasterizer-decoy", fbuf_seed(0x02 | 0x04 | 0x08, good, script))
 write("fbuf", "swapped-magic", fbuf_seed(0x10, good, [2, 0, 3, 1]))
 write("fbuf", "no-records", fbuf_seed(0x00, fbuf_block([], [], {}), [2, 0, 3, 1, 5, 0]))
-write("fbuf", "truncated", fbuf_seed(0x00, good[:200], [2, 0, 3, 1]))
-write("fbuf", "records-past-end", fbuf_seed(0x00, fbuf_block(three, [], counts3, rec_first=7), [2, 0]))
-write("fbuf", "negative-first", fbuf_seed(0x00, fbuf_block(three, [], counts3, tc_first=-40), [2, 0]))
+write("fbuf", "truncated", fbuf_seed(0x00, good[:-30], [2, 0, 3, 1]))
+write("fbuf", "records-past-end", fbuf_seed(0x00, fbuf_block(three, [], counts3, frameBufferInfoFirst=7), [2, 0]))
+write("fbuf", "negative-first", fbuf_seed(0x00, fbuf_block(three, [], counts3, typeCountsFirst=-40), [2, 0]))
 write("fbuf", "counts-mismatch", fbuf_seed(0x00, fbuf_block(three, [], {0: 2, 12: 2}), [2, 0, 3, 1, 1]))
 write("fbuf", "short-type-counts", fbuf_seed(0x03, fbuf_block(three, [], counts3, tc_len=13), [2, 0, 8, 3, 9, 9, 9, 1, 0, 0, 2, 1, 3, 1]))
 write("fbuf", "unknown-names",
       fbuf_seed(0x00, fbuf_block([rec("unknown"), rec("empty"), rec("data")], [NAME_TAGS["data"]], {0: 3}),
                 [2, 0, 5, 0, 3, 1]))
 write("fbuf", "nonmat-count-huge",
-      fbuf_seed(0x00, fbuf_block(three, [NAME_TAGS["matte"]], counts3, nm_count=1000), [2, 0, 5, 0, 5, 200]))
+      fbuf_seed(0x00, fbuf_block(three, [NAME_TAGS["matte"]], counts3, nonMaterialPassesCount=1000), [2, 0, 5, 0, 5, 200]))
 
 
 # ------------------------------------------------------------------ user data
