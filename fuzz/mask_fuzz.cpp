@@ -23,6 +23,7 @@
  *   entries     per entry: flag byte, shadow and light colours
  *   then        transparency, applyToLight, the non-pass light's colour
  */
+#include "fbuf_writer.h"
 #include "harness.h"
 
 const fz::Target fz::kTarget = {"mask_fuzz", 2, 2};
@@ -114,17 +115,12 @@ bool same(const miColor &a, const miColor &b)
 void fz::setUp()
 {
     World &w = gWorld;
-    /* A block with 40 records, all of pass type 0: the records from byte
-       144 on (first index 2, clear of the fixed part), then the 35 type
-       counts. */
-    const size_t recordsAt = 24 + 60 * 2, countsAt = recordsAt + 60 * kEntries;
-    std::vector<int32_t> b((countsAt + 4 * 35) / 4, 0);
-    b[0] = static_cast<int32_t>(FBUF_MAGIC);
-    b[4] = 2;        /* frameBufferInfo first */
-    b[5] = kEntries; /* count */
-    b[21] = static_cast<int32_t>((countsAt - 92) / 4); /* typeCounts first */
-    b[22] = 35;
-    b[countsAt / 4] = kEntries;
+    /* A block with 40 unnamed records, all of pass type 0. */
+    fbufw::FbufContent content;
+    content.records.assign(kEntries, FrameBufferInfoRecord{});
+    content.typeCounts.assign(DRUX_PASS_TYPES, 0);
+    content.typeCounts[0] = kEntries;
+    const std::vector<uint32_t> b = fbufw::writeFbuf(content);
     const miTag block = mirt::db_create_userdata(b.data(), b.size() * 4, 0);
     fz::context().attach_camera_userdata(block);
     fz::context().add_state_shader(mirt::make_function(
