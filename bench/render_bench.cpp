@@ -1,0 +1,111 @@
+// What render passes cost: the default scene rendered on one thread with all
+// its passes, with the beauty pass only and with no frame-buffer block at all
+// (no passes, the library's state shader not installed).  The three variants
+// are rendered in turn, several rounds, so that a slow phase of the machine
+// touches all of them alike; the median of each is printed as seconds per
+// megasample with the ratios to the render without a block.
+//
+//   render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N]
+//
+// Defaults: 5 rounds, 400x300, the scene's samples (4), 1 thread.
+#include "render.h"
+#include "runtime.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using namespace druxhost;
+
+namespace {
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    const size_t n = v.size();
+    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+int positive(const char *s, const char *what)
+{
+    const int v = std::atoi(s);
+    if (v < 1) {
+        std::fprintf(stderr, "render_bench: %s needs a positive number\n", what);
+        std::exit(2);
+    }
+    return v;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    int rounds = 5, width = 400, height = 300, samples = 0, threads = 1;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (a == "--rounds" && v) {
+            rounds = positive(v, "--rounds"), ++i;
+        } else if (a == "--samples" && v) {
+            samples = positive(v, "--samples"), ++i;
+        } else if (a == "--threads" && v) {
+            threads = positive(v, "--threads"), ++i;
+        } else if (a == "--resolution" && v && std::sscanf(v, "%dx%d", &width, &height) == 2 && width > 0 &&
+                   height > 0) {
+            ++i;
+        } else {
+            std::fprintf(stderr, "usage: render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N]\n");
+            return 2;
+        }
+    }
+
+    SceneDesc all = defaultScene();
+    all.width = width;
+    all.height = height;
+    if (samples)
+        all.samples = samples;
+    SceneDesc beauty = all;
+    beauty.passes.erase(std::remove_if(beauty.passes.begin(), beauty.passes.end(),
+                                       [](const PassDesc &p) { return p.role != PassRole::Beauty; }),
+                        beauty.passes.end());
+    for (InstanceDesc &inst : beauty.instances)
+        inst.shadowPasses.clear();
+    SceneDesc none = beauty;
+    none.passes.clear();
+
+    struct Variant {
+        const char *name;
+        const SceneDesc *scene;
+        std::vector<double> spm; /* seconds per megasample, one per round */
+    };
+    Variant variants[3] = {{"all passes", &all, {}}, {"beauty only", &beauty, {}}, {"no block", &none, {}}};
+
+    RenderOptions ro;
+    ro.threads = threads;
+    std::printf("default scene %dx%d, %d samples, %d thread%s, %d rounds\n", width, height, all.samples, threads,
+                threads == 1 ? "" : "s", rounds);
+    for (int r = 0; r < rounds; ++r) {
+        for (Variant &v : variants) {
+            const RenderResult res = render(*v.scene, ro);
+            if (res.stats.errors) {
+                std::fprintf(stderr, "render_bench: %s: %zu error(s) during the render\n", v.name, res.stats.errors);
+                return 1;
+            }
+            v.spm.push_back(res.stats.secondsPerMegasample());
+        }
+        mirt::clear_messages();
+    }
+    const double base = median(variants[2].spm);
+    for (const Variant &v : variants) {
+        std::printf("  %-12s %8.3f s per megasample (median; rounds:", v.name, median(v.spm));
+        for (double s : v.spm)
+            std::printf(" %.3f", s);
+        std::printf(")\n");
+    }
+    std::printf("  all passes / no block   %.3f\n", median(variants[0].spm) / base);
+    std::printf("  beauty only / no block  %.3f\n", median(variants[1].spm) / base);
+    return 0;
+}
