@@ -3,7 +3,10 @@
 // (no passes, the library's state shader not installed).  The three variants
 // are rendered in turn, several rounds, so that a slow phase of the machine
 // touches all of them alike; the median of each is printed as seconds per
-// megasample with the ratios to the render without a block.
+// megasample with the ratios to the render without a block.  Times are the
+// process's CPU time over the whole render() call (set-up included), which
+// other programs on a busy machine disturb far less than wall time; the
+// render's own wall time of the sampling is printed beside it.
 //
 //   render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N]
 //
@@ -16,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <time.h>
 #include <vector>
 
 using namespace druxhost;
@@ -27,6 +31,13 @@ double median(std::vector<double> v)
     std::sort(v.begin(), v.end());
     const size_t n = v.size();
     return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+double cpuSeconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + 1e-9 * double(ts.tv_nsec);
 }
 
 int positive(const char *s, const char *what)
@@ -79,9 +90,11 @@ int main(int argc, char **argv)
     struct Variant {
         const char *name;
         const SceneDesc *scene;
-        std::vector<double> spm; /* seconds per megasample, one per round */
+        std::vector<double> spm;  /* CPU seconds per megasample, one per round */
+        std::vector<double> wall; /* wall seconds of the sampling per megasample */
     };
-    Variant variants[3] = {{"all passes", &all, {}}, {"beauty only", &beauty, {}}, {"no block", &none, {}}};
+    Variant variants[3] = {
+        {"all passes", &all, {}, {}}, {"beauty only", &beauty, {}, {}}, {"no block", &none, {}, {}}};
 
     RenderOptions ro;
     ro.threads = threads;
@@ -89,21 +102,24 @@ int main(int argc, char **argv)
                 threads == 1 ? "" : "s", rounds);
     for (int r = 0; r < rounds; ++r) {
         for (Variant &v : variants) {
+            const double t0 = cpuSeconds();
             const RenderResult res = render(*v.scene, ro);
+            const double cpu = cpuSeconds() - t0;
             if (res.stats.errors) {
                 std::fprintf(stderr, "render_bench: %s: %zu error(s) during the render\n", v.name, res.stats.errors);
                 return 1;
             }
-            v.spm.push_back(res.stats.secondsPerMegasample());
+            v.spm.push_back(cpu / (double(res.stats.eyeSamples) * 1e-6));
+            v.wall.push_back(res.stats.secondsPerMegasample());
         }
         mirt::clear_messages();
     }
     const double base = median(variants[2].spm);
     for (const Variant &v : variants) {
-        std::printf("  %-12s %8.3f s per megasample (median; rounds:", v.name, median(v.spm));
+        std::printf("  %-12s %7.3f CPU s per megasample (median; rounds:", v.name, median(v.spm));
         for (double s : v.spm)
             std::printf(" %.3f", s);
-        std::printf(")\n");
+        std::printf("), wall %.3f\n", median(v.wall));
     }
     std::printf("  all passes / no block   %.3f\n", median(variants[0].spm) / base);
     std::printf("  beauty only / no block  %.3f\n", median(variants[1].spm) / base);

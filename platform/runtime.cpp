@@ -323,8 +323,6 @@ StateFrame *new_frame_pair(std::vector<StateFrame *> &owned)
 
 void free_store(miShaderStateStore *store)
 {
-    for (auto &e : store->entries)
-        ::operator delete(e.data);
     for (StateFrame *f : store->frames)
         delete f;
     delete store;
@@ -1582,62 +1580,6 @@ void mi_info(const char *fmt, ...)
     std::string s = vformat(fmt, ap);
     va_end(ap);
     log_message(Level::Info, s);
-}
-
-/* ---- shader state */
-
-void *mi_shaderstate_get(miState *state, const char *key, int *size)
-{
-    if (!state || !state->shaderstate || !key)
-        return nullptr;
-    for (auto &e : state->shaderstate->entries)
-        if (e.key == key) {
-            if (size)
-                *size = e.size;
-            return e.data;
-        }
-    return nullptr;
-}
-
-/* The lifetime argument is accepted and ignored: every entry lives until it is
-   removed or its eye state ends. */
-miBoolean mi_shaderstate_set(miState *state, const char *key, const void *value, int size, int)
-{
-    if (!state || !state->shaderstate || !key) {
-        error("mi_shaderstate_set: no state or key");
-        return miFALSE;
-    }
-    auto &entries = state->shaderstate->entries;
-    auto it = std::find_if(entries.begin(), entries.end(), [&](const miShaderStateStore::Entry &e) {
-        return e.key == key;
-    });
-    if (!value && size == 0) {
-        if (it != entries.end()) {
-            ::operator delete(it->data);
-            entries.erase(it);
-        }
-        return miTRUE;
-    }
-    if (size < 0 || !value) {
-        error("mi_shaderstate_set: key \"%s\": %s", key, size < 0 ? "negative size" : "null value");
-        return miFALSE;
-    }
-    /* Copy before dropping the old value: `value` may point into it. */
-    void *data = ::operator new(size > 0 ? static_cast<size_t>(size) : 1);
-    if (size > 0)
-        std::memcpy(data, value, static_cast<size_t>(size));
-    if (it != entries.end()) {
-        ::operator delete(it->data);
-        it->data = data;
-        it->size = size;
-    } else {
-        miShaderStateStore::Entry e;
-        e.key = key;
-        e.data = data;
-        e.size = size;
-        entries.push_back(std::move(e));
-    }
-    return miTRUE;
 }
 
 void *mi_phen_eval(miState *state, void *param)

@@ -57,14 +57,63 @@ struct StateFrame {
 
 } // namespace mirt
 
+namespace mirt {
+
+/* The keyed values of one shader-state store: open addressing over a small
+   power-of-two table, keys hashed once (64-bit FNV-1a).  Shaders pass the
+   same key pointers every time, so a direct-mapped index from key pointer to
+   slot answers most lookups with one pointer compare (confirmed by comparing
+   the text, since the caller's buffer may hold another key by now); other
+   lookups hash the key.  Lookups neither allocate nor lock; set() may grow
+   the table.  A table belongs to one eye state and so to one thread at a
+   time; the pointer index is written with relaxed atomics only so that a
+   lookup stays a plain read of everything else. */
+class KeyTable {
+public:
+    KeyTable() = default;
+    KeyTable(const KeyTable &) = delete;
+    KeyTable &operator=(const KeyTable &) = delete;
+    ~KeyTable();
+
+    /* The value stored under `key`: its data (null for size 0) and size;
+       false when there is none. */
+    bool get(const char *key, void *&data, int &size) const;
+    /* Store a copy of `size` bytes (the old value is released after the
+       copy, so `value` may point into it). */
+    void set(const char *key, const void *value, int size);
+    /* Remove the value; false when there was none. */
+    bool remove(const char *key);
+    int count() const { return used_; }
+    int capacity() const { return static_cast<int>(slots_.size()); }
+
+    static uint64_t hash(const char *key);
+
+private:
+    struct Slot {
+        uint64_t hash = 0;
+        std::string key;
+        void *data = nullptr; /* operator new'd, max-aligned */
+        int size = 0;
+        unsigned char state = 0; /* 0 empty, 1 used, 2 removed */
+    };
+    static constexpr int kPointerSlots = 32;
+
+    int find(const char *key, uint64_t h) const;
+    void grow();
+    static unsigned pointer_slot(const char *key);
+    void remember(const char *key, int slot) const;
+
+    std::vector<Slot> slots_;
+    int used_ = 0, removed_ = 0;
+    /* key pointer << 16 | (slot + 1); 0 when empty */
+    mutable std::atomic<uint64_t> by_pointer_[kPointerSlots] = {};
+};
+
+} // namespace mirt
+
 /* The shader-state store of one eye state, shared by all its child states. */
 struct miShaderStateStore {
-    struct Entry {
-        std::string key;
-        void *data = nullptr; /* operator new'd, max-aligned; null when size is 0 */
-        int size = 0;
-    };
-    std::vector<Entry> entries;
+    mirt::KeyTable values;
     mirt::Context::Impl *ctx = nullptr;
     miState *root = nullptr;                          /* the eye state */
     std::vector<mirt::StateFrame *> frames;            /* every frame owned, root included */
