@@ -1,6 +1,5 @@
 #include "render.h"
 
-#include "bvh.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "meshes.h"
@@ -181,7 +180,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
 
     {
         Items items;
-        BvhScene bvh;
+        mirt::MeshScene scene; /* the render's one ray-tracing scene */
         mirt::Context ctx(s.width, s.height);
 
         /* ---- options */
@@ -270,13 +269,11 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
             const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
             items.geometry.push_back(g);
-            bvh.add(g);
+            scene.add(g);
         }
-        bvh.build();
-        ctx.set_scene(&bvh);
-        out.stats.triangles = bvh.triangleCount();
-        out.stats.bvhNodes = bvh.nodeCount();
-        out.stats.bvhDepth = bvh.depth();
+        scene.build();
+        ctx.set_scene(&scene);
+        out.stats.triangles = scene.triangle_count();
 
         /* ---- lights */
         for (const LightDesc &l : s.lights) {

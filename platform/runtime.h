@@ -124,8 +124,8 @@ struct Hit {
     miVector derivs[2]{};
 };
 
-/* What rays hit.  The host renderer implements this with its own BVH; the
-   runtime offers MeshScene (geometry.h) for tests. */
+/* What rays hit.  The runtime's MeshScene (geometry.h) traces the triangles
+   of instances; tests may put in scenes of their own. */
 class Scene {
 public:
     virtual ~Scene() = default;
