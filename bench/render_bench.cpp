@@ -9,8 +9,10 @@
 // render's own wall time of the sampling is printed beside it.
 //
 //   render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N]
+//                [--only all|beauty|none]
 //
-// Defaults: 5 rounds, 400x300, the scene's samples (4), 1 thread.
+// Defaults: 5 rounds, 400x300, the scene's samples (4), 1 thread.  --only
+// renders one variant (for profiling it).
 #include "render.h"
 #include "runtime.h"
 
@@ -55,6 +57,7 @@ int positive(const char *s, const char *what)
 int main(int argc, char **argv)
 {
     int rounds = 5, width = 400, height = 300, samples = 0, threads = 1;
+    std::string only;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -64,11 +67,15 @@ int main(int argc, char **argv)
             samples = positive(v, "--samples"), ++i;
         } else if (a == "--threads" && v) {
             threads = positive(v, "--threads"), ++i;
+        } else if (a == "--only" && v && (std::strcmp(v, "all") == 0 || std::strcmp(v, "beauty") == 0 ||
+                                           std::strcmp(v, "none") == 0)) {
+            only = v, ++i;
         } else if (a == "--resolution" && v && std::sscanf(v, "%dx%d", &width, &height) == 2 && width > 0 &&
                    height > 0) {
             ++i;
         } else {
-            std::fprintf(stderr, "usage: render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N]\n");
+            std::fprintf(stderr, "usage: render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N] "
+                                 "[--only all|beauty|none]\n");
             return 2;
         }
     }
@@ -88,13 +95,13 @@ int main(int argc, char **argv)
     none.passes.clear();
 
     struct Variant {
-        const char *name;
+        const char *name, *key;
         const SceneDesc *scene;
         std::vector<double> spm;  /* CPU seconds per megasample, one per round */
         std::vector<double> wall; /* wall seconds of the sampling per megasample */
     };
     Variant variants[3] = {
-        {"all passes", &all, {}, {}}, {"beauty only", &beauty, {}, {}}, {"no block", &none, {}, {}}};
+        {"all passes", "all", &all, {}, {}}, {"beauty only", "beauty", &beauty, {}, {}}, {"no block", "none", &none, {}, {}}};
 
     RenderOptions ro;
     ro.threads = threads;
@@ -102,6 +109,8 @@ int main(int argc, char **argv)
                 threads == 1 ? "" : "s", rounds);
     for (int r = 0; r < rounds; ++r) {
         for (Variant &v : variants) {
+            if (!only.empty() && only != v.key)
+                continue;
             const double t0 = cpuSeconds();
             const RenderResult res = render(*v.scene, ro);
             const double cpu = cpuSeconds() - t0;
@@ -114,6 +123,12 @@ int main(int argc, char **argv)
         }
         mirt::clear_messages();
     }
+    if (!only.empty())
+        for (const Variant &v : variants)
+            if (only == v.key) {
+                std::printf("  %-12s %7.3f CPU s per megasample (median)\n", v.name, median(v.spm));
+                return 0;
+            }
     const double base = median(variants[2].spm);
     for (const Variant &v : variants) {
         std::printf("  %-12s %7.3f CPU s per megasample (median; rounds:", v.name, median(v.spm));

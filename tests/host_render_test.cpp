@@ -26,6 +26,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <random>
 #include <sstream>
 #include <sys/stat.h>
@@ -268,6 +269,86 @@ TEST_F(HostRender, IdenticalWithOneAndTwoThreads)
     ASSERT_EQ(one.passes.size(), two.passes.size());
     for (size_t p = 0; p < one.passes.size(); ++p)
         EXPECT_TRUE(sameBits(one.passes[p], two.passes[p])) << one.passNames[p];
+}
+
+/* The default scene (reduced to 160 x 120, its own 4 samples, 2 threads)
+   against statistics stored in tests/data/default_render_stats.txt: per
+   layer (main image and every pass) the mean and the mean square of each
+   channel.  A change to ray casting, the library or the host shaders that
+   moves any pass shows here.  After an intended change, regenerate the file:
+     DRUX_UPDATE_RENDER_STATS=1 build/release/tests/host_render_test \
+         --gtest_filter=HostRender.DefaultSceneMatchesStoredStatistics */
+TEST_F(HostRender, DefaultSceneMatchesStoredStatistics)
+{
+    SceneDesc s = defaultScene();
+    s.width = 160;
+    s.height = 120;
+    const RenderResult r = renderWith(s, 2);
+    ASSERT_EQ(r.stats.errors, 0u);
+    std::vector<std::pair<std::string, const Image *>> layers = {{"main", &r.main}};
+    for (size_t i = 0; i < r.passes.size(); ++i)
+        layers.push_back({r.passNames[i], &r.passes[i]});
+    std::ostringstream now;
+    now.precision(9);
+    for (const auto &l : layers) {
+        double mean[4] = {0, 0, 0, 0}, square[4] = {0, 0, 0, 0};
+        const size_t pixels = l.second->rgba.size() / 4;
+        for (size_t p = 0; p < pixels; ++p)
+            for (int c = 0; c < 4; ++c) {
+                const double v = l.second->rgba[4 * p + size_t(c)];
+                mean[c] += v;
+                square[c] += v * v;
+            }
+        now << l.first;
+        for (double m : mean)
+            now << ' ' << m / double(pixels);
+        for (double q : square)
+            now << ' ' << q / double(pixels);
+        now << '\n';
+    }
+    const std::string path = std::string(DRUX_SOURCE_DIR) + "/tests/data/default_render_stats.txt";
+    const char *update = std::getenv("DRUX_UPDATE_RENDER_STATS");
+    if (update && *update && *update != '0') {
+        std::ofstream out(path);
+        out << "# layer, mean r g b a, mean square r g b a: the default scene at 160x120, 4 samples\n"
+            << "# (regenerate: DRUX_UPDATE_RENDER_STATS=1 build/release/tests/host_render_test "
+               "--gtest_filter=HostRender.DefaultSceneMatchesStoredStatistics)\n"
+            << now.str();
+        ASSERT_TRUE(out.good()) << path;
+        GTEST_SKIP() << "wrote " << path;
+    }
+    std::ifstream in(path);
+    ASSERT_TRUE(in.good()) << "no stored statistics at " << path;
+    std::map<std::string, std::vector<double>> stored;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        std::istringstream ls(line);
+        std::string name;
+        ls >> name;
+        std::vector<double> v;
+        for (double x; ls >> x;)
+            v.push_back(x);
+        stored[name] = v;
+    }
+    std::istringstream got(now.str());
+    size_t compared = 0;
+    for (std::string line; std::getline(got, line);) {
+        std::istringstream ls(line);
+        std::string name;
+        ls >> name;
+        ASSERT_TRUE(stored.count(name)) << "layer " << name << " not stored";
+        const std::vector<double> &want = stored[name];
+        ASSERT_EQ(want.size(), 8u) << name;
+        for (size_t k = 0; k < 8; ++k) {
+            double x;
+            ls >> x;
+            EXPECT_NEAR(x, want[k], 1e-6 * std::max(1e-3, std::fabs(want[k]))) << name << " value " << k;
+        }
+        ++compared;
+    }
+    EXPECT_EQ(compared, stored.size());
+    EXPECT_EQ(compared, 1 + s.passes.size());
 }
 
 /* No environment, no indirect light and no scattering: every bit of light
