@@ -691,42 +691,59 @@ bool MeshScene::intersect(const miVector &org, const miVector &dir, double tmin,
         return false;
     if (!impl_->built.load(std::memory_order_acquire))
         const_cast<MeshScene *>(this)->build(); /* once, at the first ray */
-    if (!impl_->scene || impl_->tris.empty() || !(tmax > tmin))
+    /* Embree takes rays from their origin on: a hit behind it (a negative
+       tmin) is not reported */
+    if (!impl_->scene || impl_->tris.empty() || !(tmax > tmin) || !(tmax > 0.0))
         return false;
     RTCIntersectContext ictx;
     rtcInitIntersectContext(&ictx);
-    RTCRayHit rh;
-    rh.ray.org_x = org.x;
-    rh.ray.org_y = org.y;
-    rh.ray.org_z = org.z;
-    rh.ray.tnear = static_cast<float>(tmin);
-    rh.ray.dir_x = dir.x;
-    rh.ray.dir_y = dir.y;
-    rh.ray.dir_z = dir.z;
-    rh.ray.time = 0.0f;
-    rh.ray.tfar = static_cast<float>(tmax);
-    rh.ray.mask = ~0u;
-    rh.ray.id = 0;
-    rh.ray.flags = 0;
-    rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-    rh.hit.primID = RTC_INVALID_GEOMETRY_ID;
-    rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
-    rtcIntersect1(impl_->scene, &ictx, &rh);
-    if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID || rh.hit.primID >= impl_->tris.size())
-        return false;
-    const Impl::Tri &t = impl_->tris[rh.hit.primID];
-    /* the exact test on the triangle found: double-precision distance and
-       barycentrics; Embree's own when the exact test grazes past an edge */
     const double o[3] = {org.x, org.y, org.z}, d[3] = {dir.x, dir.y, dir.z};
-    double dist, u, v;
-    if (!intersect_triangle(t.a, t.b, t.c, o, d, -std::numeric_limits<double>::infinity(),
-                            std::numeric_limits<double>::infinity(), dist, u, v)) {
-        dist = rh.ray.tfar;
-        u = rh.hit.u;
-        v = rh.hit.v;
+    const double inf = std::numeric_limits<double>::infinity();
+    float tnear = tmin > 0.0 ? static_cast<float>(tmin) : 0.0f;
+    /* Embree finds the nearest triangle in single precision; the exact test
+       on it gives the distance and barycentrics in double precision.  A
+       triangle the exact test puts at or before tmin (the surface a ray
+       leaves) is stepped over by asking again from just beyond it; one it
+       puts at or beyond tmax is no hit; one it misses by a hair at an edge
+       keeps Embree's own values. */
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        RTCRayHit rh;
+        rh.ray.org_x = org.x;
+        rh.ray.org_y = org.y;
+        rh.ray.org_z = org.z;
+        rh.ray.tnear = tnear;
+        rh.ray.dir_x = dir.x;
+        rh.ray.dir_y = dir.y;
+        rh.ray.dir_z = dir.z;
+        rh.ray.time = 0.0f;
+        rh.ray.tfar = static_cast<float>(tmax);
+        rh.ray.mask = ~0u;
+        rh.ray.id = 0;
+        rh.ray.flags = 0;
+        rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+        rh.hit.primID = RTC_INVALID_GEOMETRY_ID;
+        rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+        rtcIntersect1(impl_->scene, &ictx, &rh);
+        if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID || rh.hit.primID >= impl_->tris.size())
+            return false;
+        const Impl::Tri &t = impl_->tris[rh.hit.primID];
+        double dist, u, v;
+        if (intersect_triangle(t.a, t.b, t.c, o, d, -inf, inf, dist, u, v)) {
+            if (dist >= tmax)
+                return false;
+            if (dist <= tmin) {
+                tnear = std::nextafter(std::max(rh.ray.tfar, tnear), std::numeric_limits<float>::infinity());
+                continue;
+            }
+        } else {
+            dist = rh.ray.tfar;
+            u = rh.hit.u;
+            v = rh.hit.v;
+        }
+        impl_->fill(t, dist, u, v, org, dir, hit);
+        return true;
     }
-    impl_->fill(t, dist, u, v, org, dir, hit);
-    return true;
+    return false;
 }
 
 bool MeshScene::intersect_exact(const miVector &org, const miVector &dir, double tmin, double tmax, Hit &hit) const

@@ -476,7 +476,7 @@ miBoolean mi_trace_shadow(miColor *filter, miState *state)
         Hit h;
         if (!scene->intersect(org, dir, t0, tmax, h))
             break;
-        t0 = h.dist + kRayEps;
+        t0 = std::max(h.dist, t0) + kRayEps; /* always onwards */
         const miInstance *inst = instance_rec(h.instance);
         const miTag shadow = inst ? inst->shadow : 0;
         if (!shadow) {
