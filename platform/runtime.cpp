@@ -622,6 +622,14 @@ miFunction *function_record(miTag tag)
     return static_cast<miFunction *>(it->data);
 }
 
+void *typed_record(miTag tag, int type, size_t min_size)
+{
+    Item *it = find_locked(tag);
+    if (!it || it->type != type || it->size < min_size)
+        return nullptr;
+    return it->data;
+}
+
 miBoolean call_function(miTag fn, void *result, miState *state, void *arg)
 {
     miFunction *f = function_record(fn);
@@ -643,12 +651,18 @@ miState *child_state(miState *parent)
     StateFrame *frame = nullptr;
     miShaderStateStore *store = parent->shaderstate;
     if (store) {
-        auto it = store->children.find(parent);
-        if (it != store->children.end()) {
-            frame = it->second;
+        if (store->last_parent == parent) {
+            frame = store->last_child;
         } else {
-            frame = new_frame_pair(store->frames);
-            store->children.emplace(parent, frame);
+            auto it = store->children.find(parent);
+            if (it != store->children.end()) {
+                frame = it->second;
+            } else {
+                frame = new_frame_pair(store->frames);
+                store->children.emplace(parent, frame);
+            }
+            store->last_parent = parent;
+            store->last_child = frame;
         }
     } else {
         OrphanFrames &o = orphan_frames();

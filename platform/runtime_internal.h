@@ -118,6 +118,10 @@ struct miShaderStateStore {
     miState *root = nullptr;                          /* the eye state */
     std::vector<mirt::StateFrame *> frames;            /* every frame owned, root included */
     std::unordered_map<const miState *, mirt::StateFrame *> children; /* parent -> child frame */
+    /* the last parent asked for a child and its frame: a shading state asks
+       again for every light sample and ray */
+    const miState *last_parent = nullptr;
+    mirt::StateFrame *last_child = nullptr;
 };
 
 namespace mirt {
@@ -195,6 +199,10 @@ MI_API void log_message(Level level, const std::string &text);
 
 /* Shader record without pinning (null for unknown tags or other item types). */
 MI_API miFunction *function_record(miTag tag);
+
+/* The data of a database item of `type` holding at least `min_size` bytes,
+   without pinning, in one lookup; null otherwise. */
+MI_API void *typed_record(miTag tag, int type, size_t min_size);
 
 } // namespace mirt
 

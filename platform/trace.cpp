@@ -53,17 +53,13 @@ miVector normalized(miVector v)
 
 const miInstance *instance_rec(miTag tag)
 {
-    if (!tag || mi_db_type(tag) != miSCENE_INSTANCE || db_size(tag) < sizeof(miInstance))
-        return nullptr;
-    return static_cast<const miInstance *>(db_data(tag));
+    return static_cast<const miInstance *>(typed_record(tag, miSCENE_INSTANCE, sizeof(miInstance)));
 }
 
 /* The light record of a light instance, or null. */
 const miLight *light_rec(const miInstance *inst)
 {
-    if (!inst || mi_db_type(inst->item) != miSCENE_LIGHT || db_size(inst->item) < sizeof(miLight))
-        return nullptr;
-    return static_cast<const miLight *>(db_data(inst->item));
+    return inst ? static_cast<const miLight *>(typed_record(inst->item, miSCENE_LIGHT, sizeof(miLight))) : nullptr;
 }
 
 const Scene *scene_of(const miState *state)
