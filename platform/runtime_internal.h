@@ -92,6 +92,10 @@ private:
     struct Slot {
         uint64_t hash = 0;
         std::string key;
+        /* a key shorter than 16 bytes, zero-padded, for a compare without
+           a call: the words of the key and its terminating zero */
+        uint64_t words[2] = {0, 0};
+        bool short_key = false;
         void *data = nullptr; /* operator new'd, max-aligned */
         int size = 0;
         unsigned char state = 0; /* 0 empty, 1 used, 2 removed */
@@ -99,6 +103,7 @@ private:
     static constexpr int kPointerSlots = 32;
 
     int find(const char *key, uint64_t h) const;
+    static bool same_key(const Slot &s, const char *key);
     void grow();
     static unsigned pointer_slot(const char *key);
     void remember(const char *key, int slot) const;

@@ -54,6 +54,24 @@ void KeyTable::remember(const char *key, int slot) const
                                          std::memory_order_relaxed);
 }
 
+/* The slot's key is `key`.  A short key is compared as two words when the
+   16 bytes from `key` lie in one page (so reading them cannot fault, even
+   past the caller's terminating zero); bytes after the stored key's zero
+   are masked out. */
+bool KeyTable::same_key(const Slot &s, const char *key)
+{
+    const uintptr_t p = reinterpret_cast<uintptr_t>(key);
+    if (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ && s.short_key && (p & 4095u) <= 4096u - 16u) {
+        uint64_t w[2];
+        std::memcpy(w, key, sizeof w);
+        const size_t n = s.key.size() + 1; /* bytes that count, zero included */
+        const uint64_t m0 = n >= 8 ? ~0ull : (1ull << (8 * n)) - 1;
+        const uint64_t m1 = n >= 16 ? ~0ull : n <= 8 ? 0ull : (1ull << (8 * (n - 8))) - 1;
+        return (w[0] & m0) == s.words[0] && (w[1] & m1) == s.words[1];
+    }
+    return std::strcmp(s.key.c_str(), key) == 0;
+}
+
 /* Slot holding `key` (hash h), or -1. */
 int KeyTable::find(const char *key, uint64_t h) const
 {
@@ -64,7 +82,7 @@ int KeyTable::find(const char *key, uint64_t h) const
         const Slot &s = slots_[i];
         if (s.state == 0)
             return -1;
-        if (s.state == 1 && s.hash == h && s.key == key)
+        if (s.state == 1 && s.hash == h && same_key(s, key))
             return static_cast<int>(i);
     }
     return -1;
@@ -76,8 +94,7 @@ bool KeyTable::get(const char *key, void *&data, int &size) const
     int slot = -1;
     if (e && (e >> 16) == (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(key)) & 0xFFFFFFFFFFFFull)) {
         const int s = static_cast<int>(e & 0xFFFF) - 1;
-        if (s < static_cast<int>(slots_.size()) && slots_[size_t(s)].state == 1 &&
-            std::strcmp(slots_[size_t(s)].key.c_str(), key) == 0)
+        if (s < static_cast<int>(slots_.size()) && slots_[size_t(s)].state == 1 && same_key(slots_[size_t(s)], key))
             slot = s;
     }
     if (slot < 0) {
@@ -136,6 +153,10 @@ void KeyTable::set(const char *key, const void *value, int size)
         --removed_;
     s.hash = h;
     s.key = key;
+    s.short_key = s.key.size() < 16;
+    s.words[0] = s.words[1] = 0;
+    if (s.short_key)
+        std::memcpy(s.words, s.key.c_str(), s.key.size() + 1);
     s.data = data;
     s.size = size;
     s.state = 1;
