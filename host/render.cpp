@@ -182,6 +182,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         Items items;
         mirt::MeshScene scene; /* the render's one ray-tracing scene */
         mirt::Context ctx(s.width, s.height);
+        ctx.record_irradiance_calls(false); /* no lock or list growth per gather */
 
         /* ---- options */
         miOptions &o = ctx.options();
@@ -390,7 +391,6 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                                   miColor{passSum[p].r * invSamples, passSum[p].g * invSamples,
                                                           passSum[p].b * invSamples, passSum[p].a * invSamples});
                         }
-                    ctx.clear_irradiance_calls(); /* the runtime keeps a record of every gather */
                     tilesDone.fetch_add(1);
                 }
             } catch (const mirt::FatalError &e) {

@@ -172,6 +172,7 @@ struct Context::Impl {
     miTag environment = 0;
     std::vector<miTag> lights;
     std::vector<miIrrad_options> irradiance_calls;
+    bool record_irradiance = true;
     mutable std::mutex irradiance_mutex;
     miLock cache_lock = nullptr;  /* query 52 */
     std::shared_ptr<void> trace_private; /* free for trace's own bookkeeping */

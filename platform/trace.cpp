@@ -396,6 +396,8 @@ void Context::clear_irradiance_calls()
     impl_->irradiance_calls.clear();
 }
 
+void Context::record_irradiance_calls(bool on) { impl_->record_irradiance = on; }
+
 /* The eye ray is traced on the state itself.  Returns what the called shader
    returned; black and miFALSE when no shader could be called (a hit instance
    without material, or a miss without environment). */
@@ -664,7 +666,7 @@ miBoolean mi_compute_avg_radiance(miColor *result, miState *state, miUchar face,
     miIrrad_options rec{};
     if (options)
         std::memcpy(&rec, options, sizeof rec);
-    if (impl) {
+    if (impl && impl->record_irradiance) {
         std::lock_guard<std::mutex> lk(impl->irradiance_mutex);
         impl->irradiance_calls.push_back(rec);
     }
