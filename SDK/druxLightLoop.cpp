@@ -148,11 +148,12 @@ public:
     {
         if (!text_)
             return true;
-        const size_t digit = index >> 2;
-        if (digit >= length_)
-            return false; /* at or past the terminating zero: no bits */
-        return (digitBits(text_[digit]) >> (index & 3u)) & 1u;
+        return (digit(index >> 2) >> (index & 3u)) & 1u;
     }
+
+    /* The bits of digit k of an opened mask; none at or past the
+       terminating zero. */
+    unsigned digit(size_t k) const { return k < length_ ? digitBits(text_[k]) : 0u; }
 
     /* The 8-bit digit value of a mask character, as the masks are written:
        '0'-'9', 'A'-'F' and 'a'-'f'.  Other characters give whatever bits this
@@ -294,13 +295,20 @@ inline int traceLimit(const miState *state)
     return state && state->options ? state->options->trace_depth : -1;
 }
 
+/* Each mask digit holds the bits of four entries: decoded once per digit. */
 inline void setContributions(miUint n, FrameBufferInfo *entries, const MaskText &mask)
 {
-    for (miUint i = 0; i < n; ++i) {
-        if (mask.contributes(i))
-            entries[i].flags |= FBINFO_LIGHT_CONTRIBUTES;
-        else
-            entries[i].flags &= ~static_cast<miUint>(FBINFO_LIGHT_CONTRIBUTES);
+    constexpr miUint kBit = FBINFO_LIGHT_CONTRIBUTES;
+    if (!mask.text()) {
+        for (miUint i = 0; i < n; ++i)
+            entries[i].flags |= kBit;
+        return;
+    }
+    for (miUint first = 0; first < n; first += 4) {
+        const unsigned bits = mask.digit(first >> 2);
+        const miUint end = n - first < 4 ? n : first + 4;
+        for (miUint i = first; i < end; ++i)
+            entries[i].flags = (entries[i].flags & ~kBit) | (((bits >> (i & 3u)) & 1u) ? kBit : 0u);
     }
 }
 
