@@ -1038,9 +1038,9 @@ Context::Context(int width, int height) : impl_(new Impl)
     std::memcpy(m.camera_inst->global_to_local, identity, sizeof identity);
 
     mi_init_lock(&m.cache_lock);
-    m.query_answers[miQ_PRECOMPUTE_PASS].value = 0;
-    m.query_answers[miQ_MOTION_BY_RENDERER].value = 1;
-    m.query_answers[miQ_FB_RECORDS].value = 1;
+    m.answer(miQ_PRECOMPUTE_PASS).value = 0;
+    m.answer(miQ_MOTION_BY_RENDERER).value = 1;
+    m.answer(miQ_FB_RECORDS).value = 1;
 }
 
 Context::~Context()
@@ -1146,12 +1146,14 @@ void Context::attach_camera_userdata(miTag block)
 
 void Context::set_query_int(int code, int value)
 {
-    impl_->query_answers[code] = Impl::QueryAnswer{value, false};
+    Impl::QueryAnswer &a = impl_->answer(code);
+    a.value = value;
+    a.fail = false;
 }
 
 void Context::fail_query(int code)
 {
-    impl_->query_answers[code].fail = true;
+    impl_->answer(code).fail = true;
 }
 
 void Context::add_state_shader(miTag fn)
@@ -1763,11 +1765,10 @@ miBoolean mi_query(int code, miState *state, miTag tag, void *result)
         return miFALSE;
     Context::Impl *impl = impl_of(state);
     if (impl) {
-        auto it = impl->query_answers.find(code);
-        if (it != impl->query_answers.end()) {
-            if (it->second.fail)
+        if (const Context::Impl::QueryAnswer *a = impl->find_answer(code)) {
+            if (a->fail)
                 return miFALSE;
-            *static_cast<int *>(result) = it->second.value;
+            *static_cast<int *>(result) = a->value;
             return miTRUE;
         }
     }

@@ -158,12 +158,30 @@ struct Context::Impl {
     };
     std::vector<StringOption> string_options;
 
-    /* answers of queries 142, 158, 161 (and any other code set by a test) */
+    /* answers of queries 142, 158, 161 (and any other code set by a test):
+       codes below kDirectQueries in a table indexed by code (shaders ask
+       some of them at every sample), others in a map */
     struct QueryAnswer {
         int value = 0;
         bool fail = false;
+        bool set = false;
     };
+    static constexpr int kDirectQueries = 256;
+    QueryAnswer direct_answers[kDirectQueries];
     std::map<int, QueryAnswer> query_answers;
+    QueryAnswer &answer(int code)
+    {
+        QueryAnswer &a = code >= 0 && code < kDirectQueries ? direct_answers[code] : query_answers[code];
+        a.set = true;
+        return a;
+    }
+    const QueryAnswer *find_answer(int code) const
+    {
+        if (code >= 0 && code < kDirectQueries)
+            return direct_answers[code].set ? &direct_answers[code] : nullptr;
+        auto it = query_answers.find(code);
+        return it != query_answers.end() ? &it->second : nullptr;
+    }
 
     std::vector<miTag> state_shaders;
 
