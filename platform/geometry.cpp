@@ -532,7 +532,7 @@ namespace {
 RTCDevice embree_device()
 {
     static RTCDevice device = [] {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if MIRT_ASAN || MIRT_TSAN
         const char *config = "threads=1";
 #else
         const char *config = "";

@@ -23,6 +23,28 @@
 #include <unordered_map>
 #include <vector>
 
+/* Sanitizer builds (GCC defines __SANITIZE_*__, Clang answers __has_feature). */
+#if defined(__SANITIZE_ADDRESS__)
+#define MIRT_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MIRT_ASAN 1
+#endif
+#endif
+#ifndef MIRT_ASAN
+#define MIRT_ASAN 0
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define MIRT_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define MIRT_TSAN 1
+#endif
+#endif
+#ifndef MIRT_TSAN
+#define MIRT_TSAN 0
+#endif
+
 /* miLock points at one of these; mi_lock/mi_unlock check the magic so that a
    pointer that is not a lock is reported instead of corrupting memory. */
 struct miLockRec {

@@ -58,10 +58,18 @@ void KeyTable::remember(const char *key, int slot) const
    16 bytes from `key` lie in one page (so reading them cannot fault, even
    past the caller's terminating zero); bytes after the stored key's zero
    are masked out. */
+#if MIRT_ASAN
+/* AddressSanitizer reports the bytes read past the caller's zero (they are
+   masked out, but read): sanitizer builds compare with strcmp only. */
+constexpr bool kWordCompare = false;
+#else
+constexpr bool kWordCompare = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+#endif
+
 bool KeyTable::same_key(const Slot &s, const char *key)
 {
     const uintptr_t p = reinterpret_cast<uintptr_t>(key);
-    if (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ && s.short_key && (p & 4095u) <= 4096u - 16u) {
+    if (kWordCompare && s.short_key && (p & 4095u) <= 4096u - 16u) {
         uint64_t w[2];
         std::memcpy(w, key, sizeof w);
         const size_t n = s.key.size() + 1; /* bytes that count, zero included */
