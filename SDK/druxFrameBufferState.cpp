@@ -16,15 +16,17 @@
  *   - the nonMaterialPasses or frameBufferInfo array has a negative count or
  *     lies, wholly or partly, outside the block;
  *   - the part of FrameBufferTypeCounts that is read (at most 35 elements)
- *     lies outside the block, holds a negative count, or adds up to more than
- *     a 32-bit integer holds;
+ *     lies outside the block, or one of its running sums leaves the 32-bit
+ *     range (a negative count is accepted: its type touches nothing, and it
+ *     still enters the sums that place the later types);
  *   - the frameBufferInfo array is too large for an entry array.
  * A refused block reads as "no block": getFrameBufferDataBlock returns a null
  * pointer and tag 0 (with `swapped` set when that was the reason), the state
  * set-up publishes nothing, and nothing stays pinned.  The state set-up and the
- * exported queries report the refusal; druxFrameBufferInit, which looks at the
- * block before every sample, refuses quietly so that a bad scene is reported
- * once per state rather than once per sample.
+ * exported queries report the refusal once per state and block: the state
+ * keeps the tag of the block it reported (under kRefusedKey), so a host shader
+ * that asks per sample does not flood the log.  druxFrameBufferInit, which
+ * looks at the block before every sample, refuses quietly.
  */
 #include "druxInternal.h"
 
@@ -55,6 +57,10 @@ constexpr int64_t kTypeSlot = offsetof(FrameBufferDataBlock, typeCounts);
 constexpr int64_t kRecordSize = sizeof(FrameBufferInfoRecord); /* 60 */
 
 const char *const kTempOnHeapOption = "kelu allocate temp data on heap";
+
+/* Shader-state key under which a state remembers the damaged block it has
+   already reported. */
+const char *const kRefusedKey = "druxFBRefused";
 
 /* Unpins a database item when it goes out of scope, also while an exception
    passes. */
@@ -163,18 +169,24 @@ const char *blockDamage(const FrameBufferDataBlock *block)
         return "the FrameBufferTypeCounts array lies outside the block";
     int64_t sum = 0;
     for (int t = 0; t < read; ++t) {
-        const int c = typeCountAt(block, t);
-        if (c < 0)
-            return "FrameBufferTypeCounts holds a negative count";
-        sum += c;
+        sum += typeCountAt(block, t);
+        if (sum > INT_MAX || sum < INT_MIN)
+            return "the FrameBufferTypeCounts add up to more than a 32-bit count";
     }
-    if (sum > INT_MAX)
-        return "the FrameBufferTypeCounts add up to more than a 32-bit count";
     return nullptr;
 }
 
-void reportRefused(const char *who, miTag tag, const char *why)
+void reportRefused(miState *state, const char *who, miTag tag, const char *why)
 {
+    /* Once per state and block.  A state without a shader-state store (a
+       caller outside rendering) cannot remember, and reports every time. */
+    if (state->shaderstate) {
+        int size = 0;
+        const miTag *seen = static_cast<const miTag *>(mi_shaderstate_get(state, kRefusedKey, &size));
+        if (seen && size == static_cast<int>(sizeof(miTag)) && *seen == tag)
+            return;
+        mi_shaderstate_set(state, kRefusedKey, &tag, sizeof tag, kLifetime);
+    }
     druxError(std::string(who) + "(): the frame-buffer data block (tag " + std::to_string(tag) +
               ") is ignored: " + why + ". Re-export the .mi");
 }
@@ -196,7 +208,7 @@ FrameBufferDataRef acquireBlock(miState *state, const char *who)
     if (why) {
         mi_db_unpin(tag);
         if (who)
-            reportRefused(who, tag, why);
+            reportRefused(state, who, tag, why);
         ref.swapped = swapped ? miTRUE : miFALSE;
         return ref;
     }
@@ -300,8 +312,10 @@ miBoolean stateSetup(miState *state)
            reading a field before anybody wrote it sees a defined value. */
         std::memset(static_cast<void *>(entries), 0, static_cast<size_t>(n) * sizeof(FrameBufferInfo));
         std::memset(static_cast<void *>(slots), 0, slotBytes);
-        for (int i = 0; i < n; ++i)
+        for (int i = 0; i < n; ++i) {
             entries[i].slots = slots + perEntry * i;
+            entries[i].depthSlots = static_cast<miUint>(perEntry);
+        }
         entries[0].fbId = kUnresolved;
     }
 
@@ -310,7 +324,7 @@ miBoolean stateSetup(miState *state)
 
     PassTypeInfo types;
     const int read = typeCountsRead(block);
-    int sum = 0; /* bounded by the block check */
+    int sum = 0; /* every running sum is within 32 bits (block check) */
     for (int t = 0; t < DRUX_PASS_TYPES; ++t) {
         const int count = t < read ? typeCountAt(block, t) : 0;
         types.range[t].first = sum;
@@ -337,6 +351,8 @@ miBoolean stateExit(miState *state)
     mi_shaderstate_set(state, FRAME_BUFFER_INFO_KEY, nullptr, 0, kLifetime);
     mi_shaderstate_set(state, PASS_TYPE_INFO_KEY, nullptr, 0, kLifetime);
     mi_shaderstate_set(state, FRAME_BUFFER_STATE_KEY, nullptr, 0, kLifetime);
+    if (mi_shaderstate_get(state, kRefusedKey, nullptr))
+        mi_shaderstate_set(state, kRefusedKey, nullptr, 0, kLifetime);
     return miTRUE;
 }
 

@@ -39,6 +39,25 @@ inline int rayDepth(const miState *state)
     return state->reflection_level + state->refraction_level;
 }
 
+/* Number of per-depth slots every entry of the array holds.  The state set-up
+   records it in each entry, so a trace-depth limit raised after the set-up
+   never lets a depth index reach past the block; an array a host built itself
+   carries 0 there and is trusted to hold the current limit + 2 slots.  A
+   lowered limit bounds the count as well. */
+inline long long depthSlotCount(const miState *state, const FrameBufferInfo *entries)
+{
+    const long long current = (state && state->options) ? static_cast<long long>(state->options->trace_depth) + 2
+                                                        : 0x7FFFFFFFLL;
+    const long long given = entries ? static_cast<long long>(entries[0].depthSlots) : 0;
+    return (given != 0 && given < current) ? given : current;
+}
+
+/* Slot `depth` exists for every entry of the array. */
+inline bool depthSlotExists(const miState *state, const FrameBufferInfo *entries, int depth)
+{
+    return depth >= 0 && depth < depthSlotCount(state, entries);
+}
+
 /* The host's per-thread record, or null. */
 inline BaseShaderState *baseShaderState(miState *state)
 {

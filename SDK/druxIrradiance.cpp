@@ -220,6 +220,7 @@ extern "C" DRUX_API void compute_irradiance(miColor *result, miColor *irradiance
         if (opt->finalgather) {
             const float minC = bss->minContribution;
             const float full = bss->fullSampleContribution;
+            bool scaledToNothing = false;
             if (full > m) {
                 /* Fewer final-gather rays for less important paths: the count
                    falls linearly to 0 at the cut-off. */
@@ -228,21 +229,28 @@ extern "C" DRUX_API void compute_irradiance(miColor *result, miColor *irradiance
                     haveOpts = true;
                     pass = &opts;
                 }
+                const int given = opts.finalgather_rays;
                 opts.finalgather_rays = static_cast<int>(
-                    static_cast<float>(opts.finalgather_rays) * ((m - minC) / (full - minC)));
+                    static_cast<float>(given) * ((m - minC) / (full - minC)));
+                scaledToNothing = given > 0 && opts.finalgather_rays == 0;
             }
-            const int rays = haveOpts ? opts.finalgather_rays : opt->finalgather_rays;
-            if (rays <= 0) {
-                /* No ray left to gather with (the path is barely above the
-                   cut-off, or the settings ask for none): no indirect light,
-                   and the renderer is not asked for a zero-ray gather. */
+            if (scaledToNothing) {
+                /* The path is barely above the cut-off: its rays truncate to
+                   none, so there is nothing to gather. */
                 bss->pathWeight = savedWeight;
                 return;
             }
-            const float invRays = 1.0f / static_cast<float>(rays);
-            bss->pathWeight.r *= invRays;
-            bss->pathWeight.g *= invRays;
-            bss->pathWeight.b *= invRays;
+            /* A count of 0 or below given by the options or the object's
+               settings still goes to the renderer, which decides what such a
+               gather means; 1/rays being undefined there, the path weight is
+               then left undivided. */
+            const int rays = haveOpts ? opts.finalgather_rays : opt->finalgather_rays;
+            if (rays > 0) {
+                const float invRays = 1.0f / static_cast<float>(rays);
+                bss->pathWeight.r *= invRays;
+                bss->pathWeight.g *= invRays;
+                bss->pathWeight.b *= invRays;
+            }
         }
 
         mi_compute_avg_radiance(&e, state, 'f', pass);

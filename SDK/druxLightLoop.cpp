@@ -278,15 +278,13 @@ inline void addTo(miColor &a, const miColor &b)
 inline miColor scaled(const miColor &c, float s) { return miColor{c.r * s, c.g * s, c.b * s, c.a * s}; }
 
 /* Index of the current ray's slot when the state's slots have it, else -1.
-   The slot arrays hold trace-depth limit + 2 slots. */
-inline int currentSlot(const miState *state)
+   The slot arrays hold the trace-depth limit + 2 slots, counted at set-up. */
+inline int currentSlot(const miState *state, const FrameBufferInfo *entries)
 {
     if (!state)
         return -1;
     const int d = drux::rayDepth(state);
-    if (d < 0 || (state->options && d > state->options->trace_depth + 1))
-        return -1;
-    return d;
+    return drux::depthSlotExists(state, entries, d) ? d : -1;
 }
 
 /* The trace-depth limit, or -1 without options. */
@@ -376,7 +374,7 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
     entries[0].flags &= ~static_cast<miUint>(FBINFO_IN_LIGHT_LOOP);
     if (samples <= 0)
         return;
-    const int d = currentSlot(state);
+    const int d = currentSlot(state, entries);
     if (d < 0 || state->type == miRAY_ENVIRONMENT)
         return;
     const float w = 1.0f / static_cast<float>(samples);
@@ -432,7 +430,7 @@ DRUX_API void tracePassInit(miUint n, FrameBufferInfo *entries, miState *state)
     if (n == 0 || !entries || !state)
         return;
     const int d = drux::rayDepth(state);
-    if (d < 0 || d >= traceLimit(state))
+    if (d < 0 || d >= traceLimit(state) || !drux::depthSlotExists(state, entries, d + 1))
         return;
     for (miUint i = 0; i < n; ++i) {
         PassSlot &child = entries[i].slots[d + 1];
@@ -447,7 +445,7 @@ DRUX_API void tracePassAdd(miUint n, FrameBufferInfo *entries, miState *state, m
     if (n == 0 || !entries || !state)
         return;
     const int d = drux::rayDepth(state);
-    if (d < 0 || d >= traceLimit(state))
+    if (d < 0 || d >= traceLimit(state) || !drux::depthSlotExists(state, entries, d + 1))
         return;
     const miUint addFlag = refracted ? FBINFO_ADD_REFRACTION : FBINFO_ADD_REFLECTION;
     for (miUint i = 0; i < n; ++i) {

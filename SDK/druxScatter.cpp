@@ -40,9 +40,14 @@
 #include "druxInternal.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <thread>
+#include <unordered_map>
+#include <vector>
 
 namespace {
 
@@ -142,8 +147,22 @@ struct ScatterCache {
     int samples;       /* points per disc of area pi * radius^2 */
     miTag instance;    /* the instance served (lookup key) */
     ScatterCache *next;
-    int claimRoom;     /* hash: capacity of claims (grows past 96 when needed) */
 };
+
+/* The record holds exactly these fields, in this order (64-bit layout). */
+static_assert(sizeof(void *) != 8 || (offsetof(ScatterCache, busy) == 8 && offsetof(ScatterCache, origin) == 12 &&
+                                      offsetof(ScatterCache, nx) == 24 && offsetof(ScatterCache, cellSize) == 36 &&
+                                      offsetof(ScatterCache, cells) == 40 && offsetof(ScatterCache, pool) == 48 &&
+                                      offsetof(ScatterCache, slotCount) == 56 &&
+                                      offsetof(ScatterCache, claimCount) == 60 &&
+                                      offsetof(ScatterCache, claims) == 64 && offsetof(ScatterCache, sampler) == 72 &&
+                                      offsetof(ScatterCache, radius) == 96 && offsetof(ScatterCache, samples) == 100 &&
+                                      offsetof(ScatterCache, instance) == 104 && offsetof(ScatterCache, next) == 112 &&
+                                      sizeof(ScatterCache) == 120),
+              "ScatterCache layout");
+static_assert(sizeof(void *) != 8 || (sizeof(Sampler) == 24 && offsetof(Sampler, cursor) == 16 &&
+                                      sizeof(GridCell) == 16 && offsetof(GridCell, head) == 8),
+              "Sampler and GridCell layout");
 
 namespace {
 
@@ -190,6 +209,23 @@ struct EvaluatingScope {
     EvaluatingScope &operator=(const EvaluatingScope &) = delete;
 };
 
+/* Test hook, read once at the first batch run: with
+   DRUX_TEST_SCATTER_LOST_RACE set to a non-empty value other than "0", every
+   batch run first lets the queue run empty (it takes the remaining batches
+   itself, as another thread would) between the caller's check of the cursor
+   and the batch lock, so the path of a thread that lost the race for the
+   last batch runs on every batch.  Batch runs are not per sample; normal
+   runs pay one predictable branch per batch. */
+bool forceLostRace()
+{
+    static const bool on = [] {
+        const char *v = std::getenv("DRUX_TEST_SCATTER_LOST_RACE");
+        return v && *v && std::strcmp(v, "0") != 0;
+    }();
+    return on;
+}
+thread_local bool tEmptyingQueue = false;
+
 /* ------------------------------------------------------------ record reading */
 
 template <class T> inline T readAt(const void *base, size_t off)
@@ -199,25 +235,16 @@ template <class T> inline T readAt(const void *base, size_t off)
     return v;
 }
 
-/* The boxes of an instance, in order.  The first kLocalBoxes tags are copied;
-   tags beyond them are read from the geometry list when needed. */
+/* The boxes of an instance, in order.  The tags are copied while the
+   geometry list is read, so that the list is released before the scan: the
+   first kLocalBoxes into the record itself, any beyond them into a growable
+   array (instances of that many boxes are rare). */
 struct BoxList {
     int count = 0;
-    miTag geolist = 0; /* set only when the list holds more than kLocalBoxes boxes */
     miTag local[kLocalBoxes];
+    std::vector<miTag> more; /* tags of boxes kLocalBoxes, kLocalBoxes + 1, ... */
 
-    miTag tag(int i) const
-    {
-        if (i < kLocalBoxes)
-            return local[i];
-        void *gl = mi_db_access(geolist);
-        if (!gl)
-            return 0;
-        miTag t = readAt<miTag>(gl, miGEOLIST_ENTRIES + static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
-                                        miGEOLIST_ENTRY_BOX);
-        mi_db_unpin(geolist);
-        return t;
-    }
+    miTag tag(int i) const { return i < kLocalBoxes ? local[i] : more[static_cast<size_t>(i - kLocalBoxes)]; }
 };
 
 /* Copy the instance's object-to-internal matrix and find its boxes: the
@@ -226,7 +253,7 @@ struct BoxList {
 bool readInstance(miTag instTag, miScalar matrix[16], BoxList &boxes)
 {
     boxes.count = 0;
-    boxes.geolist = 0;
+    boxes.more.clear();
     if (!instTag)
         return false;
     const miInstance *inst = static_cast<const miInstance *>(mi_db_access(instTag));
@@ -246,12 +273,14 @@ bool readInstance(miTag instTag, miScalar matrix[16], BoxList &boxes)
         if (gl) {
             const int n = readAt<int>(gl, 0);
             boxes.count = n > 0 ? n : 0;
-            for (int i = 0; i < boxes.count && i < kLocalBoxes; ++i)
-                boxes.local[i] = readAt<miTag>(gl, miGEOLIST_ENTRIES +
-                                                       static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
-                                                       miGEOLIST_ENTRY_BOX);
-            if (boxes.count > kLocalBoxes)
-                boxes.geolist = glTag;
+            for (int i = 0; i < boxes.count; ++i) {
+                const miTag t = readAt<miTag>(gl, miGEOLIST_ENTRIES + static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
+                                                      miGEOLIST_ENTRY_BOX);
+                if (i < kLocalBoxes)
+                    boxes.local[i] = t;
+                else
+                    boxes.more.push_back(t);
+            }
             mi_db_unpin(glTag);
         }
     } else if (objType == 2) {
@@ -505,6 +534,12 @@ struct TriangleIndex {
    light, tint with the material inputs, and store the colour in the point. */
 void sampler_runbatch(Sampler *s, miState *state, SamplerParms *parms)
 {
+    if (__builtin_expect(forceLostRace(), 0) && !tEmptyingQueue) {
+        tEmptyingQueue = true;
+        while (loadAcquire(&s->cursor))
+            sampler_runbatch(s, state, parms);
+        tEmptyingQueue = false;
+    }
     mi_lock(s->lock);
     Sample *first = s->cursor;
     if (!first) {
@@ -799,18 +834,53 @@ void drainSampler(Sampler *s, miState *state, SamplerParms *parms)
 
 /* ------------------------------------------------------------ claims (cache lock held) */
 
+/* Room of the claim lists that have outgrown their first 96 entries.  The
+   cache record has no field for it: almost every list keeps its 96 entries
+   for life, so the room of the few grown ones is kept here, keyed by cache,
+   and only looked at when a list is full or being freed. */
+struct GrownClaimLists {
+    std::mutex lock;
+    std::unordered_map<const ScatterCache *, int> room;
+};
+
+GrownClaimLists &grownClaimLists()
+{
+    static GrownClaimLists *lists = new GrownClaimLists; /* never destroyed: caches may outlive statics */
+    return *lists;
+}
+
+int claimRoom(const ScatterCache *c)
+{
+    if (c->claimCount < kClaimRoom)
+        return kClaimRoom; /* not full whatever the room: no look-up */
+    GrownClaimLists &g = grownClaimLists();
+    std::lock_guard<std::mutex> hold(g.lock);
+    const auto it = g.room.find(c);
+    return it == g.room.end() ? kClaimRoom : it->second;
+}
+
+void forgetClaimRoom(const ScatterCache *c)
+{
+    GrownClaimLists &g = grownClaimLists();
+    std::lock_guard<std::mutex> hold(g.lock);
+    g.room.erase(c);
+}
+
 void appendClaim(ScatterCache *c, int slot, int fill)
 {
-    if (c->claimCount == c->claimRoom) {
+    const int room = claimRoom(c);
+    if (c->claimCount == room) {
         /* More lookups in flight than the list has room for: grow it.  The
            list is only touched under the cache lock, so the swap is safe. */
-        const int room = c->claimRoom * 2;
-        Claim *grown = static_cast<Claim *>(
-            mi_mem_int_allocate(kFile, kLineClaims, static_cast<size_t>(room) * sizeof(Claim)));
-        std::memcpy(grown, c->claims, static_cast<size_t>(c->claimCount) * sizeof(Claim));
+        const int grown = room * 2;
+        Claim *moved = static_cast<Claim *>(
+            mi_mem_int_allocate(kFile, kLineClaims, static_cast<size_t>(grown) * sizeof(Claim)));
+        std::memcpy(moved, c->claims, static_cast<size_t>(c->claimCount) * sizeof(Claim));
         mi_mem_int_release(kFile, kLineFreeClaims, c->claims);
-        c->claims = grown;
-        c->claimRoom = room;
+        c->claims = moved;
+        GrownClaimLists &g = grownClaimLists();
+        std::lock_guard<std::mutex> hold(g.lock);
+        g.room[c] = grown;
     }
     c->claims[c->claimCount].slot = slot;
     c->claims[c->claimCount].fill = fill;
@@ -1090,10 +1160,9 @@ ScatterCache *buildCache(miState *state, float radius, int samples, int cacheSiz
         c->cells = static_cast<GridCell *>(mi_mem_int_allocate(kFile, kLineGridCells, bytes));
         std::memset(static_cast<void *>(c->cells), 0, bytes);
     } else {
-        /* Cell k lives in slot k mod slotCount; slots beyond the number of
-           cells could never be used, so the table is not made larger. */
-        c->slotCount = static_cast<long long>(cacheSize) < cellCount ? cacheSize : static_cast<int>(cellCount);
-        c->claimRoom = kClaimRoom;
+        /* Cell k lives in slot k mod slotCount.  The table has the slots
+           the caller asked for, also when the grid has fewer cells. */
+        c->slotCount = cacheSize;
         c->claims = static_cast<Claim *>(
             mi_mem_int_allocate(kFile, kLineClaims, static_cast<size_t>(kClaimRoom) * sizeof(Claim)));
         const size_t bytes = static_cast<size_t>(c->slotCount) * sizeof(GridCell);
@@ -1255,8 +1324,10 @@ extern "C" DRUX_API void destroy_scatter(miState *, ScatterCache **cache)
         mi_delete_lock(&c->sampler.lock);
         if (c->pool)
             mi_mem_blkdelete(c->pool);
-        if (c->slotCount)
+        if (c->slotCount) {
             mi_mem_int_release(kFile, kLineFreeClaims, c->claims);
+            forgetClaimRoom(c);
+        }
         mi_mem_int_release(kFile, kLineFreeCells, c->cells);
         mi_mem_int_release(kFile, kLineFreeCache, c);
         c = next;

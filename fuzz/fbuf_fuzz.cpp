@@ -24,15 +24,14 @@
 
 #include <climits>
 
-namespace {
+const fz::Target fz::kTarget = {"fbuf_fuzz", 8, 8};
 
-const char *const kTarget = "fbuf_fuzz";
+namespace {
 
 constexpr int kNames = 4;
 const char *const kFbNames[kNames] = {"beauty", "diffuse", "shadow", "matte"};
 
 struct World {
-    mirt::Context *ctx = nullptr;
     miTag block = 0, decoy = 0;
     miTag nameTags[kNames] = {};
     int fbIndex[kNames] = {};
@@ -40,39 +39,7 @@ struct World {
     miTag stateShader = 0, initShader = 0;
 };
 
-World &world()
-{
-    static World *w = nullptr;
-    if (w)
-        return *w;
-    w = new World;
-    fz::quietRuntime();
-    w->ctx = new mirt::Context(8, 8);
-    for (int i = 0; i < kNames; ++i) {
-        w->fbIndex[i] = w->ctx->add_framebuffer(kFbNames[i]);
-        w->nameTags[i] = mirt::db_create_string(kFbNames[i]);
-    }
-    w->unknownName = mirt::db_create_string("not-a-frame-buffer");
-    w->emptyName = mirt::db_create_string("");
-    const uint32_t junk[2] = {0x41414141u, 0x41414141u};
-    w->notAString = mirt::db_create_data(junk, sizeof junk);
-    w->block = mirt::db_create_userdata(nullptr, 0, 0);
-    w->decoy = mirt::db_create_userdata(nullptr, 0, 0);
-    w->stateShader = mirt::make_function(
-        miSHADER_STATE, reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)()>(&druxFrameBufferState)),
-        nullptr, 0, 0, false, "druxFrameBufferState");
-    druxFrameBufferInit_params p{0, miColor{0.25f, 0.5f, 0.75f, 1.0f}};
-    w->initShader = mirt::make_function(
-        miSHADER_STATE, reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)()>(&druxFrameBufferInit)),
-        &p, sizeof p, 0, false, "druxFrameBufferInit");
-    w->ctx->add_state_shader(w->stateShader);
-    w->ctx->add_state_shader(w->initShader);
-    /* The seed corpus refers to the name strings by tag (fuzz/make_seeds.py). */
-    if (std::getenv("DRUX_FUZZ_PRINT_TAGS"))
-        std::fprintf(stderr, "name tags %u %u %u %u, unknown %u, empty %u, not a string %u\n", w->nameTags[0],
-                     w->nameTags[1], w->nameTags[2], w->nameTags[3], w->unknownName, w->emptyName, w->notAString);
-    return *w;
-}
+World gWorld;
 
 int32_t wordOf(const std::vector<uint8_t> &b, size_t offset)
 {
@@ -109,12 +76,11 @@ bool blockUsable(const std::vector<uint8_t> &b, bool swapped)
         return false;
     int64_t sum = 0;
     for (int64_t t = 0; t < read; ++t) {
-        const int32_t c = wordOf(b, static_cast<size_t>(92 + 4 * (tcFirst + t)));
-        if (c < 0)
-            return false;
-        sum += c;
+        sum += static_cast<int32_t>(wordOf(b, static_cast<size_t>(92 + 4 * (tcFirst + t))));
+        if (sum > INT_MAX || sum < INT_MIN)
+            return false; /* negative counts are fine; running sums must stay in 32 bits */
     }
-    return sum <= INT_MAX;
+    return true;
 }
 
 /* Sum of the type counts the set-up reads. */
@@ -159,17 +125,38 @@ void lightLoop(miState *state, fz::Input &in)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+void fz::setUp()
 {
-    world();
-    return 0;
+    World &w = gWorld;
+    for (int i = 0; i < kNames; ++i) {
+        w.fbIndex[i] = fz::context().add_framebuffer(kFbNames[i]);
+        w.nameTags[i] = mirt::db_create_string(kFbNames[i]);
+    }
+    w.unknownName = mirt::db_create_string("not-a-frame-buffer");
+    w.emptyName = mirt::db_create_string("");
+    const uint32_t junk[2] = {0x41414141u, 0x41414141u};
+    w.notAString = mirt::db_create_data(junk, sizeof junk);
+    w.block = mirt::db_create_userdata(nullptr, 0, 0);
+    w.decoy = mirt::db_create_userdata(nullptr, 0, 0);
+    w.stateShader = mirt::make_function(
+        miSHADER_STATE, reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)()>(&druxFrameBufferState)),
+        nullptr, 0, 0, false, "druxFrameBufferState");
+    druxFrameBufferInit_params p{0, miColor{0.25f, 0.5f, 0.75f, 1.0f}};
+    w.initShader = mirt::make_function(
+        miSHADER_STATE, reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)()>(&druxFrameBufferInit)),
+        &p, sizeof p, 0, false, "druxFrameBufferInit");
+    fz::context().add_state_shader(w.stateShader);
+    fz::context().add_state_shader(w.initShader);
+    /* The seed corpus refers to the name strings by tag (fuzz/make_seeds.py). */
+    if (std::getenv("DRUX_FUZZ_PRINT_TAGS"))
+        std::fprintf(stderr, "name tags %u %u %u %u, unknown %u, empty %u, not a string %u\n", w.nameTags[0],
+                     w.nameTags[1], w.nameTags[2], w.nameTags[3], w.unknownName, w.emptyName, w.notAString);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fz::runInput(fz::Input &in)
 {
-    World &w = world();
-    mirt::Context &ctx = *w.ctx;
-    fz::Input in(data, size);
+    World &w = gWorld;
+    mirt::Context &ctx = fz::context();
 
     const uint8_t flags = in.u8();
     static const int depths[4] = {0, 1, 2, 4};
@@ -303,6 +290,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     ctx.end_state(state);
     ctx.clear_framebuffers();
-    fz::finishInput(kTarget);
-    return 0;
 }

@@ -7,7 +7,11 @@
  * calls.  Keeping tags fixed keeps inputs reproducible and the database from
  * growing over millions of runs.
  *
- * After every input the target calls finishInput(), which aborts (so that
+ * libFuzzer's entry points live once, in driver.cpp.  A target defines the
+ * three names declared at the end of this header: kTarget (its name and the
+ * size of its render context), setUp() (builds the target's world once per
+ * process, after the driver has quieted the runtime and made the context)
+ * and runInput() (one input).  After every input the driver aborts (so that
  * libFuzzer reports the input) when memory under any tag is still live, an
  * item is still pinned, or a shader-interface handle was not given back.
  */
@@ -22,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -75,38 +80,15 @@ private:
     size_t pos_ = 0;
 };
 
-[[noreturn]] inline void fail(const char *target, const std::string &what)
-{
-    std::fprintf(stderr, "\n==== %s: %s\n", target, what.c_str());
-    std::fflush(stderr);
-    std::abort();
-}
+/* Report a failed check of the running target and abort, so that libFuzzer
+   keeps the input. */
+[[noreturn]] void fail(const std::string &what);
 
 #define FZ_CHECK(cond, msg)                                                                     \
     do {                                                                                       \
         if (!(cond))                                                                           \
-            ::fz::fail(kTarget, std::string("check failed: ") + #cond + " -- " + (msg));       \
+            ::fz::fail(std::string("check failed: ") + #cond + " -- " + (msg));                \
     } while (0)
-
-/* Nothing left behind by one input. */
-inline void finishInput(const char *target)
-{
-    const int64_t live = mirt::mem_live_bytes_total();
-    if (live != 0)
-        fail(target, "memory still live after the input: " + std::to_string(live) + " bytes");
-    const long pins = mirt::db_total_pins();
-    if (pins != 0) {
-        std::string list;
-        for (miTag t : mirt::db_pinned())
-            list += " " + std::to_string(t) + "(x" + std::to_string(mirt::db_pin_count(t)) + ")";
-        fail(target, "database items still pinned after the input:" + list);
-    }
-    if (mirt::shader_interface_outstanding() != 0)
-        fail(target, "shader-interface handles not given back");
-    /* Keep the process-wide logs from growing over millions of inputs. */
-    mirt::clear_messages();
-    mirt::mem_clear_events();
-}
 
 /* True when an error message containing `text` was logged. */
 inline bool errorLogged(const char *text)
@@ -120,6 +102,52 @@ inline bool errorLogged(const char *text)
 inline uint32_t byteSwap32(uint32_t v)
 {
     return (v >> 24) | ((v >> 8) & 0xFF00u) | ((v << 8) & 0xFF0000u) | (v << 24);
+}
+
+/* What get_userdata must find, walked independently of the library (a chain
+   that loops ends the walk without a match; a block too short to hold a
+   magic word has none). */
+inline miTag expectedUserdata(uint32_t magic, int type, miTag tag, bool wantSwapped, int &swapped)
+{
+    swapped = 0;
+    miTag head = tag;
+    if (type != miSCENE_USERDATA) {
+        int t = mi_db_type(tag);
+        miTag used = tag;
+        if (t == miSCENE_NONE)
+            return 0;
+        if (t != type) {
+            if (t != miSCENE_INSTANCE)
+                return 0;
+            used = static_cast<miInstance *>(mirt::db_data(tag))->item;
+            t = mi_db_type(used);
+            if (t == miSCENE_NONE || t != type)
+                return 0;
+        }
+        if (t != miSCENE_OBJECT)
+            return 0;
+        head = static_cast<miObject *>(mirt::db_data(used))->userdata;
+    }
+    std::set<miTag> seen;
+    for (miTag cur = head; cur != 0;) {
+        if (!seen.insert(cur).second)
+            return 0;
+        if (mi_db_type(cur) != miSCENE_USERDATA)
+            return 0;
+        const miUserdata *u = static_cast<const miUserdata *>(mirt::db_data(cur));
+        if (u->parameter_size >= 4) {
+            uint32_t got;
+            std::memcpy(&got, u->parameters, 4);
+            if (got == magic)
+                return cur;
+            if (wantSwapped && got == byteSwap32(magic)) {
+                swapped = 1;
+                return cur;
+            }
+        }
+        cur = u->next_data;
+    }
+    return 0;
 }
 
 /* Replace a user-data block's parameter area: `bytes` copied, the header's
@@ -144,13 +172,22 @@ inline void setString(miTag tag, const std::string &text)
     std::memcpy(mirt::db_data(tag), text.c_str(), text.size() + 1);
 }
 
-/* Quiet runtime errors are part of the game; the runtime logs them and goes on. */
-inline void quietRuntime() { mirt::set_echo_messages(false); }
-
 inline bool sameFloat(float a, float b)
 {
     return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof a) == 0;
 }
+
+/* Defined by each target. */
+struct Target {
+    const char *name;  /* as in its reports, e.g. "fbuf_fuzz" */
+    int width, height; /* of the render context the driver makes */
+};
+extern const Target kTarget;
+void setUp();             /* once per process, before the first input */
+void runInput(Input &in); /* one input, checked with FZ_CHECK */
+
+/* The process-wide render context, made by the driver before setUp(). */
+mirt::Context &context();
 
 } // namespace fz
 

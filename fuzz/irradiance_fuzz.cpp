@@ -26,36 +26,18 @@
  */
 #include "harness.h"
 
-#include <set>
+const fz::Target fz::kTarget = {"irradiance_fuzz", 2, 2};
 
 namespace {
-
-const char *const kTarget = "irradiance_fuzz";
 
 constexpr int kBlocks = 4;
 
 struct World {
-    mirt::Context *ctx = nullptr;
     miTag block[kBlocks] = {};
     miTag object = 0, instance = 0, light = 0, text = 0;
 };
 
-World &world()
-{
-    static World *w = nullptr;
-    if (w)
-        return *w;
-    w = new World;
-    fz::quietRuntime();
-    w->ctx = new mirt::Context(2, 2);
-    for (miTag &t : w->block)
-        t = mirt::db_create_userdata(nullptr, 0, 0);
-    w->object = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
-    w->instance = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
-    w->light = mirt::db_create(miSCENE_LIGHT, sizeof(miLight));
-    w->text = mirt::db_create_string("Kelu");
-    return *w;
-}
+World gWorld;
 
 miTag choose(const World &w, fz::Input &in)
 {
@@ -72,30 +54,11 @@ miTag choose(const World &w, fz::Input &in)
     }
 }
 
-/* The block the lookup must find from `instance`, or 0 (same walk as the
-   library's: instance -> object -> chain; loops end without a match). */
-miTag expectedBlock(miTag instance)
+/* The settings block the library must find from `instance`, or 0. */
+miTag expectedKelu(miTag instance)
 {
-    int t = mi_db_type(instance);
-    miTag used = instance;
-    if (t == miSCENE_INSTANCE) {
-        used = static_cast<miInstance *>(mirt::db_data(instance))->item;
-        t = mi_db_type(used);
-    }
-    if (t != miSCENE_OBJECT)
-        return 0;
-    std::set<miTag> seen;
-    for (miTag cur = static_cast<miObject *>(mirt::db_data(used))->userdata; cur;) {
-        if (!seen.insert(cur).second || mi_db_type(cur) != miSCENE_USERDATA)
-            return 0;
-        const miUserdata *u = static_cast<const miUserdata *>(mirt::db_data(cur));
-        uint32_t magic;
-        std::memcpy(&magic, u->parameters, 4);
-        if (u->parameter_size >= 4 && magic == static_cast<uint32_t>(KELU_MAGIC))
-            return cur;
-        cur = u->next_data;
-    }
-    return 0;
+    int swapped = 0;
+    return fz::expectedUserdata(static_cast<uint32_t>(KELU_MAGIC), miSCENE_OBJECT, instance, false, swapped);
 }
 
 uint32_t wordAt(miTag block, int n)
@@ -107,17 +70,21 @@ uint32_t wordAt(miTag block, int n)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+void fz::setUp()
 {
-    world();
-    return 0;
+    World &w = gWorld;
+    for (miTag &t : w.block)
+        t = mirt::db_create_userdata(nullptr, 0, 0);
+    w.object = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
+    w.instance = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
+    w.light = mirt::db_create(miSCENE_LIGHT, sizeof(miLight));
+    w.text = mirt::db_create_string("Kelu");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fz::runInput(fz::Input &in)
 {
-    World &w = world();
-    mirt::Context &ctx = *w.ctx;
-    fz::Input in(data, size);
+    World &w = gWorld;
+    mirt::Context &ctx = fz::context();
 
     for (miTag b : w.block) {
         static const size_t sizes[8] = {0, 4, 20, 24, 64, 68, 72, 0};
@@ -192,7 +159,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const float m = std::fmax(pw.r, std::fmax(pw.g, pw.b));
         if (!(m < bss.minContribution)) {
             bool have = false;
-            const miTag block = state->instance ? expectedBlock(state->instance) : 0;
+            const miTag block = state->instance ? expectedKelu(state->instance) : 0;
             if (block && static_cast<const miUserdata *>(mirt::db_data(block))->parameter_size >= 68 &&
                 wordAt(block, 5) == 1u) {
                 have = true;
@@ -255,6 +222,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FZ_CHECK(std::isfinite(result.r) && std::isfinite(result.g) && std::isfinite(result.b), "a finite result");
 
     ctx.end_state(state);
-    fz::finishInput(kTarget);
-    return 0;
 }

@@ -25,55 +25,20 @@
  */
 #include "harness.h"
 
-namespace {
+const fz::Target fz::kTarget = {"mask_fuzz", 2, 2};
 
-const char *const kTarget = "mask_fuzz";
+namespace {
 
 constexpr int kEntries = 40;
 
 struct World {
-    mirt::Context *ctx = nullptr;
     miTag text[2] = {};
     miTag data[2] = {};
     miTag userdata = 0;
     miTag lightInst = 0, occluderInst = 0, object = 0;
 };
 
-World &world()
-{
-    static World *w = nullptr;
-    if (w)
-        return *w;
-    w = new World;
-    fz::quietRuntime();
-    w->ctx = new mirt::Context(2, 2);
-    /* A block with 40 records, all of pass type 0: the records from byte
-       144 on (first index 2, clear of the fixed part), then the 35 type
-       counts. */
-    const size_t recordsAt = 24 + 60 * 2, countsAt = recordsAt + 60 * kEntries;
-    std::vector<int32_t> b((countsAt + 4 * 35) / 4, 0);
-    b[0] = static_cast<int32_t>(FBUF_MAGIC);
-    b[4] = 2;        /* frameBufferInfo first */
-    b[5] = kEntries; /* count */
-    b[21] = static_cast<int32_t>((countsAt - 92) / 4); /* typeCounts first */
-    b[22] = 35;
-    b[countsAt / 4] = kEntries;
-    const miTag block = mirt::db_create_userdata(b.data(), b.size() * 4, 0);
-    w->ctx->attach_camera_userdata(block);
-    w->ctx->add_state_shader(mirt::make_function(
-        miSHADER_STATE, reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)()>(&druxFrameBufferState)),
-        nullptr, 0, 0, false, "druxFrameBufferState"));
-    for (miTag &t : w->text)
-        t = mirt::db_create_string("");
-    const uint32_t zero[2] = {0, 0};
-    for (miTag &t : w->data)
-        t = mirt::db_create_data(zero, sizeof zero);
-    w->userdata = mirt::db_create_userdata(zero, 4, 0);
-    w->lightInst = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
-    w->occluderInst = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
-    w->object = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
-    return *w;
-}
+World gWorld;
 
 miTag choose(const World &w, fz::Input &in)
 {
@@ -146,17 +111,40 @@ bool same(const miColor &a, const miColor &b)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+void fz::setUp()
 {
-    world();
-    return 0;
+    World &w = gWorld;
+    /* A block with 40 records, all of pass type 0: the records from byte
+       144 on (first index 2, clear of the fixed part), then the 35 type
+       counts. */
+    const size_t recordsAt = 24 + 60 * 2, countsAt = recordsAt + 60 * kEntries;
+    std::vector<int32_t> b((countsAt + 4 * 35) / 4, 0);
+    b[0] = static_cast<int32_t>(FBUF_MAGIC);
+    b[4] = 2;        /* frameBufferInfo first */
+    b[5] = kEntries; /* count */
+    b[21] = static_cast<int32_t>((countsAt - 92) / 4); /* typeCounts first */
+    b[22] = 35;
+    b[countsAt / 4] = kEntries;
+    const miTag block = mirt::db_create_userdata(b.data(), b.size() * 4, 0);
+    fz::context().attach_camera_userdata(block);
+    fz::context().add_state_shader(mirt::make_function(
+        miSHADER_STATE, reinterpret_cast<miShader_fn>(reinterpret_cast<void (*)()>(&druxFrameBufferState)),
+        nullptr, 0, 0, false, "druxFrameBufferState"));
+    for (miTag &t : w.text)
+        t = mirt::db_create_string("");
+    const uint32_t zero[2] = {0, 0};
+    for (miTag &t : w.data)
+        t = mirt::db_create_data(zero, sizeof zero);
+    w.userdata = mirt::db_create_userdata(zero, 4, 0);
+    w.lightInst = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
+    w.occluderInst = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
+    w.object = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fz::runInput(fz::Input &in)
 {
-    World &w = world();
-    mirt::Context &ctx = *w.ctx;
-    fz::Input in(data, size);
+    World &w = gWorld;
+    mirt::Context &ctx = fz::context();
 
     const miUint n = in.u8() % (kEntries + 1);
     for (miTag t : w.text) {
@@ -272,6 +260,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             FZ_CHECK((contributesToPass(i, mask) != 0) == expectedContributes(i, mask), "contributesToPass");
 
     ctx.end_state(state);
-    fz::finishInput(kTarget);
-    return 0;
 }

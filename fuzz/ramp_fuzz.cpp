@@ -26,9 +26,9 @@
 
 #include <algorithm>
 
-namespace {
+const fz::Target fz::kTarget = {"ramp_fuzz", 2, 2};
 
-const char *const kTarget = "ramp_fuzz";
+namespace {
 
 constexpr int kMaxBlock = 8 + 1200;
 
@@ -43,28 +43,12 @@ miBoolean giveNan(void *r, miState *, void *) { *static_cast<float *>(r) = NAN; 
 miBoolean owner(void *, miState *, void *) { return miTRUE; }
 
 struct World {
-    mirt::Context *ctx = nullptr;
     miState *state = nullptr;
     miTag fn = 0;
     miTag sources[4] = {};
 };
 
-World &world()
-{
-    static World *w = nullptr;
-    if (w)
-        return *w;
-    w = new World;
-    fz::quietRuntime();
-    w->ctx = new mirt::Context(2, 2);
-    w->state = w->ctx->begin_state(0);
-    w->fn = mirt::make_function(miSHADER_MATERIAL, owner, nullptr, kMaxBlock, 16, true, "rampOwner");
-    w->sources[0] = mirt::make_function(miSHADER_TEXTURE, giveHalf, nullptr, 0, 4, false, "half");
-    w->sources[1] = mirt::make_function(miSHADER_TEXTURE, giveLinear, nullptr, 0, 4, false, "linear");
-    w->sources[2] = mirt::make_function(miSHADER_TEXTURE, giveColour, nullptr, 0, 16, false, "colour");
-    w->sources[3] = mirt::make_function(miSHADER_TEXTURE, giveNan, nullptr, 0, 4, false, "nan");
-    return *w;
-}
+World gWorld;
 
 bool saneFloat(float v) { return std::isfinite(v) && std::fabs(v) < 1e30f; }
 
@@ -109,17 +93,21 @@ void checkLookups(const Ramp &r, fz::Input &in)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+void fz::setUp()
 {
-    world();
-    return 0;
+    World &w = gWorld;
+    w.state = fz::context().begin_state(0);
+    w.fn = mirt::make_function(miSHADER_MATERIAL, owner, nullptr, kMaxBlock, 16, true, "rampOwner");
+    w.sources[0] = mirt::make_function(miSHADER_TEXTURE, giveHalf, nullptr, 0, 4, false, "half");
+    w.sources[1] = mirt::make_function(miSHADER_TEXTURE, giveLinear, nullptr, 0, 4, false, "linear");
+    w.sources[2] = mirt::make_function(miSHADER_TEXTURE, giveColour, nullptr, 0, 16, false, "colour");
+    w.sources[3] = mirt::make_function(miSHADER_TEXTURE, giveNan, nullptr, 0, 4, false, "nan");
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fz::runInput(fz::Input &in)
 {
-    World &w = world();
+    World &w = gWorld;
     miState *state = w.state;
-    fz::Input in(data, size);
 
     const uint8_t flags = in.u8();
     const int isColor = flags & 1;
@@ -203,7 +191,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     ramp_destructor(&r);
     FZ_CHECK(r.count == 0, "the destructor empties the ramp");
-
-    fz::finishInput(kTarget);
-    return 0;
 }

@@ -22,41 +22,18 @@
  */
 #include "harness.h"
 
-#include <set>
+const fz::Target fz::kTarget = {"userdata_fuzz", 2, 2};
 
 namespace {
-
-const char *const kTarget = "userdata_fuzz";
 
 constexpr int kBlocks = 8, kObjects = 4, kInstances = 4;
 
 struct World {
     miTag block[kBlocks], object[kObjects], instance[kInstances];
     miTag light = 0, text = 0, data = 0, cameraInstance = 0;
-    mirt::Context *ctx = nullptr;
 };
 
-World &world()
-{
-    static World *w = nullptr;
-    if (w)
-        return *w;
-    w = new World;
-    fz::quietRuntime();
-    w->ctx = new mirt::Context(2, 2);
-    for (miTag &t : w->block)
-        t = mirt::db_create_userdata(nullptr, 0, 0);
-    for (miTag &t : w->object)
-        t = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
-    for (miTag &t : w->instance)
-        t = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
-    w->light = mirt::db_create(miSCENE_LIGHT, sizeof(miLight));
-    w->text = mirt::db_create_string("Kelu");
-    const uint32_t words[2] = {static_cast<uint32_t>(KELU_MAGIC), 0};
-    w->data = mirt::db_create_data(words, sizeof words);
-    w->cameraInstance = w->ctx->camera_instance();
-    return *w;
-}
+World gWorld;
 
 miTag choose(const World &w, fz::Input &in)
 {
@@ -91,63 +68,27 @@ uint32_t chooseMagic(fz::Input &in)
     }
 }
 
-/* The lookup as it must come out, walked independently (cycles end the walk
-   without a match; a block too short to hold a magic word has none). */
-miTag expectedMatch(uint32_t magic, int type, miTag tag, bool wantSwapped, int &swapped)
-{
-    swapped = 0;
-    miTag head = tag;
-    if (type != miSCENE_USERDATA) {
-        int t = mi_db_type(tag);
-        miTag used = tag;
-        if (t == miSCENE_NONE)
-            return 0;
-        if (t != type) {
-            if (t != miSCENE_INSTANCE)
-                return 0;
-            used = static_cast<miInstance *>(mirt::db_data(tag))->item;
-            t = mi_db_type(used);
-            if (t == miSCENE_NONE || t != type)
-                return 0;
-        }
-        if (t != miSCENE_OBJECT)
-            return 0;
-        head = static_cast<miObject *>(mirt::db_data(used))->userdata;
-    }
-    std::set<miTag> seen;
-    for (miTag cur = head; cur != 0;) {
-        if (!seen.insert(cur).second)
-            return 0;
-        if (mi_db_type(cur) != miSCENE_USERDATA)
-            return 0;
-        const miUserdata *u = static_cast<const miUserdata *>(mirt::db_data(cur));
-        if (u->parameter_size >= 4) {
-            uint32_t got;
-            std::memcpy(&got, u->parameters, 4);
-            if (got == magic)
-                return cur;
-            if (wantSwapped && got == fz::byteSwap32(magic)) {
-                swapped = 1;
-                return cur;
-            }
-        }
-        cur = u->next_data;
-    }
-    return 0;
-}
-
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+void fz::setUp()
 {
-    world();
-    return 0;
+    World &w = gWorld;
+    for (miTag &t : w.block)
+        t = mirt::db_create_userdata(nullptr, 0, 0);
+    for (miTag &t : w.object)
+        t = mirt::db_create(miSCENE_OBJECT, sizeof(miObject));
+    for (miTag &t : w.instance)
+        t = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
+    w.light = mirt::db_create(miSCENE_LIGHT, sizeof(miLight));
+    w.text = mirt::db_create_string("Kelu");
+    const uint32_t words[2] = {static_cast<uint32_t>(KELU_MAGIC), 0};
+    w.data = mirt::db_create_data(words, sizeof words);
+    w.cameraInstance = fz::context().camera_instance();
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void fz::runInput(fz::Input &in)
 {
-    World &w = world();
-    fz::Input in(data, size);
+    World &w = gWorld;
 
     for (int b = 0; b < kBlocks; ++b) {
         const size_t bytes = in.u8() % 41;
@@ -181,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         void *p = get_userdata(static_cast<int>(magic), type, start, (outs & 1) ? &found : nullptr,
                                (outs & 2) ? &swapped : nullptr);
         int expectSwapped = 0;
-        const miTag expect = expectedMatch(magic, type, start, (outs & 2) != 0, expectSwapped);
+        const miTag expect = fz::expectedUserdata(magic, type, start, (outs & 2) != 0, expectSwapped);
         if (!expect) {
             FZ_CHECK(p == nullptr, "no block matches, so none is returned");
             FZ_CHECK(mirt::db_total_pins() == 0, "a failed lookup leaves nothing pinned");
@@ -197,7 +138,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                  "only the matching block stays pinned, once");
         mi_db_unpin(expect);
     }
-
-    fz::finishInput(kTarget);
-    return 0;
 }

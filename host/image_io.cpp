@@ -5,6 +5,7 @@
 #include <OpenEXR/ImfHeader.h>
 #include <OpenEXR/ImfInputFile.h>
 #include <OpenEXR/ImfOutputFile.h>
+#include <OpenEXR/ImfStringAttribute.h>
 #include <png.h>
 
 #include <cmath>
@@ -34,7 +35,8 @@ struct FileCloser {
 
 } // namespace
 
-void writeExr(const std::string &path, const std::vector<Layer> &layers)
+void writeExr(const std::string &path, const std::vector<Layer> &layers,
+              const std::vector<std::pair<std::string, std::string>> &attributes)
 {
     if (layers.empty())
         throw std::runtime_error("writeExr: no layers");
@@ -45,10 +47,12 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers)
     try {
         Imf::Header header(w, h);
         header.compression() = Imf::ZIP_COMPRESSION;
+        for (const auto &a : attributes)
+            header.insert(a.first, Imf::StringAttribute(a.second));
         Imf::FrameBuffer fb;
         for (const Layer &l : layers)
-            for (int c = 0; c < 4; ++c) {
-                const std::string name = channelName(l.name, c);
+            for (int c = 0; c < (l.depth ? 1 : 4); ++c) {
+                const std::string name = l.depth ? (l.name.empty() ? "Z" : l.name + ".Z") : channelName(l.name, c);
                 header.channels().insert(name, Imf::Channel(Imf::FLOAT));
                 char *base = reinterpret_cast<char *>(const_cast<float *>(l.image->rgba.data())) + c * sizeof(float);
                 fb.insert(name, Imf::Slice(Imf::FLOAT, base, 4 * sizeof(float), 4 * sizeof(float) * size_t(w)));
@@ -73,14 +77,18 @@ std::vector<std::pair<std::string, Image>> readExr(const std::string &path)
              it != file.header().channels().end(); ++it) {
             const std::string name = it.name();
             const size_t dot = name.rfind('.');
-            const std::string layer = dot == std::string::npos ? std::string() : name.substr(0, dot);
+            std::string layer = dot == std::string::npos ? std::string() : name.substr(0, dot);
+            if (name == "Z")
+                layer = "Z";
             if (layerIndex.emplace(layer, out.size()).second)
                 out.emplace_back(layer, Image(w, h));
         }
         Imf::FrameBuffer fb;
         for (auto &entry : out)
             for (int c = 0; c < 4; ++c) {
-                const std::string name = channelName(entry.first, c);
+                std::string name = channelName(entry.first, c);
+                if (c == 0 && !file.header().channels().findChannel(name))
+                    name = entry.first == "Z" ? "Z" : entry.first + ".Z";
                 if (!file.header().channels().findChannel(name))
                     continue;
                 char *base = reinterpret_cast<char *>(entry.second.rgba.data()) + c * sizeof(float) -
@@ -89,6 +97,20 @@ std::vector<std::pair<std::string, Image>> readExr(const std::string &path)
             }
         file.setFrameBuffer(fb);
         file.readPixels(dw.min.y, dw.max.y);
+    } catch (const std::exception &ex) {
+        throw std::runtime_error("cannot read " + path + ": " + ex.what());
+    }
+    return out;
+}
+
+std::vector<std::pair<std::string, std::string>> readExrAttributes(const std::string &path)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    try {
+        Imf::InputFile file(path.c_str());
+        for (Imf::Header::ConstIterator it = file.header().begin(); it != file.header().end(); ++it)
+            if (const Imf::StringAttribute *a = dynamic_cast<const Imf::StringAttribute *>(&it.attribute()))
+                out.emplace_back(it.name(), a->value());
     } catch (const std::exception &ex) {
         throw std::runtime_error("cannot read " + path + ": " + ex.what());
     }
@@ -122,6 +144,8 @@ void writePng(const std::string &path, const Image &image)
         throw std::runtime_error("cannot write " + path + ": libpng error");
     }
     png_init_io(png, f.get());
+    /* previews: fast compression (a render writes one per pass) */
+    png_set_compression_level(png, 1);
     png_set_IHDR(png, info, static_cast<png_uint_32>(image.width), static_cast<png_uint_32>(image.height), 8,
                  PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);

@@ -7,6 +7,7 @@
 
 #include "shader.h"
 
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -34,14 +35,22 @@ struct Image {
 };
 
 /* A named layer of a multi-layer file; an empty name is the default layer
-   (channels R, G, B, A), any other gives <name>.R, <name>.G, <name>.B, <name>.A. */
+   (channels R, G, B, A), any other gives <name>.R, <name>.G, <name>.B, <name>.A.
+   A depth layer holds only the image's red channel, as Z (empty name) or
+   <name>.Z; readExr gives it back as the layer "Z" or <name> with the value
+   in red. */
 struct Layer {
     std::string name;
     const Image *image;
+    bool depth = false;
 };
 
-/* 32-bit float channels, ZIP compression.  Throws std::runtime_error. */
-void writeExr(const std::string &path, const std::vector<Layer> &layers);
+/* 32-bit float channels, ZIP compression; `attributes` become string
+   attributes of the header.  Throws std::runtime_error. */
+void writeExr(const std::string &path, const std::vector<Layer> &layers,
+              const std::vector<std::pair<std::string, std::string>> &attributes = {});
+/* The string attributes of a file's header. */
+std::vector<std::pair<std::string, std::string>> readExrAttributes(const std::string &path);
 /* Every layer of a file written by writeExr (name "" for the default layer). */
 std::vector<std::pair<std::string, Image>> readExr(const std::string &path);
 

@@ -3,14 +3,22 @@
  *
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
  *              [--resolution WxH] [--no-progress] [--quiet]
+ *              [--shader-path DIRS] [--image-stats FILE] [--version]
  *              [--print-default-scene] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
- * DIR/render.exr (every pass as a layer) and a PNG preview per pass, shows a
+ * DIR/render.exr (every pass as a layer), a PNG preview per pass and the
+ * contact sheet DIR/contact.png, shows a
  * progress bar on a terminal and ends with a summary: time, samples per
  * second, time per megasample, the library's memory per tag and database
  * pins.
+ *
+ * Before rendering it checks that every output file can be written (exit 2
+ * otherwise); when writing still fails after the render, the images go to a
+ * new folder under the system's temporary directory, named on stderr, and
+ * the exit status is 3.
  */
+#include "image_stats.h"
 #include "render.h"
 #include "runtime.h"
 
@@ -18,10 +26,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
+#include <vector>
 #include <iostream>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 using namespace druxhost;
 
@@ -38,6 +49,10 @@ void usage(std::ostream &o)
          "  --no-progress          no progress bar\n"
          "  --quiet                no summary\n"
          "  --print-default-scene  print the built-in scene in the scene format and exit\n"
+         "  --shader-path DIRS     folders (':'-separated) searched for linked shader libraries\n"
+         "                         after the scene file's folder (also DRUX_SHADER_PATH)\n"
+         "  --version              print the version and exit\n"
+         "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
          "  --help                 this text\n";
 }
 
@@ -93,7 +108,8 @@ void drawBar(double f)
 
 int main(int argc, char **argv)
 {
-    std::string scenePath, outDir = "out";
+    std::string scenePath, outDir = "out", statsPath;
+    std::vector<std::string> shaderPath;
     int threads = 0, samples = 0, width = 0, height = 0;
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
     for (int i = 1; i < argc; ++i) {
@@ -127,6 +143,20 @@ int main(int argc, char **argv)
                 std::cerr << "druxrender: --resolution needs WxH, e.g. 640x480\n";
                 return 2;
             }
+        } else if (a == "--shader-path") {
+            const std::string dirs = value("folders");
+            size_t at = 0;
+            while (at <= dirs.size()) {
+                const size_t colon = std::min(dirs.find(':', at), dirs.size());
+                if (colon > at)
+                    shaderPath.push_back(dirs.substr(at, colon - at));
+                at = colon + 1;
+            }
+        } else if (a == "--version") {
+            std::cout << "druxrender " << DRUX_VERSION << "\n";
+            return 0;
+        } else if (a == "--image-stats") {
+            statsPath = value("a file");
         } else if (a == "--no-progress") {
             progress = false;
         } else if (a == "--quiet") {
@@ -167,10 +197,20 @@ int main(int argc, char **argv)
                   << "\n";
         return 2;
     }
+    /* Refuse now rather than lose the render at the end. */
+    std::vector<std::string> passNames;
+    for (const PassDesc &p : scene.passes)
+        passNames.push_back(p.name);
+    const std::string unwritable = probeOutputs(outDir, outputFileNames(passNames));
+    if (!unwritable.empty()) {
+        std::cerr << "druxrender: " << unwritable << "; nothing rendered\n";
+        return 2;
+    }
 
     mirt::set_echo_messages(true);
     RenderOptions ro;
     ro.threads = threads;
+    ro.shaderPath = shaderPath;
     if (progress)
         ro.progress = drawBar;
     if (!quiet)
@@ -179,18 +219,42 @@ int main(int argc, char **argv)
                   << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
                   << scene.passes.size() << " passes\n";
     RenderResult result;
-    std::vector<std::string> files;
+    WrittenOutputs written;
     try {
         result = render(scene, ro);
         if (progress)
             std::fprintf(stderr, "\n");
-        files = writeOutputs(result, outDir);
+        written = writeOutputsOrFallback(result, outDir);
+        if (!statsPath.empty()) {
+            const std::string text = formatStats(imageStats(result));
+            FILE *f = std::fopen(statsPath.c_str(), "w");
+            bool ok = f != nullptr;
+            if (f) {
+                ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+                ok = std::fclose(f) == 0 && ok;
+            }
+            if (!ok)
+                throw std::runtime_error("cannot write " + statsPath);
+        }
+    } catch (const SceneError &e) {
+        /* a shader library or shader instance of the scene */
+        if (progress)
+            std::fprintf(stderr, "\n");
+        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath);
+        if (e.line() > 0)
+            std::cerr << ":" << e.line();
+        std::cerr << ": " << e.what() << "\n";
+        return 2;
     } catch (const std::exception &e) {
         if (progress)
             std::fprintf(stderr, "\n");
         std::cerr << "druxrender: " << e.what() << "\n";
         return 1;
     }
+    const std::vector<std::string> &files = written.files;
+    if (!written.failure.empty())
+        std::cerr << "druxrender: cannot write the images to " << outDir << " (" << written.failure
+                  << "); they were written to " << written.dir << " instead\n";
     if (!quiet) {
         const RenderStats &st = result.stats;
         std::printf("render summary\n");
@@ -207,8 +271,10 @@ int main(int argc, char **argv)
                         bytes(m.after).c_str());
         std::printf("  database pins left   %ld\n", st.pinsAfter);
         std::printf("  messages             %zu error(s), %zu warning(s)\n", st.errors, st.warnings);
-        std::printf("  files                %zu written to %s (render.exr, main.png and one PNG per pass)\n",
-                    files.size(), outDir.c_str());
+        std::printf("  files                %zu written to %s (render.exr, main.png, one PNG per pass, contact.png)\n",
+                    files.size(), written.dir.c_str());
     }
+    if (!written.failure.empty())
+        return 3;
     return result.stats.errors ? 1 : 0;
 }

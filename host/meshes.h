@@ -15,7 +15,14 @@ namespace druxhost {
 mirt::Mesh makeBox(float sx, float sy, float sz);
 /* Torus around the z axis: ring radius R, tube radius r. */
 mirt::Mesh makeTorus(float R, float r, int segments, int rings);
-/* The mesh a description stands for. */
+/* Smooth vertex normals from the faces: at every vertex, the unit normals
+   of the triangles around it weighted by the triangle's angle there.
+   Vertices at the same position share one normal (seams and poles of
+   texture space do not show), degenerate triangles count for nothing, a
+   vertex no triangle weights gets +z.  Replaces mesh.N. */
+void computeVertexNormals(mirt::Mesh &mesh);
+/* The mesh a description stands for: one without normals gets smooth ones
+   (computeVertexNormals) unless it is faceted; a faceted one has none. */
 mirt::Mesh buildMesh(const MeshDesc &desc);
 
 } // namespace druxhost

@@ -1,22 +1,31 @@
 #include "render.h"
 
+#include "builtin_shaders.h"
+#include "contact_sheet.h"
+#include "data_passes.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "meshes.h"
 #include "runtime.h"
-#include "shaders.h"
+#include "shader_loader.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cerrno>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace druxhost {
 
@@ -142,7 +151,68 @@ size_t countMessages(mirt::Level level)
     return n;
 }
 
+/* Runs the shaders' exit functions on every way out of a render. */
+struct ExitGuard {
+    mirt::ShaderLibraries &libs;
+    ~ExitGuard() { libs.exit_all(nullptr); }
+};
+
+/* The shaders of the built-in commands, resolved in the linked libraries. */
+struct Builtins {
+    const BuiltinShaders *table = nullptr;
+    const mirt::LoadedShader *material = nullptr, *shadow = nullptr, *pointLight = nullptr, *rectLight = nullptr,
+                             *plainLight = nullptr, *texture = nullptr, *environment = nullptr;
+};
+
+Builtins resolveBuiltins(mirt::ShaderLibraries &libs)
+{
+    Builtins b;
+    auto fn = reinterpret_cast<BuiltinShadersFn>(libs.find_symbol(DRUXHOST_BUILTIN_SYMBOL));
+    b.table = fn ? fn() : nullptr;
+    if (!b.table)
+        throw mirt::LoadError("no linked library serves the built-in environment, material, light and texture "
+                              "commands (symbol missing: " DRUXHOST_BUILTIN_SYMBOL "); link \"libdruxhostshaders.so\"");
+    if (b.table->size != static_cast<int>(sizeof(BuiltinShaders)))
+        throw mirt::LoadError("version mismatch: the linked " DRUXHOST_BUILTIN_SYMBOL " table has " +
+                              std::to_string(b.table->size) + " bytes, druxrender reads " +
+                              std::to_string(sizeof(BuiltinShaders)));
+    b.material = &libs.shader(b.table->material);
+    b.shadow = &libs.shader(b.table->shadow);
+    b.pointLight = &libs.shader(b.table->pointLight);
+    b.rectLight = &libs.shader(b.table->rectLight);
+    b.plainLight = &libs.shader(b.table->plainLight);
+    b.texture = &libs.shader(b.table->texture);
+    b.environment = &libs.shader(b.table->environment);
+    return b;
+}
+
 } // namespace
+
+std::vector<std::string> shaderSearchPath(const SceneDesc &s, const RenderOptions &ro)
+{
+    std::vector<std::string> folders;
+    if (!s.directory.empty())
+        folders.push_back(s.directory);
+    folders.insert(folders.end(), ro.shaderPath.begin(), ro.shaderPath.end());
+    if (const char *env = std::getenv("DRUX_SHADER_PATH")) {
+        std::string cur;
+        for (const char *c = env;; ++c) {
+            if (*c == ':' || *c == '\0') {
+                if (!cur.empty())
+                    folders.push_back(cur);
+                cur.clear();
+                if (!*c)
+                    break;
+            } else {
+                cur += *c;
+            }
+        }
+    }
+    const std::string own = mirt::renderer_library_dir();
+    if (!own.empty())
+        folders.push_back(own);
+    return folders;
+}
 
 const std::vector<std::string> &libraryMemoryTags()
 {
@@ -174,12 +244,48 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.passes.emplace_back(s.width, s.height);
     }
     const PassLayout layout = layoutPasses(s);
+    {
+        std::vector<std::string> instanceNames, materialNames;
+        for (const InstanceDesc &i : s.instances)
+            instanceNames.push_back(i.name);
+        for (const MaterialDesc &m : s.materials)
+            materialNames.push_back(m.name);
+        out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, s.width, s.height));
+        out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, s.width, s.height));
+    }
+    CryptoTags cryptoTags;
     std::vector<std::unique_ptr<ScatterCache *>> scatterLists; /* outlive the materials */
-    std::vector<miTag> materialFns;
     std::string fatal;
+    /* outlives every database item made for the render: unloaded last */
+    mirt::ShaderLibraries libs;
 
     {
         Items items;
+
+        /* ---- shader libraries and shader instances, before any state */
+        Builtins builtin;
+        {
+            const std::vector<std::string> folders = shaderSearchPath(s, ro);
+            int line = 0;
+            try {
+                if (s.links.empty())
+                    libs.link("libdruxhostshaders.so", folders);
+                for (const LinkDesc &k : s.links) {
+                    line = k.line;
+                    libs.link(k.file, folders);
+                }
+                line = 0;
+                builtin = resolveBuiltins(libs);
+                for (const ShaderDesc &d : s.shaders) {
+                    line = d.line;
+                    libs.instantiate(d.name, d.function, d.values, items.tags);
+                }
+            } catch (const mirt::LoadError &e) {
+                throw SceneError(line, e.what());
+            }
+        }
+        const BuiltinShaders &bt = *builtin.table;
+
         mirt::MeshScene scene; /* the render's one ray-tracing scene */
         mirt::Context ctx(s.width, s.height);
         ctx.record_irradiance_calls(false); /* no lock or list growth per gather */
@@ -226,31 +332,44 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         }
 
         /* ---- shaders */
-        const EnvironmentParams envp = environmentParams(s.environment);
-        ctx.set_environment(items.keep(mirt::make_function(miSHADER_ENVIRONMENT, hostEnvironment, &envp, sizeof envp,
-                                                           sizeof(miColor), false, "hostEnvironment")));
+        /* A built-in command's shader: its block from the library's builder,
+           registered with the loader so that its init and exit run. */
+        auto builtinFn = [&](int type, const mirt::LoadedShader *sh, const void *block, int size, bool connectable,
+                             const std::string &name, const std::string &instance) {
+            const miTag fn =
+                items.keep(mirt::make_function(type, sh->fn, block, size, sizeof(miColor), connectable, name.c_str()));
+            libs.add_instance(instance, *sh, fn);
+            return fn;
+        };
+        const EnvironmentParams envp = bt.environmentParams(s.environment);
+        ctx.set_environment(builtinFn(miSHADER_ENVIRONMENT, builtin.environment, &envp, sizeof envp, false,
+                                      builtin.environment->name, "environment:"));
         std::map<std::string, miTag> textureFn;
         for (const TextureDesc &t : s.textures) {
-            const TextureParams tp = textureParams(t);
-            textureFn[t.name] = items.keep(mirt::make_function(miSHADER_TEXTURE, hostNoiseTexture, &tp, sizeof tp,
-                                                               sizeof(miColor), false, t.name.c_str()));
+            const TextureParams tp = bt.textureParams(t);
+            textureFn[t.name] =
+                builtinFn(miSHADER_TEXTURE, builtin.texture, &tp, sizeof tp, false, t.name, "texture:" + t.name);
         }
         std::map<std::string, miTag> materialFn, shadowFn;
         for (const MaterialDesc &m : s.materials) {
-            scatterLists.emplace_back(new ScatterCache *(nullptr));
-            const MaterialParams mp = materialParams(m, scatterLists.back().get());
-            const miTag fn = items.keep(mirt::make_function(miSHADER_MATERIAL, hostMaterial, &mp, sizeof mp,
-                                                            sizeof(miColor), true, m.name.c_str()));
-            if (!m.texture.empty())
-                mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
+            miTag fn;
+            if (!m.shader.empty()) {
+                fn = libs.instance(m.shader);
+            } else {
+                scatterLists.emplace_back(new ScatterCache *(nullptr));
+                const MaterialParams mp = bt.materialParams(m, scatterLists.back().get());
+                fn = builtinFn(miSHADER_MATERIAL, builtin.material, &mp, sizeof mp, true, m.name,
+                               "material:" + m.name);
+                if (!m.texture.empty())
+                    mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
+            }
             materialFn[m.name] = fn;
-            materialFns.push_back(fn);
             /* every surface has a shadow shader, so that it shadows the
                passes (an opaque one with transparency 0) */
             ShadowParams sp;
             sp.transparency = miColor{m.transparency.r, m.transparency.g, m.transparency.b, 1.0f};
-            shadowFn[m.name] = items.keep(mirt::make_function(miSHADER_SHADOW, hostShadow, &sp, sizeof sp,
-                                                              sizeof(miColor), false, "hostShadow"));
+            shadowFn[m.name] = builtinFn(miSHADER_SHADOW, builtin.shadow, &sp, sizeof sp, false,
+                                         builtin.shadow->name, "shadow:" + m.name);
         }
 
         /* ---- geometry */
@@ -270,9 +389,12 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
             const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
             items.geometry.push_back(g);
+            cryptoTags.add(g.instance, static_cast<int>(&i - s.instances.data()),
+                           static_cast<int>(s.material(i.material) - s.materials.data()));
             scene.add(g);
         }
         scene.build();
+        cryptoTags.seal();
         ctx.set_scene(&scene);
         out.stats.triangles = scene.triangle_count();
 
@@ -286,24 +408,22 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             }
             miTag inst = 0;
             if (l.kind == LightKind::Point) {
-                const PointLightParams lp = pointLightParams(l);
+                const PointLightParams lp = bt.pointLightParams(l);
                 inst = ctx.add_point_light(l.position,
-                                           items.keep(mirt::make_function(miSHADER_LIGHT, hostPointLight, &lp,
-                                                                          sizeof lp, sizeof(miColor), false,
-                                                                          l.name.c_str())),
+                                           builtinFn(miSHADER_LIGHT, builtin.pointLight, &lp, sizeof lp, false,
+                                                     l.name, "light:" + l.name),
                                            param);
             } else if (l.kind == LightKind::Rect) {
-                const RectLightParams lp = rectLightParams(l);
+                const RectLightParams lp = bt.rectLightParams(l);
                 inst = ctx.add_rect_light(l.position, l.u, l.v, l.samples,
-                                          items.keep(mirt::make_function(miSHADER_LIGHT, hostRectLight, &lp, sizeof lp,
-                                                                         sizeof(miColor), false, l.name.c_str())),
+                                          builtinFn(miSHADER_LIGHT, builtin.rectLight, &lp, sizeof lp, false, l.name,
+                                                    "light:" + l.name),
                                           param);
             } else {
-                const PlainLightParams lp = plainLightParams(l);
+                const PlainLightParams lp = bt.plainLightParams(l);
                 inst = ctx.add_point_light(l.position,
-                                           items.keep(mirt::make_function(miSHADER_LIGHT, hostPlainLight, &lp,
-                                                                          sizeof lp, sizeof(miColor), false,
-                                                                          l.name.c_str())),
+                                           builtinFn(miSHADER_LIGHT, builtin.plainLight, &lp, sizeof lp, false,
+                                                     l.name, "light:" + l.name),
                                            param);
             }
             if (!l.shadow) {
@@ -320,12 +440,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         {
             miState *init = ctx.begin_state(0);
             ctx.begin_sample(init, -1, -1, 0);
-            for (const auto &t : textureFn)
-                mirt::call_init(init, t.second, hostNoiseTexture_init);
-            for (miTag fn : materialFns)
-                mirt::call_init(init, fn, hostMaterial_init);
+            libs.init_all(init);
             ctx.end_state(init);
         }
+        ExitGuard exitGuard{libs};
         out.stats.setupSeconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - setupStart).count();
 
@@ -349,6 +467,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         auto worker = [&](int thread) {
             miState *st = nullptr;
             std::vector<miColor> passSum(s.passes.size());
+            CryptoPixel objectPx(s.samples), materialPx(s.samples);
             try {
                 for (int tile; (tile = nextTile.fetch_add(1)) < tiles;) {
                     if (!st) {
@@ -360,7 +479,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                     for (int y = y0; y < y1; ++y)
                         for (int x = x0; x < x1; ++x) {
                             miColor sum{0, 0, 0, 0};
-                            std::fill(passSum.begin(), passSum.end(), miColor{0, 0, 0, 0});
+                            for (size_t p = 0; p < s.passes.size(); ++p)
+                                passSum[p] = pixelFilterStart(s.passes[p].role);
+                            objectPx.clear();
+                            materialPx.clear();
                             for (int k = 0; k < s.samples; ++k) {
                                 ctx.begin_sample(st, x, y, k);
                                 double jx, jy;
@@ -368,6 +490,10 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                 const miVector dir = camera.ray(x + jx, y + jy);
                                 miColor c;
                                 const miBoolean ok = ctx.shade_eye(st, camera.origin, dir, &c);
+                                int hitInstance = -1, hitMaterial = -1;
+                                cryptoTags.find(st->instance, hitInstance, hitMaterial);
+                                objectPx.add(hitInstance, 1.0f);
+                                materialPx.add(hitMaterial, 1.0f);
                                 ctx.end_sample(st, ok);
                                 sum.r += c.r;
                                 sum.g += c.g;
@@ -376,20 +502,16 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                                 for (size_t p = 0; p < s.passes.size(); ++p) {
                                     if (!fbIndex[p])
                                         continue;
-                                    const miColor v = ctx.fb_pixel(fbIndex[p], x, y);
-                                    passSum[p].r += v.r;
-                                    passSum[p].g += v.g;
-                                    passSum[p].b += v.b;
-                                    passSum[p].a += v.a;
+                                    pixelFilterAdd(s.passes[p].role, passSum[p], ctx.fb_pixel(fbIndex[p], x, y));
                                     ctx.set_fb_pixel(fbIndex[p], x, y, miColor{0, 0, 0, 0});
                                 }
                             }
                             out.main.set(x, y, miColor{sum.r * invSamples, sum.g * invSamples, sum.b * invSamples,
                                                        sum.a * invSamples});
+                            objectPx.write(out.mattes[0], x, y);
+                            materialPx.write(out.mattes[1], x, y);
                             for (size_t p = 0; p < s.passes.size(); ++p)
-                                out.passes[p].set(x, y,
-                                                  miColor{passSum[p].r * invSamples, passSum[p].g * invSamples,
-                                                          passSum[p].b * invSamples, passSum[p].a * invSamples});
+                                out.passes[p].set(x, y, pixelFilterEnd(s.passes[p].role, passSum[p], invSamples));
                         }
                     tilesDone.fetch_add(1);
                 }
@@ -443,10 +565,9 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.stats.eyeSamples = static_cast<uint64_t>(s.width) * static_cast<uint64_t>(s.height) *
                                static_cast<uint64_t>(s.samples);
 
-        /* ---- the materials' teardown: scattering caches */
-        for (miTag fn : materialFns)
-            if (miFunction *f = mirt::function(fn))
-                hostMaterial_exit(nullptr, f->params);
+        /* ---- the shaders' exit functions (the materials free their
+           scattering caches) */
+        libs.exit_all(nullptr);
     }
     for (TagMemory &m : out.stats.memory)
         m.after = mirt::mem_live_bytes(m.tag);
@@ -458,24 +579,98 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     return out;
 }
 
+std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames)
+{
+    std::vector<std::string> names{"render.exr", "main.png"};
+    for (const std::string &p : passNames)
+        names.push_back(p + ".png");
+    names.push_back("contact.png");
+    return names;
+}
+
 std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir)
 {
+    const std::vector<std::string> names = outputFileNames(r.passNames);
     std::vector<std::string> files;
     std::vector<Layer> layers;
     layers.push_back(Layer{"", &r.main});
-    for (size_t i = 0; i < r.passes.size(); ++i)
-        layers.push_back(Layer{r.passNames[i], &r.passes[i]});
-    const std::string exr = dir + "/render.exr";
-    writeExr(exr, layers);
-    files.push_back(exr);
-    writePng(dir + "/main.png", r.main);
-    files.push_back(dir + "/main.png");
+    bool zWritten = false;
     for (size_t i = 0; i < r.passes.size(); ++i) {
-        const std::string png = dir + "/" + r.passNames[i] + ".png";
-        writePng(png, r.passes[i]);
-        files.push_back(png);
+        /* the first depth pass is the file's Z channel, any other <name>.Z */
+        const bool depth = r.passRoles[i] == PassRole::Depth;
+        layers.push_back(Layer{depth && !zWritten ? std::string() : r.passNames[i], &r.passes[i], depth});
+        zWritten = zWritten || depth;
     }
+    std::vector<std::pair<std::string, std::string>> attributes;
+    for (const CryptoMatte &m : r.mattes) {
+        for (size_t l = 0; l < m.layers.size(); ++l)
+            layers.push_back(Layer{m.layerName(static_cast<int>(l)), &m.layers[l]});
+        for (const auto &a : m.attributes())
+            attributes.push_back(a);
+    }
+    files.push_back(dir + "/" + names[0]);
+    writeExr(files.back(), layers, attributes);
+    files.push_back(dir + "/" + names[1]);
+    writePng(files.back(), r.main);
+    for (size_t i = 0; i < r.passes.size(); ++i) {
+        files.push_back(dir + "/" + names[2 + i]);
+        writePng(files.back(), displayImage(r.passRoles[i], r.passes[i]));
+    }
+    files.push_back(dir + "/" + names.back());
+    writePng(files.back(), makeContactSheet(contactTiles(r)).image);
     return files;
+}
+
+std::string probeOutputs(const std::string &dir, const std::vector<std::string> &files)
+{
+    for (const std::string &name : files) {
+        const std::string path = dir + "/" + name;
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            ::close(fd);
+            if (::unlink(path.c_str()) != 0)
+                return "cannot remove the test file " + path + ": " + std::strerror(errno);
+            continue;
+        }
+        if (errno == EEXIST) { /* an earlier render's file: may it be replaced? */
+            const int old = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+            if (old >= 0) {
+                ::close(old);
+                continue;
+            }
+        }
+        return "cannot write " + path + ": " + std::strerror(errno);
+    }
+    return "";
+}
+
+WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &dir)
+{
+    WrittenOutputs out;
+    try {
+        out.files = writeOutputs(r, dir);
+        out.dir = dir;
+        return out;
+    } catch (const std::exception &e) {
+        out.failure = e.what();
+    }
+    std::error_code ec;
+    const std::filesystem::path tmp = std::filesystem::temp_directory_path(ec);
+    if (ec)
+        throw std::runtime_error(out.failure + "; no temporary directory for the images: " + ec.message());
+    const std::string base = (tmp / ("druxrender-" + std::to_string(::getpid()) + "-")).string();
+    for (int k = 0; k < 1000 && out.dir.empty(); ++k)
+        if (::mkdir((base + std::to_string(k)).c_str(), 0777) == 0)
+            out.dir = base + std::to_string(k);
+    if (out.dir.empty())
+        throw std::runtime_error(out.failure + "; cannot create a folder under " + tmp.string() + " either: " +
+                                 std::strerror(errno));
+    try {
+        out.files = writeOutputs(r, out.dir);
+    } catch (const std::exception &e) {
+        throw std::runtime_error(out.failure + "; writing to " + out.dir + " failed too: " + e.what());
+    }
+    return out;
 }
 
 } // namespace druxhost

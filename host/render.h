@@ -19,6 +19,7 @@
 #ifndef DRUXHOST_RENDER_H
 #define DRUXHOST_RENDER_H
 
+#include "cryptomatte.h"
 #include "image_io.h"
 #include "scene.h"
 
@@ -35,6 +36,10 @@ struct RenderOptions {
     /* Called from the rendering's controlling thread about ten times a
        second with the fraction done (0 .. 1); may be empty. */
     std::function<void(double)> progress;
+    /* Folders searched for the scene's `link` libraries after the scene
+       file's own folder and before those of DRUX_SHADER_PATH (':'-separated)
+       and the renderer's lib/ folder. */
+    std::vector<std::string> shaderPath;
 };
 
 /* Live bytes of one of the library's memory tags. */
@@ -64,22 +69,51 @@ struct RenderResult {
     std::vector<std::string> passNames; /* scene order */
     std::vector<PassRole> passRoles;
     std::vector<Image> passes;
+    /* ID mattes: CryptoObject (instance names), CryptoMaterial (material names) */
+    std::vector<CryptoMatte> mattes;
     RenderStats stats;
 
     const Image *pass(const std::string &name) const;
 };
 
+/* The folders searched for a scene's shader libraries, in order. */
+std::vector<std::string> shaderSearchPath(const SceneDesc &scene, const RenderOptions &options);
+
 /* The library's memory tags reported by the renderer. */
 const std::vector<std::string> &libraryMemoryTags();
 
-/* Throws SceneError for an invalid scene and std::runtime_error when the
-   renderer reports a fatal error. */
+/* Throws SceneError for an invalid scene (also a shader library that cannot
+   be linked or a shader instance that cannot be made, with the scene line)
+   and std::runtime_error when the renderer reports a fatal error. */
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 
 /* Writes <dir>/render.exr (main image as the default layer, one layer per
-   pass) and <dir>/<name>.png for the main image ("main") and every pass.
+   pass, the ID mattes' layers and header attributes), <dir>/<name>.png for
+   the main image ("main") and every pass, and <dir>/contact.png with all of
+   them as labelled thumbnails.
    Returns the files written. */
 std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir);
+
+/* The file names writeOutputs writes for these passes, in its order. */
+std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames);
+
+/* Checks, before rendering, that every one of `files` can be written in
+   `dir`: a file that does not exist yet is created and removed again, an
+   existing one is opened for writing (and left as it is).  Returns "" when
+   all can, else a message naming the first file that cannot and why. */
+std::string probeOutputs(const std::string &dir, const std::vector<std::string> &files);
+
+struct WrittenOutputs {
+    std::vector<std::string> files; /* full paths of the files written */
+    std::string dir;                /* where they were written */
+    std::string failure;            /* why the wanted folder failed; "" when it did not */
+};
+
+/* writeOutputs into `dir`; when that fails (disk full, folder removed), into
+   a new folder under the system's temporary directory, so that a finished
+   render is never thrown away.  Throws std::runtime_error only when the
+   fallback folder cannot be written either. */
+WrittenOutputs writeOutputsOrFallback(const RenderResult &result, const std::string &dir);
 
 } // namespace druxhost
 

@@ -21,14 +21,19 @@ struct RoleInfo {
    reflected surface's diffuse light shows up in the reflection pass and not
    again in the diffuse pass.  The shadow pass is a shadow type (12); light
    groups take 20, a plain type that keeps traced light, so that a group shows
-   its lights also through mirrors and glass; the background takes 31. */
+   its lights also through mirrors and glass; the background takes 31.  The
+   data passes take 11, a type that is never shadowed, except coverage, which
+   takes 16, a type whose alpha the library writes unchanged. */
 const RoleInfo kRoles[] = {
     {PassRole::Beauty, "beauty", 0, false},        {PassRole::Diffuse, "diffuse", 1, true},
     {PassRole::Specular, "specular", 4, true},     {PassRole::Reflection, "reflection", 26, true},
     {PassRole::Refraction, "refraction", 28, true}, {PassRole::Indirect, "indirect", 32, true},
     {PassRole::Scatter, "scatter", 33, true},      {PassRole::Background, "background", 31, true},
     {PassRole::Shadow, "shadow", 12, false},       {PassRole::LightGroup, "lightgroup", 20, false},
-    {PassRole::Constant, "constant", -1, false},
+    {PassRole::Constant, "constant", -1, false},   {PassRole::Custom, "custom", 34, false},
+    {PassRole::Depth, "depth", 11, false},         {PassRole::Normal, "normal", 11, false},
+    {PassRole::Position, "position", 11, false},   {PassRole::Albedo, "albedo", 11, false},
+    {PassRole::Coverage, "coverage", 16, false},
 };
 
 const RoleInfo *info(PassRole role)
@@ -88,7 +93,32 @@ bool isAdditive(PassRole role)
     return r && r->additive;
 }
 
-SceneError::SceneError(int line, const std::string &what) : std::runtime_error(what), line_(line) {}
+namespace {
+
+/* A message quoting a bad scene file may carry any byte: control characters,
+   DEL and bytes above 0x7F are written as \xNN so that the terminal shows
+   what the file holds instead of interpreting it. */
+std::string printable(const std::string &text)
+{
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c >= 0x20 && c < 0x7F) {
+            out += ch;
+        } else {
+            out += "\\x";
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+SceneError::SceneError(int line, const std::string &what) : std::runtime_error(printable(what)), line_(line) {}
 
 Matrix InstanceDesc::matrix() const
 {
@@ -159,7 +189,13 @@ void validate(const SceneDesc &s)
             if (!std::isfinite(k.position) || !finite(k.color) || k.interpolation < 0 || k.interpolation > 3)
                 fail("texture \"" + t.name + "\": ramp keys need a finite position and colour and a known kind");
     }
+    std::set<std::string> shaderNames;
+    for (const ShaderDesc &d : s.shaders)
+        if (!shaderNames.insert(d.name).second)
+            throw SceneError(d.line, "shader instance \"" + d.name + "\" is defined twice");
     for (const MaterialDesc &m : s.materials) {
+        if (!m.shader.empty() && !shaderNames.count(m.shader))
+            fail("material \"" + m.name + "\" uses the unknown shader instance \"" + m.shader + "\"");
         if (!m.texture.empty() && !s.texture(m.texture))
             fail("material \"" + m.name + "\" uses the unknown texture \"" + m.texture + "\"");
         if (m.reflectRays < 1 || m.refractRays < 1 || m.reflectRays > 256 || m.refractRays > 256)
@@ -200,6 +236,7 @@ void validate(const SceneDesc &s)
                 fail("mesh \"" + m.name + "\": a torus needs positive radii, >= 3 segments and rings");
             break;
         case MeshKind::Triangles:
+        case MeshKind::Obj:
             if (m.P.empty() || m.tris.empty())
                 fail("mesh \"" + m.name + "\" has no vertices or no triangles");
             if (!m.N.empty() && m.N.size() != m.P.size())
@@ -252,12 +289,15 @@ void validate(const SceneDesc &s)
                 fail("pass name \"" + p.name + "\": use letters, digits, '_' and '-' only");
         if (p.name == "main")
             fail("pass name \"main\" is taken by the main image's preview");
+        if (p.name == "contact")
+            fail("pass name \"contact\" is taken by the contact sheet");
     }
 }
 
 SceneDesc defaultScene()
 {
     SceneDesc s;
+    s.links.push_back(LinkDesc{"libdruxhostshaders.so", 0});
     s.width = 640;
     s.height = 480;
     s.samples = 4;
@@ -338,7 +378,7 @@ SceneDesc defaultScene()
     wax.focus = 0.3f;
     wax.scatterRadius = 0.35f;
     wax.scatterScale = {0.55f, 0.42f, 0.3f, 1};
-    wax.scatterSamples = 6;
+    wax.scatterSamples = 64;
     wax.scatterFalloff = 2;
     s.materials.push_back(wax);
 
@@ -444,6 +484,11 @@ SceneDesc defaultScene()
     pass("key", PassRole::LightGroup, "key");
     pass("fill", PassRole::LightGroup, "fill");
     pass("rim", PassRole::LightGroup, "rim");
+    pass("depth", PassRole::Depth);
+    pass("normal", PassRole::Normal);
+    pass("position", PassRole::Position);
+    pass("albedo", PassRole::Albedo);
+    pass("coverage", PassRole::Coverage);
     return s;
 }
 

@@ -32,7 +32,14 @@ enum class PassRole {
     Background,
     Shadow,
     LightGroup,
-    Constant /* a non-material pass: a constant colour written at every sample */
+    Constant, /* a non-material pass: a constant colour written at every sample */
+    Custom, /* a material pass that shaders of linked libraries find by name and fill */
+    /* data passes of the first surface an eye ray meets (data_passes.h) */
+    Depth,
+    Normal,
+    Position,
+    Albedo,
+    Coverage
 };
 
 const char *roleName(PassRole role);
@@ -66,6 +73,7 @@ enum class SpecularModel { Phong = 0, Blinn = 1 };
 
 struct MaterialDesc {
     std::string name;
+    std::string shader;         /* when set, a `shader` instance shades the surface instead */
     miColor diffuse{0.7f, 0.7f, 0.7f, 1};
     std::string texture;        /* when set, drives the diffuse colour */
     float kd = 1.0f;
@@ -105,16 +113,21 @@ struct MaterialDesc {
     float bumpScale = 4.0f;
 };
 
-enum class MeshKind { Plane, Sphere, Box, Torus, Triangles };
+enum class MeshKind { Plane, Sphere, Box, Torus, Triangles, Obj };
 
 struct MeshDesc {
     std::string name;
     MeshKind kind = MeshKind::Plane;
     float a = 1, b = 1, c = 1;  /* plane: size x, y; sphere: radius; box: size x, y, z; torus: R, r */
     int n = 1, m = 1;           /* plane: nx, ny; sphere/torus: segments, rings */
-    /* Triangles */
+    /* Obj: the file as the scene names it; read when the scene is read,
+       into the triangle data below */
+    std::string file;
+    /* Triangles, Obj */
     std::vector<miVector> P, N, uv;
     std::vector<std::array<int, 3>> tris;
+    /* Flat-shaded: no vertex normals, neither given nor computed. */
+    bool faceted = false;
 };
 
 /* One transform step of an instance, applied in the order written. */
@@ -167,7 +180,25 @@ struct OptionsDesc {
     int reflectBlurLimit = 1, refractBlurLimit = 1;
 };
 
+/* `link "libfoo.so"`: a shader library to load before anything is made. */
+struct LinkDesc {
+    std::string file;
+    int line = 0;
+};
+
+/* `shader NAME FUNCTION PARAM VALUE...`: an instance of a linked shader; the
+   values are read by the declared parameter types when the library is
+   loaded (`PARAM = INSTANCE` connects). */
+struct ShaderDesc {
+    std::string name, function;
+    std::vector<std::string> values;
+    int line = 0;
+};
+
 struct SceneDesc {
+    std::vector<LinkDesc> links; /* none: the host's libdruxhostshaders.so */
+    std::vector<ShaderDesc> shaders;
+    std::string directory;       /* of the scene file: searched first for linked libraries */
     int width = 320, height = 240, samples = 4;
     CameraDesc camera;
     OptionsDesc options;
@@ -201,8 +232,10 @@ void validate(const SceneDesc &scene);
 /* The built-in scene (host/scenes/default.scene holds it in the text format). */
 SceneDesc defaultScene();
 
-/* Text format: parse (throws SceneError with the line) and write. */
-SceneDesc parseScene(const std::string &text);
+/* Text format: parse (throws SceneError with the line) and write.  Model
+   files named by the scene are found relative to `baseDir` (empty: the
+   current directory); loadScene uses the scene file's directory. */
+SceneDesc parseScene(const std::string &text, const std::string &baseDir = std::string());
 SceneDesc loadScene(const std::string &path);
 std::string writeScene(const SceneDesc &scene);
 

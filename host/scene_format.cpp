@@ -17,6 +17,8 @@
  */
 #include "scene.h"
 
+#include "obj_loader.h"
+
 #include <array>
 #include <cerrno>
 #include <cmath>
@@ -182,7 +184,7 @@ std::vector<std::string> tokenize(const std::string &line)
 
 class Parser {
 public:
-    explicit Parser(const std::string &text)
+    Parser(const std::string &text, const std::string &baseDir) : baseDir_(baseDir)
     {
         std::istringstream in(text);
         std::string line;
@@ -228,6 +230,24 @@ public:
                 light(l);
             } else if (cmd == "pass") {
                 pass(l);
+            } else if (cmd == "link") {
+                LinkDesc k;
+                k.file = l.word("library file");
+                if (k.file.size() >= 2 && k.file.front() == '"' && k.file.back() == '"')
+                    k.file = k.file.substr(1, k.file.size() - 2);
+                if (k.file.empty())
+                    l.error("link needs a library file");
+                k.line = l.number();
+                l.end();
+                s_.links.push_back(k);
+            } else if (cmd == "shader") {
+                ShaderDesc d;
+                d.name = l.word("shader instance name");
+                d.function = l.word("shader function");
+                d.line = l.number();
+                while (!l.done())
+                    d.values.push_back(l.word("value"));
+                s_.shaders.push_back(d);
             } else {
                 l.error("unknown command \"" + cmd + "\"");
             }
@@ -307,6 +327,7 @@ private:
         readKeys(
             l, "material",
             {{"diffuse", [&](Line &x) { m.diffuse = x.color3("diffuse colour"); }},
+             {"shader", [&](Line &x) { m.shader = x.word("shader instance name"); }},
              {"texture", [&](Line &x) { m.texture = x.word("texture name"); }},
              {"kd", [&](Line &x) { m.kd = x.number("kd"); }},
              {"specular", [&](Line &x) { m.specular = x.color3("specular colour"); }},
@@ -349,7 +370,7 @@ private:
     {
         MeshDesc m;
         m.name = l.word("mesh name");
-        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles"});
+        const int kind = l.choice("mesh kind", {"plane", "sphere", "box", "torus", "triangles", "obj"});
         m.kind = static_cast<MeshKind>(kind);
         switch (m.kind) {
         case MeshKind::Plane:
@@ -375,11 +396,32 @@ private:
             m.m = l.integer("torus rings");
             break;
         case MeshKind::Triangles:
-            l.end();
-            triangles(l, m);
+            break;
+        case MeshKind::Obj: {
+            m.file = l.word("OBJ file name");
+            if (m.file.size() >= 2 && m.file.front() == '"' && m.file.back() == '"')
+                m.file = m.file.substr(1, m.file.size() - 2);
+            if (m.file.empty())
+                l.error("mesh \"" + m.name + "\": empty OBJ file name");
+            const std::string path =
+                m.file[0] == '/' || baseDir_.empty() ? m.file : baseDir_ + "/" + m.file;
+            try {
+                loadObj(path, m);
+            } catch (const ObjError &e) {
+                l.error("mesh \"" + m.name + "\": " + e.what());
+            }
             break;
         }
+        }
+        if (!l.done()) {
+            const std::string w = l.word("mesh option");
+            if (w != "faceted")
+                l.error("\"" + w + "\" after a mesh: expected faceted or the end of the line");
+            m.faceted = true;
+        }
         l.end();
+        if (m.kind == MeshKind::Triangles)
+            triangles(l, m);
         s_.meshes.push_back(m);
     }
 
@@ -475,7 +517,7 @@ private:
         if (!roleFromName(role, p.role))
             l.error("unknown pass role \"" + role +
                     "\" (beauty, diffuse, specular, reflection, refraction, indirect, scatter, background, "
-                    "shadow, lightgroup, constant)");
+                    "shadow, lightgroup, constant, depth, normal, position, albedo, coverage)");
         std::map<std::string, KeyHandler> keys = {
             {"all_occluders", [&](Line &x) { p.allOccluders = x.boolean("all_occluders"); }}};
         if (p.role == PassRole::LightGroup)
@@ -488,6 +530,7 @@ private:
 
     std::vector<Line> lines_;
     size_t next_ = 0;
+    std::string baseDir_;
     SceneDesc s_;
     std::set<std::string> seen_;
 };
@@ -512,9 +555,9 @@ const char *onoff(bool b) { return b ? "on" : "off"; }
 
 } // namespace
 
-SceneDesc parseScene(const std::string &text)
+SceneDesc parseScene(const std::string &text, const std::string &baseDir)
 {
-    Parser p(text);
+    Parser p(text, baseDir);
     SceneDesc s = p.run();
     validate(s);
     return s;
@@ -527,12 +570,18 @@ SceneDesc loadScene(const std::string &path)
         throw SceneError(0, "cannot read the scene file " + path);
     std::ostringstream text;
     text << in.rdbuf();
-    return parseScene(text.str());
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash == 0 ? 1 : slash);
+    SceneDesc s = parseScene(text.str(), dir);
+    s.directory = dir.empty() ? std::string(".") : dir;
+    return s;
 }
 
 std::string writeScene(const SceneDesc &s)
 {
     std::ostringstream o;
+    for (const LinkDesc &k : s.links)
+        o << "link \"" << k.file << "\"\n";
     o << "resolution " << s.width << " " << s.height << "\n";
     o << "samples " << s.samples << "\n";
     o << "camera position " << vec(s.camera.position) << " target " << vec(s.camera.target) << " up "
@@ -546,6 +595,14 @@ std::string writeScene(const SceneDesc &s)
     const EnvironmentDesc &e = s.environment;
     o << "environment zenith " << col3(e.zenith) << " horizon " << col3(e.horizon) << " ground "
       << col3(e.ground) << " intensity " << num(e.intensity) << "\n";
+    if (!s.shaders.empty())
+        o << "\n# shader instances of linked libraries\n";
+    for (const ShaderDesc &d : s.shaders) {
+        o << "shader " << d.name << " " << d.function;
+        for (const std::string &v : d.values)
+            o << " " << v;
+        o << "\n";
+    }
 
     static const char *patterns[] = {"fbm", "marble", "turbulence"};
     static const char *kinds[] = {"none", "linear", "smooth", "spline"};
@@ -584,6 +641,8 @@ std::string writeScene(const SceneDesc &s)
                 o << " " << key << " " << onoff(v);
         };
         c("diffuse", m.diffuse, dm.diffuse);
+        if (!m.shader.empty())
+            o << " shader " << m.shader;
         if (!m.texture.empty())
             o << " texture " << m.texture;
         f("kd", m.kd, dm.kd);
@@ -627,21 +686,22 @@ std::string writeScene(const SceneDesc &s)
         o << "\n# meshes\n";
     for (const MeshDesc &m : s.meshes) {
         o << "mesh " << m.name << " ";
+        const char *const eol = m.faceted ? " faceted\n" : "\n";
         switch (m.kind) {
         case MeshKind::Plane:
-            o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << "\n";
+            o << "plane " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
             break;
         case MeshKind::Sphere:
-            o << "sphere " << num(m.a) << " " << m.n << " " << m.m << "\n";
+            o << "sphere " << num(m.a) << " " << m.n << " " << m.m << eol;
             break;
         case MeshKind::Box:
-            o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << "\n";
+            o << "box " << num(m.a) << " " << num(m.b) << " " << num(m.c) << eol;
             break;
         case MeshKind::Torus:
-            o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << "\n";
+            o << "torus " << num(m.a) << " " << num(m.b) << " " << m.n << " " << m.m << eol;
             break;
         case MeshKind::Triangles:
-            o << "triangles\n";
+            o << "triangles" << eol;
             for (const miVector &p : m.P)
                 o << "v " << vec(p) << "\n";
             for (const miVector &n : m.N)
@@ -651,6 +711,9 @@ std::string writeScene(const SceneDesc &s)
             for (const auto &f : m.tris)
                 o << "f " << f[0] << " " << f[1] << " " << f[2] << "\n";
             o << "end\n";
+            break;
+        case MeshKind::Obj:
+            o << "obj \"" << m.file << "\"\n";
             break;
         }
     }

@@ -1,5 +1,7 @@
 #include "shaders.h"
 
+#include "data_passes.h"
+
 #include "host_math.h"
 
 #include <algorithm>
@@ -51,8 +53,10 @@ Entries entriesAtDepth(miState *state)
     r.n = getFrameBufferInfo(state, &r.types, &r.e);
     r.depth = state->reflection_level + state->refraction_level;
     const int limit = state->options ? state->options->trace_depth : 0;
-    /* every entry has trace-depth limit + 2 slots */
-    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1) {
+    /* every entry has trace-depth limit + 2 slots, as many as the state
+       set-up recorded in the entry (the limit may have been raised since) */
+    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1 ||
+        (r.e[0].depthSlots != 0 && static_cast<miUint>(r.depth) >= r.e[0].depthSlots)) {
         r.n = 0;
         r.types = nullptr;
         r.e = nullptr;
@@ -257,6 +261,11 @@ miBoolean hostMaterial(void *result, miState *state, void *pv)
                 case PassRole::Scatter:
                 case PassRole::Background:
                 case PassRole::Constant:
+                case PassRole::Depth:
+                case PassRole::Normal:
+                case PassRole::Position:
+                case PassRole::Albedo:
+                case PassRole::Coverage:
                     continue;
                 default: /* beauty, shadow, light groups, passes of other exporters */
                     break;
@@ -375,6 +384,7 @@ miBoolean hostMaterial(void *result, miState *state, void *pv)
         s.result = r;
         s.opacity = WHITE;
     }
+    writeDataPasses(state, n, e, d, N, miColor{kd * dcol.r, kd * dcol.g, kd * dcol.b, 1.0f});
 
     state->normal = savedNormal;
     state->dot_nd = savedDot;

@@ -1511,9 +1511,20 @@ void mi_init_lock(miLock *lock)
         *lock = new miLockRec;
 }
 
+namespace {
+/* An address unique to the calling thread, for lock ownership. */
+const void *thisThreadId()
+{
+    static thread_local char id;
+    return &id;
+}
+} // namespace
+
 void mi_delete_lock(miLock *lock)
 {
     if (lock && *lock) {
+        if ((*lock)->owner.load(std::memory_order_relaxed))
+            error("mi_delete_lock: the lock is still held");
         delete *lock;
         *lock = nullptr;
     }
@@ -1525,7 +1536,12 @@ void mi_lock(miLock lock)
         error("mi_lock: %s", lock ? "not a lock (deleted, or a pointer to a lock variable?)" : "null lock");
         return;
     }
+    if (lock->owner.load(std::memory_order_relaxed) == thisThreadId()) {
+        error("mi_lock: the calling thread already holds this lock (not unlocked on some path?)");
+        return;
+    }
     lock->m.lock();
+    lock->owner.store(thisThreadId(), std::memory_order_relaxed);
 }
 
 void mi_unlock(miLock lock)
@@ -1534,6 +1550,7 @@ void mi_unlock(miLock lock)
         error("mi_unlock: %s", lock ? "not a lock (deleted, or a pointer to a lock variable?)" : "null lock");
         return;
     }
+    lock->owner.store(nullptr, std::memory_order_relaxed);
     lock->m.unlock();
 }
 

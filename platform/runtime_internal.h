@@ -51,6 +51,10 @@ struct miLockRec {
     static constexpr uint64_t kMagic = 0x4C4F434B52454321ull;
     uint64_t magic = kMagic;
     std::mutex m;
+    /* The holding thread (an address unique to it), null while free: a
+       thread locking a lock it already holds, or a lock deleted while held,
+       is reported instead of hanging. */
+    std::atomic<const void *> owner{nullptr};
     ~miLockRec() { magic = 0; }
 };
 

@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: the unit and host tests in a normal
-# build, again under AddressSanitizer+UndefinedBehaviorSanitizer and under
-# ThreadSanitizer, then each fuzz target for a short run.
+# build, the installed SDK with the example projects (examples/*), again under
+# AddressSanitizer+UndefinedBehaviorSanitizer and under ThreadSanitizer, then
+# each fuzz target for a short run.  The normal build also holds the noise
+# tests once per forced processor variant (plain, SSE2, AVX2, AVX-512 where
+# present), counted in the closing line like any test.
 #
 #   scripts/test.sh            everything (what CI runs)
 #   scripts/test.sh --quick    the normal build's tests only
@@ -28,8 +31,70 @@ suite() { # name build-dir cmake-options...
     ctest --test-dir "$build" -j "$(nproc)" --output-on-failure | tee "$logs/$name.log"
 }
 
+# The SDK as its users get it: install into a temporary prefix, build every
+# examples/* project against that prefix only, render its scenes with the
+# installed druxrender and check the passes; SONAMEs; a pkg-config program.
+# Each check prints "passed:" or "FAILED:" into install.log.
+installed_checks() {
+  local prefix work log=$logs/install.checks
+  prefix=$(mktemp -d)
+  work=$(mktemp -d)
+  check() { # description command...
+    local what=$1
+    shift
+    if "$@" >>"$work/out.log" 2>&1; then echo "passed: $what" | tee -a "$log"; else echo "FAILED: $what" | tee -a "$log"; tail -20 "$work/out.log"; fi
+  }
+  echo "== installed SDK"
+  check "install into a temporary prefix" cmake --install build/release --prefix "$prefix"
+  for lib in DruxShaderSDK miplatform; do
+    check "SONAME of lib$lib is lib$lib.so.1" \
+      bash -c "readelf -d '$prefix/lib/lib$lib.so.1.0.0' | grep -q 'SONAME.*\[lib$lib.so.1\]'"
+  done
+  check "druxrender --version" bash -c "'$prefix/bin/druxrender' --version | grep -qx 'druxrender 1.0.0'"
+  cat >"$work/noise.cpp" <<'CPP'
+#include <DruxShaderSDK.h>
+#include <cmath>
+#include <cstdio>
+int main()
+{
+    const double v = noise_scalar_3d(0.3, 1.7, 2.9);
+    std::printf("%.6f\n", v);
+    return std::isfinite(v) && v >= -1.0 && v <= 1.0 && v != noise_scalar_3d(5.1, 0.2, 7.4) ? 0 : 1;
+}
+CPP
+  check "a program built with pkg-config --cflags --libs druxshadersdk calls noise_scalar_3d" bash -c \
+    "c++ -std=c++17 '$work/noise.cpp' -o '$work/noise' \$(PKG_CONFIG_PATH='$prefix/lib/pkgconfig' pkg-config --cflags --libs druxshadersdk) && LD_LIBRARY_PATH='$prefix/lib' '$work/noise'"
+  for ex in examples/*/; do
+    local name src bld
+    name=$(basename "$ex")
+    src=$work/src/$name
+    bld=$work/build/$name
+    mkdir -p "$work/src" && cp -r "$ex" "$src"
+    check "example $name configures and builds against the prefix" bash -c \
+      "cmake -G Ninja -S '$src' -B '$bld' -DCMAKE_PREFIX_PATH='$prefix' -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null && cmake --build '$bld' -j '$(nproc)'"
+    for scene in "$bld"/*.scene; do
+      [ -f "$scene" ] || continue
+      local sn out args beauty additive
+      sn=$(basename "$scene" .scene)
+      out=$work/out/$name/$sn
+      mkdir -p "$out"
+      check "example $name renders $sn.scene with the installed druxrender" \
+        "$prefix/bin/druxrender" --scene "$scene" --out "$out" --no-progress --quiet
+      args=()
+      beauty=$(awk '$1 == "pass" && $3 == "beauty" {print $2; exit}' "$scene")
+      additive=$(awk '$1 == "pass" && ($3 == "diffuse" || $3 == "specular" || $3 == "reflection" || $3 == "refraction" || $3 == "indirect" || $3 == "scatter" || $3 == "background") {print $2}' "$scene" | paste -sd+)
+      for p in $(awk '$1 == "pass" && $3 == "custom" {print $2}' "$scene"); do args+=(--nonempty "$p"); done
+      [ -n "$beauty" ] && [ -n "$additive" ] && args+=(--sum "$beauty=$additive")
+      check "example $name: $sn passes (custom passes filled, additive passes sum to beauty)" \
+        build/release/host/druxpasscheck "$out/render.exr" "${args[@]}"
+    done
+  done
+  rm -rf "$prefix" "$work"
+}
+
 status=0
 suite release build/release || status=1
+installed_checks
 if [ $quick -eq 0 ]; then
   suite asan build/asan -DDRUX_ASAN=ON || status=1
   suite tsan build/tsan -DDRUX_TSAN=ON || status=1
@@ -41,6 +106,7 @@ fi
 passed=0
 failed=0
 for f in "$logs"/*.log; do
+  [ -f "$f" ] || continue
   line=$(grep -E 'tests passed, [0-9]+ tests failed out of [0-9]+' "$f" | tail -1 || true)
   if [ -z "$line" ]; then
     failed=$((failed + 1))
@@ -52,6 +118,10 @@ for f in "$logs"/*.log; do
   failed=$((failed + bad))
 done
 failed=$((failed + ${fuzz_failed:-0}))
+if [ -f "$logs/install.checks" ]; then
+  passed=$((passed + $(grep -c '^passed:' "$logs/install.checks" || true)))
+  failed=$((failed + $(grep -c '^FAILED:' "$logs/install.checks" || true)))
+fi
 [ $failed -gt 0 ] && status=1
 echo "tests: $passed passed, $failed failed"
 exit $status

@@ -117,10 +117,12 @@ std::vector<Case> catalogue()
          "FrameBufferTypeCounts array lies outside"},
         {"type counts past the end", [](fbtest::FbufBuilder &b) { b.typeCountsFirst(80); },
          "FrameBufferTypeCounts array lies outside"},
-        {"negative type count", [](fbtest::FbufBuilder &b) { b.typeCount(5, -1); },
-         "FrameBufferTypeCounts holds a negative count"},
         {"type counts overflow", [](fbtest::FbufBuilder &b) { b.typeCount(1, INT_MAX).typeCount(2, INT_MAX); },
          "add up to more than a 32-bit count"},
+        {"type counts overflow below", [](fbtest::FbufBuilder &b) { b.typeCount(0, INT_MIN).typeCount(1, -1); },
+         "add up to more than a 32-bit count"},
+        // Used: a negative count that the others make up for still adds up.
+        {"negative type count", [](fbtest::FbufBuilder &b) { b.typeCount(5, -1).typeCount(7, 1); }, nullptr},
         // Used, though nothing is usable: the counts do not add up to the records.
         {"counts do not add up", [](fbtest::FbufBuilder &b) { b.typeCount(0, 3); }, nullptr},
         // Used: 13 type counts cover types 0 to 12, the rest count 0.
@@ -171,6 +173,73 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
         EXPECT_EQ(leftovers(), "");
     }
     (void)s;
+}
+
+// A host shader asking for a damaged or byte-swapped block on every sample
+// gets one message per state (the set-up's), not one per call; another
+// state, or another damaged block under the same state, is reported anew.
+TEST_F(BadBlocks, ADamagedBlockIsReportedOncePerState)
+{
+    for (const char *fault : {"swapped", "cut"}) {
+        SCOPED_TRACE(fault);
+        fbtest::FbufBuilder b = threeRecords();
+        if (std::string(fault) == "swapped")
+            b.byteSwapped();
+        else
+            b.truncate(400);
+        fbtest::install(*ctx, b);
+        mirt::clear_messages();
+        miState *st = ctx->begin_state();
+        for (int sample = 0; sample < 20; ++sample) {
+            ctx->begin_sample(st, sample % 4, sample / 4);
+            EXPECT_EQ(getFrameBufferDataBlock(st).tag, 0u);
+            EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), 0u);
+        }
+        EXPECT_EQ(errorsContaining("is ignored"), 1);
+        miState *other = ctx->begin_state();
+        getFrameBufferDataBlock(other);
+        EXPECT_EQ(errorsContaining("is ignored"), 2) << "a second state reports it too";
+        ctx->end_state(other);
+        fbtest::FbufBuilder cut = threeRecords();
+        cut.parameterSizeOverride(300);
+        ctx->camera().userdata = cut.build();
+        getNonMaterialPassFrameBufferIndex(st, 0);
+        getNonMaterialPassFrameBufferIndex(st, 0);
+        EXPECT_EQ(errorsContaining("is ignored"), 3) << "another block under the same state";
+        ctx->end_state(st);
+    }
+}
+
+// Negative type counts that still add up to the record count: the block is
+// published, the negative types touch nothing, and the later types sit where
+// the running sum puts them.
+TEST_F(BadBlocks, NegativeTypeCountsThatAddUpArePublished)
+{
+    fbtest::FbufBuilder b = threeRecords();
+    b.typeCount(13, -2).typeCount(20, 2).typeCount(4, -1).typeCount(6, 1); // 2 + 1 - 2 + 2 - 1 + 1 = 3
+    fbtest::install(*ctx, b);
+    mirt::clear_messages();
+    miState *st = ctx->begin_state();
+    EXPECT_EQ(errorsContaining(""), 0);
+    ctx->begin_sample(st, 0, 0);
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    ASSERT_EQ(getFrameBufferInfo(st, &types, &e), 3u);
+    EXPECT_EQ(types->range[4].count, -1);
+    EXPECT_EQ(types->range[4].first, 2);
+    EXPECT_EQ(types->range[6].first, 1);
+    EXPECT_EQ(types->range[12].first, 2);
+    EXPECT_EQ(types->range[13].first, 3);
+    EXPECT_EQ(types->range[14].first, 1) << "shadow types 14 and 15 start after the negative 13";
+    EXPECT_EQ(types->range[34].first + types->range[34].count, 3);
+    // Type 12 (entry 2) is a shadow pass; the negative type 13 marks nothing,
+    // and types 14 and 15 (count 0) nothing either: entries 0 and 1 stay plain.
+    EXPECT_EQ(e[2].flags & FBINFO_SHADOW_PASS, static_cast<miUint>(FBINFO_SHADOW_PASS));
+    EXPECT_EQ(e[0].flags & (FBINFO_SHADOW_PASS | FBINFO_SHADOWED), 0u);
+    EXPECT_EQ(e[1].flags & FBINFO_SHADOW_PASS, 0u);
+    // Entry 1 keeps the flag of its record's word 5.
+    EXPECT_EQ(e[1].flags & FBINFO_ADD_REFLECTION, static_cast<miUint>(FBINFO_ADD_REFLECTION));
+    ctx->end_state(st);
 }
 
 // Every sequence of up to three state operations, on every block of the

@@ -89,7 +89,7 @@ struct Inputs {
     miColor a{0.25f, 0.5f, 1, 101}, b{1, 1, 1, 102}, c{1, 2, 4, 103};
     miColor d[2] = {{0.5f, 0.25f, 0.125f, 0.75f}, {3, 5, 6, 0.5f}};
     miColor e[2] = {{2, 4, 8, 104}, {16, 32, 64, 105}};
-    miColor f{0.5f, 0.5f, 0.5f, 106}, g{0.125f, 0.125f, 0.125f, 107}, h{8, 16, 32, 108};
+    miColor f{0.5f, 0.25f, 0.75f, 106}, g{0.125f, 0.25f, 0.375f, 107}, h{8, 16, 32, 108};
     miColor tr{0.5f, 0.25f, 0.75f, 0.3f};
 };
 
@@ -108,8 +108,8 @@ TEST(Composite, Mode0FullSumAndCopies)
     run(construct(0), rec, in);
     // ((d0 + c + h + a) * (1 - tr) + b) -> (5.875, 15.0625, 10.28125); secondary = 2x;
     // + e0 and f (secondary + 0.5x each); + g.
-    rec.expect(0x00, {8.5f, 19.6875f, 18.90625f, 0.75f}, "result");
-    rec.expect(0x10, {13.0f, 32.375f, 24.8125f}, "secondary");
+    rec.expect(0x00, {8.5f, 19.5625f, 19.40625f, 0.75f}, "result");
+    rec.expect(0x10, {13.0f, 32.25f, 24.9375f}, "secondary");
     rec.expect(0x20, {0.5f, 0.5f, 0.5f}, "opacity");
     rec.expect(0x40, {0.25f, 0.5f, 1, 101}, "A");
     rec.expect(0x50, {1, 1, 1, 102}, "B");
@@ -119,8 +119,8 @@ TEST(Composite, Mode0FullSumAndCopies)
     rec.expectUntouched(0x90, 4, "K");
     rec.expect(0xa0, {2, 4, 8, 104}, "E0");
     rec.expectUntouched(0xb0, 4, "E1");
-    rec.expect(0xc0, {0.5f, 0.5f, 0.5f, 106}, "F");
-    rec.expect(0xd0, {0.125f, 0.125f, 0.125f, 107}, "G");
+    rec.expect(0xc0, {0.5f, 0.25f, 0.75f, 106}, "F");
+    rec.expect(0xd0, {0.125f, 0.25f, 0.375f, 107}, "G");
     rec.expect(0xe0, {8, 16, 32, 108}, "H");
     rec.expect(0xf0, {0.5f, 0.75f, 0.25f}, "1 - transparency");
     rec.expectUntouched(0x30, 4, "transparency is only read");
@@ -132,8 +132,8 @@ TEST(Composite, Mode1UsesSecondColours)
     Record rec;
     run(construct(1), rec, in);
     // d1 (3,5,6) + c + h + a = (12.25, 23.5, 43) * (0.5, 0.75, 0.25) + b = (7.125, 18.625, 11.75)
-    rec.expect(0x10, {14.25f + 8 + 0.25f, 37.25f + 16 + 0.25f, 23.5f + 32 + 0.25f}, "secondary");
-    rec.expect(0x00, {7.125f + 16 + 0.5f + 0.125f, 18.625f + 32 + 0.5f + 0.125f, 11.75f + 64 + 0.5f + 0.125f, 0.5f}, "result");
+    rec.expect(0x10, {14.25f + 8 + 0.25f, 37.25f + 16 + 0.125f, 23.5f + 32 + 0.375f}, "secondary");
+    rec.expect(0x00, {7.125f + 16 + 0.5f + 0.125f, 18.625f + 32 + 0.25f + 0.25f, 11.75f + 64 + 0.75f + 0.375f, 0.5f}, "result");
     rec.expect(0x80, {3, 5, 6, 0.5f}, "D1");
     rec.expect(0xb0, {16, 32, 64, 105}, "E1");
     rec.expectUntouched(0x70, 4, "D0");
@@ -185,14 +185,14 @@ TEST(Composite, TransparencyStagesAndZeroColour)
     // Mode 0 fully transparent: d0, c, h, a gone; b, e0, f, g stay.
     Record r0;
     run(construct(0), r0, in, true, true, 0, 1, &clear);
-    r0.expect(0x00, {3.625f, 5.625f, 9.625f, 0.75f}, "after-transparency terms");
-    r0.expect(0x10, {3.25f, 4.25f, 6.25f}, "secondary");
+    r0.expect(0x00, {3.625f, 5.5f, 10.125f, 0.75f}, "after-transparency terms");
+    r0.expect(0x10, {3.25f, 4.125f, 6.375f}, "secondary");
     // zero_color: result rgb 0, secondary and copies as usual.
     Record rz;
     run(construct(0), rz, in, true, true, 1, 1);
     rz.expect(0x00, {0, 0, 0, 0.75f}, "zeroed");
-    rz.expect(0x10, {13.0f, 32.375f, 24.8125f}, "secondary kept");
-    rz.expect(0xd0, {0.125f, 0.125f, 0.125f, 107}, "G still copied");
+    rz.expect(0x10, {13.0f, 32.25f, 24.9375f}, "secondary kept");
+    rz.expect(0xd0, {0.125f, 0.25f, 0.375f, 107}, "G still copied");
 }
 
 TEST(Composite, NullOptionalInputs)
@@ -201,7 +201,7 @@ TEST(Composite, NullOptionalInputs)
     Record rec;
     run(construct(0), rec, in, false, false);
     // (d0 + c + a) * (1 - tr) + b + g: no e, f, h.
-    rec.expect(0x00, {0.875f + 1 + 0.125f, 2.0625f + 1 + 0.125f, 1.28125f + 1 + 0.125f, 0.75f}, "result");
+    rec.expect(0x00, {0.875f + 1 + 0.125f, 2.0625f + 1 + 0.25f, 1.28125f + 1 + 0.375f, 0.75f}, "result");
     rec.expect(0x10, {3.75f, 6.125f, 4.5625f}, "secondary");
     rec.expectUntouched(0xa0, 4, "E0");
     rec.expectUntouched(0xc0, 4, "F");
@@ -209,8 +209,8 @@ TEST(Composite, NullOptionalInputs)
     // Mode 5 (E1, F): black start, no transparency terms.
     Record r5;
     run(construct(5), r5, in);
-    r5.expect(0x00, {16.5f, 32.5f, 64.5f, 0}, "e1 + f");
-    r5.expect(0x10, {8.25f, 16.25f, 32.25f}, "0.5 (e1 + f)");
+    r5.expect(0x00, {16.5f, 32.25f, 64.75f, 0}, "e1 + f");
+    r5.expect(0x10, {8.25f, 16.125f, 32.375f}, "0.5 (e1 + f)");
     // Caller-made flags with both E bits: the first colour is added, both are copied.
     Record re;
     run(BaseComposite{0, 0, 0, BC_E0 | BC_E1}, re, in);

@@ -479,13 +479,23 @@ TEST_F(TimeSampler, CountsFromTheSmallestContrast)
     const struct {
         float m;
         unsigned count;
-    } cases[] = {{0.3f, 3}, {0.01f, 100}, {0.005f, 100}, {0.2f, 5}, {0.5f, 2}};
+    } cases[] = {{0.3f, 3}, {0.005f, 100}, {0.0099f, 100}};
     for (const auto &c : cases) {
         ctx.options().time_contrast = miColor{1.0f, c.m, 1.0f, 1.0f};
         TmSampler s;
         tmsampler_init(&s, state, 1);
         EXPECT_EQ(s.count, c.count) << c.m;
         EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(c.count));
+    }
+    // A contrast of exactly 1/k must give k samples: 1/(1/k) rounds to just
+    // below k for some k (29.99998 for k = 30), so the count may not truncate.
+    for (int k = 2; k <= 100; ++k) {
+        const float m = 1.0f / static_cast<float>(k);
+        ctx.options().time_contrast = miColor{m, 1.0f, 1.0f, 1.0f};
+        TmSampler s;
+        tmsampler_init(&s, state, 1);
+        EXPECT_EQ(s.count, static_cast<unsigned>(k)) << "m = 1/" << k;
+        EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(k)) << k;
     }
     ctx.options().time_contrast = miColor{1.0f, 2.0f, 1.5f, 0.0f};
     TmSampler s;

@@ -26,10 +26,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <random>
 #include <sstream>
+#include <cstdlib>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace druxhost;
@@ -269,86 +270,6 @@ TEST_F(HostRender, IdenticalWithOneAndTwoThreads)
     ASSERT_EQ(one.passes.size(), two.passes.size());
     for (size_t p = 0; p < one.passes.size(); ++p)
         EXPECT_TRUE(sameBits(one.passes[p], two.passes[p])) << one.passNames[p];
-}
-
-/* The default scene (reduced to 160 x 120, its own 4 samples, 2 threads)
-   against statistics stored in tests/data/default_render_stats.txt: per
-   layer (main image and every pass) the mean and the mean square of each
-   channel.  A change to ray casting, the library or the host shaders that
-   moves any pass shows here.  After an intended change, regenerate the file:
-     DRUX_UPDATE_RENDER_STATS=1 build/release/tests/host_render_test \
-         --gtest_filter=HostRender.DefaultSceneMatchesStoredStatistics */
-TEST_F(HostRender, DefaultSceneMatchesStoredStatistics)
-{
-    SceneDesc s = defaultScene();
-    s.width = 160;
-    s.height = 120;
-    const RenderResult r = renderWith(s, 2);
-    ASSERT_EQ(r.stats.errors, 0u);
-    std::vector<std::pair<std::string, const Image *>> layers = {{"main", &r.main}};
-    for (size_t i = 0; i < r.passes.size(); ++i)
-        layers.push_back({r.passNames[i], &r.passes[i]});
-    std::ostringstream now;
-    now.precision(9);
-    for (const auto &l : layers) {
-        double mean[4] = {0, 0, 0, 0}, square[4] = {0, 0, 0, 0};
-        const size_t pixels = l.second->rgba.size() / 4;
-        for (size_t p = 0; p < pixels; ++p)
-            for (int c = 0; c < 4; ++c) {
-                const double v = l.second->rgba[4 * p + size_t(c)];
-                mean[c] += v;
-                square[c] += v * v;
-            }
-        now << l.first;
-        for (double m : mean)
-            now << ' ' << m / double(pixels);
-        for (double q : square)
-            now << ' ' << q / double(pixels);
-        now << '\n';
-    }
-    const std::string path = std::string(DRUX_SOURCE_DIR) + "/tests/data/default_render_stats.txt";
-    const char *update = std::getenv("DRUX_UPDATE_RENDER_STATS");
-    if (update && *update && *update != '0') {
-        std::ofstream out(path);
-        out << "# layer, mean r g b a, mean square r g b a: the default scene at 160x120, 4 samples\n"
-            << "# (regenerate: DRUX_UPDATE_RENDER_STATS=1 build/release/tests/host_render_test "
-               "--gtest_filter=HostRender.DefaultSceneMatchesStoredStatistics)\n"
-            << now.str();
-        ASSERT_TRUE(out.good()) << path;
-        GTEST_SKIP() << "wrote " << path;
-    }
-    std::ifstream in(path);
-    ASSERT_TRUE(in.good()) << "no stored statistics at " << path;
-    std::map<std::string, std::vector<double>> stored;
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#')
-            continue;
-        std::istringstream ls(line);
-        std::string name;
-        ls >> name;
-        std::vector<double> v;
-        for (double x; ls >> x;)
-            v.push_back(x);
-        stored[name] = v;
-    }
-    std::istringstream got(now.str());
-    size_t compared = 0;
-    for (std::string line; std::getline(got, line);) {
-        std::istringstream ls(line);
-        std::string name;
-        ls >> name;
-        ASSERT_TRUE(stored.count(name)) << "layer " << name << " not stored";
-        const std::vector<double> &want = stored[name];
-        ASSERT_EQ(want.size(), 8u) << name;
-        for (size_t k = 0; k < 8; ++k) {
-            double x;
-            ls >> x;
-            EXPECT_NEAR(x, want[k], 1e-6 * std::max(1e-3, std::fabs(want[k]))) << name << " value " << k;
-        }
-        ++compared;
-    }
-    EXPECT_EQ(compared, stored.size());
-    EXPECT_EQ(compared, 1 + s.passes.size());
 }
 
 /* No environment, no indirect light and no scattering: every bit of light
@@ -1029,6 +950,10 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     tri.uv = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     tri.tris = {{0, 1, 2}};
     s.meshes.push_back(tri);
+    tri.name = "flat";
+    tri.faceted = true;
+    s.meshes.push_back(tri);
+    s.meshes[0].faceted = true;
     s.instances[1].steps.push_back({TransformStep::Rotate, {1, 33.5f, 0}});
     s.instances[2].shadowPasses = {"diffuse", "key"};
     s.passes[3].allOccluders = true;
@@ -1039,6 +964,10 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     EXPECT_EQ(writeScene(back), text);
     ASSERT_EQ(back.meshes.back().tris.size(), 1u);
     EXPECT_EQ(back.meshes.back().P[2].z, 0.5f);
+    EXPECT_NE(text.find("mesh flat triangles faceted\n"), std::string::npos);
+    ASSERT_EQ(back.meshes.size(), s.meshes.size());
+    for (size_t i = 0; i < s.meshes.size(); ++i)
+        EXPECT_EQ(back.meshes[i].faceted, i == 0 || i + 1 == s.meshes.size()) << i;
     EXPECT_EQ(back.instances[2].shadowPasses.size(), 2u);
     EXPECT_TRUE(back.passes[3].allOccluders);
     EXPECT_TRUE(back.lights[1].sharedShadow);
@@ -1084,7 +1013,12 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("mesh t triangles\nv 0 0 0\nv 1 0 0\n", 1, "not closed by \"end\"");
     expectError("mesh t triangles\nv 0 0 0\nq 1 2 3\nend\n", 3, "expected v, vn, vt, f or end");
     expectError("resolution 8 6 7\n", 1, "unexpected \"7\"");
+    expectError("mesh b box 1 1 1 smooth\n", 1, "\"smooth\" after a mesh: expected faceted");
+    expectError("mesh b sphere 1 8 4 faceted 2\n", 1, "unexpected \"2\"");
     expectError("samples 2\nsamples 3\n", 2, "given twice");
+    /* bytes a terminal would interpret are shown escaped, never raw */
+    expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
+    expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
     /* whole-scene checks carry no line */
     expectError("material m\ninstance i mesh nosuch material m\n", 0, "unknown mesh \"nosuch\"");
@@ -1094,6 +1028,71 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("pass g lightgroup\n", 0, "names no group");
     expectError("light l rect u 1 0 0 v 2 0 0\n", 0, "do not span a rectangle");
     EXPECT_THROW(loadScene("/nonexistent/dir/x.scene"), SceneError);
+}
+
+/* ------------------------------------------------------------------ meshes */
+
+// A sphere given without normals gets smooth ones within half a degree of
+// the analytic normal P / |P| everywhere (its faces are 11 degrees apart),
+// poles and the texture seam included; faceted
+// keeps it flat, given normals are kept.
+TEST(HostMeshes, SmoothNormalsOfASphereWithoutNormals)
+{
+    const mirt::Mesh sphere = mirt::make_sphere(2.0f, 32, 16);
+    MeshDesc d;
+    d.name = "ball";
+    d.kind = MeshKind::Triangles;
+    d.P = sphere.P;
+    d.tris = sphere.tris;
+    const mirt::Mesh m = buildMesh(d);
+    ASSERT_EQ(m.N.size(), m.P.size());
+    double worst = 0.0;
+    for (size_t i = 0; i < m.P.size(); ++i) {
+        const miVector &p = m.P[i], &n = m.N[i];
+        const double lp = std::sqrt(double(p.x) * p.x + double(p.y) * p.y + double(p.z) * p.z);
+        const double ln = std::sqrt(double(n.x) * n.x + double(n.y) * n.y + double(n.z) * n.z);
+        EXPECT_NEAR(ln, 1.0, 1e-6) << i;
+        const double cosine = (double(p.x) * n.x + double(p.y) * n.y + double(p.z) * n.z) / (lp * ln);
+        worst = std::max(worst, std::acos(std::min(1.0, cosine)));
+    }
+    EXPECT_LT(worst, 0.5 * 3.14159265358979 / 180.0) << "worst angle " << worst * 180 / 3.14159265358979 << " degrees";
+
+    // One triangle's face normal on its own; a stray vertex gets +z;
+    // degenerate triangles add nothing; a vertex of a right angle and one of
+    // 45 degrees between two faces weigh by those angles.
+    mirt::Mesh t;
+    t.P = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {5, 5, 5}, {0, 0, 1}};
+    t.tris = {{0, 1, 2}, {0, 1, 1}};
+    computeVertexNormals(t);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(t.N[i].x, 0.0f) << i;
+        EXPECT_EQ(t.N[i].y, 0.0f) << i;
+        EXPECT_EQ(t.N[i].z, 1.0f) << i;
+    }
+    t.tris = {{0, 1, 2}, {0, 1, 4}}; // faces +z and -y meet along the x axis, both at 90 degrees at vertex 0
+    computeVertexNormals(t);
+    const float h = static_cast<float>(std::sqrt(0.5));
+    EXPECT_NEAR(t.N[0].x, 0.0f, 1e-6f);
+    EXPECT_NEAR(t.N[0].y, -h, 1e-6f);
+    EXPECT_NEAR(t.N[0].z, h, 1e-6f);
+    EXPECT_NEAR(t.N[1].y, -h, 1e-6f) << "45 degrees in each face at vertex 1";
+    EXPECT_NEAR(t.N[2].z, 1.0f, 1e-6f) << "only the +z face at vertex 2";
+    // 90 degrees of +z and 45 of -y at vertex 0 (equal areas): (0, -1, 2) / sqrt(5).
+    t.P[4] = {1, 0, 1};
+    computeVertexNormals(t);
+    EXPECT_NEAR(t.N[0].y, -1.0 / std::sqrt(5.0), 1e-6);
+    EXPECT_NEAR(t.N[0].z, 2.0 / std::sqrt(5.0), 1e-6);
+
+    d.faceted = true;
+    EXPECT_TRUE(buildMesh(d).N.empty());
+    d.faceted = false;
+    d.N.assign(d.P.size(), miVector{1, 0, 0});
+    EXPECT_EQ(buildMesh(d).N[5].x, 1.0f) << "given normals are kept";
+    MeshDesc ball;
+    ball.kind = MeshKind::Sphere;
+    ball.a = 1, ball.n = 8, ball.m = 4;
+    ball.faceted = true;
+    EXPECT_TRUE(buildMesh(ball).N.empty());
 }
 
 /* ------------------------------------------------------------------ files */
@@ -1109,12 +1108,16 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     const std::string dir = tmpl;
     const std::vector<std::string> files = writeOutputs(r, dir);
-    EXPECT_EQ(files.size(), 2u + r.passes.size());
+    EXPECT_EQ(files.size(), 3u + r.passes.size()); /* main.png, contact.png, render.exr */
 
     const auto layers = readExr(dir + "/render.exr");
-    ASSERT_EQ(layers.size(), 1u + r.passes.size());
+    ASSERT_EQ(layers.size(), 1u + r.passes.size() + 6u); /* and three layers per ID matte */
     for (const auto &l : layers) {
         const Image *want = l.first.empty() ? &r.main : r.pass(l.first);
+        for (const CryptoMatte &m : r.mattes)
+            for (int k = 0; k < 3; ++k)
+                if (l.first == m.layerName(k))
+                    want = &m.layers[size_t(k)];
         ASSERT_NE(want, nullptr) << "layer " << l.first;
         EXPECT_TRUE(sameBits(l.second, *want)) << "layer " << l.first;
     }
@@ -1127,9 +1130,96 @@ TEST_F(HostRender, OutputFilesHoldTheImages)
     EXPECT_EQ(px[(4 * 12 + 5) * 3 + 2], srgbByte(c.b));
     for (const std::string &f : files)
         std::remove(f.c_str());
-    ::rmdir(dir.c_str());
     EXPECT_THROW(writePng("/nonexistent/dir/x.png", r.main), std::runtime_error);
     EXPECT_THROW(readExr("/nonexistent/dir/x.exr"), std::runtime_error);
+
+    // A folder that went away during the render: the images land in a new
+    // folder under the temporary directory (here TMPDIR = dir), complete.
+    const char *keptTmp = std::getenv("TMPDIR");
+    const std::string savedTmp = keptTmp ? keptTmp : "";
+    ::setenv("TMPDIR", dir.c_str(), 1);
+    const WrittenOutputs fb = writeOutputsOrFallback(r, dir + "/removed");
+    EXPECT_NE(fb.failure.find("removed"), std::string::npos) << fb.failure;
+    EXPECT_EQ(fb.dir.rfind(dir + "/druxrender-", 0), 0u) << fb.dir;
+    ASSERT_EQ(fb.files.size(), files.size());
+    for (size_t i = 0; i < files.size(); ++i)
+        EXPECT_EQ(fb.files[i], fb.dir + files[i].substr(dir.size())) << i;
+    const auto again = readExr(fb.dir + "/render.exr");
+    size_t matteLayers = 0;
+    for (const CryptoMatte &m : r.mattes)
+        matteLayers += m.layers.size();
+    ASSERT_EQ(again.size(), 1u + r.passes.size() + matteLayers);
+    EXPECT_TRUE(sameBits(again[0].second, r.main));
+    for (const std::string &f : fb.files)
+        EXPECT_EQ(std::remove(f.c_str()), 0) << f;
+    ::rmdir(fb.dir.c_str());
+    // Written where asked, nothing falls back.
+    const WrittenOutputs direct = writeOutputsOrFallback(r, dir);
+    EXPECT_EQ(direct.failure, "");
+    EXPECT_EQ(direct.dir, dir);
+    for (const std::string &f : direct.files)
+        EXPECT_EQ(std::remove(f.c_str()), 0) << f;
+    // No temporary folder either: the error says both.
+    ::setenv("TMPDIR", (dir + "/missing").c_str(), 1);
+    EXPECT_THROW(writeOutputsOrFallback(r, dir + "/removed"), std::runtime_error);
+    if (keptTmp)
+        ::setenv("TMPDIR", savedTmp.c_str(), 1);
+    else
+        ::unsetenv("TMPDIR");
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "something was left behind";
+}
+
+TEST(HostOutputs, EveryFileIsProbedBeforeRendering)
+{
+    char tmpl[] = "/tmp/druxhost_probe_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const std::vector<std::string> names = outputFileNames({"beauty", "shadow"});
+    ASSERT_EQ(names, (std::vector<std::string>{"render.exr", "main.png", "beauty.png", "shadow.png", "contact.png"}));
+
+    // All writable: nothing is left behind, an earlier render's file is kept.
+    EXPECT_EQ(probeOutputs(dir, names), "");
+    {
+        std::ofstream(dir + "/main.png") << "earlier";
+    }
+    EXPECT_EQ(probeOutputs(dir, names), "");
+    std::ifstream earlier(dir + "/main.png");
+    std::string text;
+    earlier >> text;
+    EXPECT_EQ(text, "earlier");
+    EXPECT_EQ(std::remove((dir + "/main.png").c_str()), 0);
+
+    // A folder in the way of one file (refused even for the superuser).
+    ASSERT_EQ(::mkdir((dir + "/shadow.png").c_str(), 0777), 0);
+    const std::string why = probeOutputs(dir, names);
+    EXPECT_NE(why.find(dir + "/shadow.png"), std::string::npos) << why;
+    EXPECT_NE(probeOutputs(dir + "/missing", names), "");
+    ::rmdir((dir + "/shadow.png").c_str());
+
+#ifdef DRUXRENDER_PATH
+    // The renderer refuses with status 2 and renders nothing.
+    const std::string log = dir + "/log.txt";
+    const std::string cmd = std::string(DRUXRENDER_PATH) + " --out " + dir +
+                            " --resolution 8x6 --samples 1 --threads 1 --no-progress --quiet 2>" + log;
+    std::vector<std::string> passNames;
+    for (const PassDesc &p : defaultScene().passes)
+        passNames.push_back(p.name);
+    ASSERT_FALSE(passNames.empty());
+    const std::string blocked = dir + "/" + passNames.back() + ".png";
+    ASSERT_EQ(::mkdir(blocked.c_str(), 0777), 0);
+    const int status = std::system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    std::ifstream in(log);
+    std::stringstream msg;
+    msg << in.rdbuf();
+    EXPECT_NE(msg.str().find("cannot write " + blocked), std::string::npos) << msg.str();
+    struct stat st;
+    EXPECT_NE(::stat((dir + "/render.exr").c_str(), &st), 0) << "nothing may be written";
+    std::remove(log.c_str());
+    ::rmdir(blocked.c_str());
+#endif
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "something was left behind";
 }
 
 TEST(HostImages, SrgbEncoding)

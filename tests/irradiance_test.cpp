@@ -210,15 +210,41 @@ TEST_F(Irradiance, FinalGatherRaysFallWithThePathWeight)
 }
 
 // Just above the cut-off the scaled ray count truncates to 0: no gather at
-// all rather than a division by zero and a zero-ray request.
-TEST_F(Irradiance, ZeroRaysGatherNothing)
+// all.  A count of 0 or below that the options or the object's settings give
+// (scaled or not) still goes to the renderer as it is.
+TEST_F(Irradiance, RayCountsOfZeroOrBelow)
 {
     ctx->options().finalgather = 1;
     EXPECT_EQ(irradiance({0.105f, 0.1f, 0.1f, 1}).r, 0.0f); // trunc(64 * 0.0125) = 0
     EXPECT_TRUE(ctx->irradiance_calls().empty());
+
     ctx->options().finalgather_rays = 0;
-    EXPECT_EQ(irradiance({1, 1, 1, 1}).r, 0.0f);
-    EXPECT_TRUE(ctx->irradiance_calls().empty());
+    irradiance({1, 1, 1, 1}); // above the full weight: no record, the options' 0
+    irradiance({0.3f, 0.2f, 0.2f, 1}); // scaled: 0 * 0.5 stays 0
+    ctx->options().finalgather_rays = -8;
+    irradiance({0.3f, 0.2f, 0.2f, 1}); // trunc(-8 * 0.5)
+    const std::vector<miIrrad_options> calls = ctx->irradiance_calls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[0].size, 0) << "no record";
+    EXPECT_EQ(calls[1].size, 52);
+    EXPECT_EQ(calls[1].finalgather_rays, 0);
+    EXPECT_EQ(calls[2].finalgather_rays, -4);
+    ctx->clear_irradiance_calls();
+
+    for (int rays : {0, -3}) {
+        objectSettings(1, rays);
+        irradiance({1, 1, 1, 1});
+        irradiance({0.105f, 0.1f, 0.1f, 1}); // trunc(-3 * 0.0125) = 0, but not from a positive count
+    }
+    const std::vector<miIrrad_options> objectCalls = ctx->irradiance_calls();
+    ASSERT_EQ(objectCalls.size(), 4u);
+    EXPECT_EQ(objectCalls[0].finalgather_rays, 0);
+    EXPECT_EQ(objectCalls[1].finalgather_rays, 0);
+    EXPECT_EQ(objectCalls[2].finalgather_rays, -3);
+    EXPECT_EQ(objectCalls[3].finalgather_rays, 0);
+    for (const miIrrad_options &o : objectCalls)
+        EXPECT_EQ(o.finalgather_maxradius, 7.5f) << "the object's record";
+    EXPECT_TRUE(gatherWeights.empty()) << "no ray to gather with";
 }
 
 // ------------------------------------------------------------ derivatives

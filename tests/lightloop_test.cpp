@@ -195,11 +195,11 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
             r.e[i].slots[1].result = miColor{0.4f, 0.2f, 0.8f, 1};
         }
     };
-    // Half the colour and all the alpha: 0.1 + 0.5 * (0.4, 0.2, 0.8).
+    // A weight distinct per channel: 0.1 + (0.5, 0.25, 0.75, 1) * (0.4, 0.2, 0.8, 1).
     child(0);
-    tracePassAdd(r.n, r.e, r.st, miFALSE, miColor{0.5f, 0.5f, 0.5f, 1});
+    tracePassAdd(r.n, r.e, r.st, miFALSE, miColor{0.5f, 0.25f, 0.75f, 1});
     for (miUint i = 0; i < 3; ++i) {
-        EXPECT_COLOR(r.e[i].slots[0].accum, 0.3f, 0.2f, 0.5f, 1);
+        EXPECT_COLOR(r.e[i].slots[0].accum, 0.3f, 0.15f, 0.7f, 1);
         EXPECT_COLOR(r.e[i].slots[1].result, 0, 0, 0, 0);
     }
     EXPECT_COLOR(r.e[3].slots[0].accum, 0.1f, 0.1f, 0.1f, 0);
@@ -227,6 +227,47 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
     EXPECT_COLOR(r.e[0].slots[2].accum, 0, 0, 0, 0);
 }
 
+// The trace-depth limit raised after the state was set up: the state still
+// holds the slots of the old limit (2 + 2 per entry), so no function may index
+// a depth beyond them.  Entry 0's slot 4 would be entry 1's slot 0, and the
+// last entry's slot 4 lies past the block (caught by the ASan build).
+TEST_F(LightLoop, DepthLimitRaisedMidStateStaysInsideTheSlots)
+{
+    Rig r(passes({{0, {}}, {0, {}}}), 2);
+    ASSERT_EQ(r.n, 2u);
+    EXPECT_EQ(r.e[0].depthSlots, 4u);
+    EXPECT_EQ(r.e[1].slots - r.e[0].slots, 4);
+    r.ctx.options().trace_depth = 50;
+    const miColor mark{9, 8, 7, 6};
+    const int add = 1;
+    for (int depth : {3, 4, 7}) {
+        SCOPED_TRACE(depth);
+        r.st->reflection_level = depth;
+        r.e[1].slots[0].accum = r.e[1].slots[0].result = r.e[1].slots[0].opacity = mark;
+        r.e[0].slots[3].accum = BLACK;
+        tracePassInit(r.n, r.e, r.st);
+        tracePassAdd(r.n, r.e, r.st, miFALSE, WHITE);
+        sampleLightBegin(r.n, r.e);
+        r.e[0].lightSum = r.e[1].lightSum = miColor{2, 2, 2, 2};
+        sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
+        EXPECT_COLOR(r.e[1].slots[0].accum, 9, 8, 7, 6);
+        EXPECT_COLOR(r.e[1].slots[0].result, 9, 8, 7, 6);
+        EXPECT_COLOR(r.e[1].slots[0].opacity, 9, 8, 7, 6);
+        // Depth 3 is the last slot the state has: the light still lands there.
+        const float want = depth == 3 ? 1.0f : 0.0f;
+        EXPECT_COLOR(r.e[0].slots[3].accum, want, want, want, want);
+    }
+    // Lowered below the set-up limit, the current limit bounds the slots.
+    r.ctx.options().trace_depth = 0;
+    r.st->reflection_level = 2;
+    r.e[0].slots[2].accum = BLACK;
+    sampleLightBegin(r.n, r.e);
+    r.e[0].lightSum = miColor{2, 2, 2, 2};
+    sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
+    EXPECT_COLOR(r.e[0].slots[2].accum, 0, 0, 0, 0);
+    r.ctx.options().trace_depth = 2;
+}
+
 TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
 {
     // Not contributing; contributing unshadowed; shadowed; shadow pass.
@@ -247,19 +288,21 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
     EXPECT_COLOR(r.e[2].shadowSum, 2, 2, 2, 2);
     EXPECT_COLOR(r.e[0].shadowSum, 0, 0, 0, 0);
     EXPECT_COLOR(r.e[0].shadow, 0.3f, 0.3f, 0.3f, 0.3f);
-    // Sums (2,2,2,4) over 4 samples: t = (0.5,0.5,0.5,1); light 1, shadow 0.
-    const miColor white{1, 1, 1, 0.75f}, black{0, 0, 0, 0};
+    // Sums (1,2,3,4) over 4 samples: t = (0.25,0.5,0.75,1); light (1,0.5,2),
+    // shadow 0: shadowed t * light = (0.25,0.25,1.5), taken (0.75,0.25,0.5).
+    const miColor light{1, 0.5f, 2, 0.75f}, black{0, 0, 0, 0};
     for (miUint i = 0; i < 4; ++i)
-        r.e[i].shadowSum = miColor{2, 2, 2, 4};
-    r.e[1].shadow = miColor{0.7f, 0.7f, 0.7f, 0.7f};
-    traceShadowAccumulateEnd(r.n, r.e, 4, &white, &black);
+        r.e[i].shadowSum = miColor{1, 2, 3, 4};
+    r.e[1].shadow = miColor{0.7f, 0.6f, 0.5f, 0.4f};
+    traceShadowAccumulateEnd(r.n, r.e, 4, &light, &black);
     EXPECT_COLOR(r.e[0].shadow, 0, 0, 0, 0);
     EXPECT_COLOR(r.e[0].light, 0, 0, 0, 1);
-    EXPECT_COLOR(r.e[1].shadow, 0.7f, 0.7f, 0.7f, 0.7f);
-    EXPECT_COLOR(r.e[1].light, 1, 1, 1, 0.75f); // the light's own alpha
-    EXPECT_COLOR(r.e[2].shadow, 0.5f, 0.5f, 0.5f, 1);
-    EXPECT_COLOR(r.e[2].light, 0.5f, 0.5f, 0.5f, 1);
-    EXPECT_COLOR(r.e[3].shadow, 0.5f, 0.5f, 0.5f, 1);
+    EXPECT_COLOR(r.e[1].shadow, 0.7f, 0.6f, 0.5f, 0.4f);
+    EXPECT_COLOR(r.e[1].light, 1, 0.5f, 2, 0.75f); // the light's own alpha
+    EXPECT_COLOR(r.e[2].shadow, 0.25f, 0.5f, 0.75f, 1);
+    EXPECT_COLOR(r.e[2].light, 0.25f, 0.25f, 1.5f, 1);
+    EXPECT_COLOR(r.e[3].shadow, 0.25f, 0.5f, 0.75f, 1);
+    EXPECT_COLOR(r.e[3].light, 0.75f, 0.25f, 0.5f, 1);
     // 0 samples: the sum itself; l = (0.8,0.6,0.4), s = 0.2, t = (0.25,0.5,
     // 0.75): (1-t)s + tl = (0.35, 0.4, 0.35); shadow pass l - that.
     const miColor l{0.8f, 0.6f, 0.4f, 1}, s{0.2f, 0.2f, 0.2f, 1};

@@ -8,6 +8,7 @@
 #define DRUX_NOISE_GENERATOR_NO_MAIN
 #include "../tools/gen_noise_table.cpp"
 
+#include <dlfcn.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
@@ -20,6 +21,10 @@
 #include <random>
 #include <thread>
 #include <vector>
+
+/* Defined in the builds that force one processor variant: the file name of
+   the library holding that variant. */
+extern "C" const char *druxNoiseTestVariant() __attribute__((weak));
 
 namespace {
 
@@ -63,22 +68,33 @@ TEST(NoiseTable, IsTheGeneratorOutputAndEvenlySpread)
     const std::vector<long> m = noisegen::generateMillionths();
     ASSERT_EQ(m.size(), 65535u);
     char buf[32];
-    double sum = 0, lo = 1, hi = -1, ascending = 0;
+    double sum = 0, ascending = 0;
+    float lo = 1, hi = -1;
+    int atLo = 0, atHi = 0;
     std::vector<int> bins(256, 0);
     for (int i = 0; i < 65535; ++i) {
         noisegen::formatMillionths(m[i], buf, sizeof buf);
         ASSERT_EQ(T[i], std::strtof(buf, nullptr)) << "entry " << i << " is not " << buf;
-        ASSERT_TRUE(T[i] > -1.0f && T[i] < 1.0f) << i;
-        sum += T[i];
-        lo = std::min(lo, double(T[i]));
-        hi = std::max(hi, double(T[i]));
+        // Independently of the generator: the float nearest to the entry's
+        // own six-decimal value.
+        const long millionths = std::lround(double(T[i]) * 1e6);
+        std::snprintf(buf, sizeof buf, "%s%ld.%06ld", millionths < 0 ? "-" : "", std::labs(millionths) / 1000000,
+                      std::labs(millionths) % 1000000);
+        ASSERT_EQ(T[i], std::strtof(buf, nullptr)) << "entry " << i << " has more than six decimals";
+        sum += double(T[i]);
+        lo = std::min(lo, T[i]);
+        hi = std::max(hi, T[i]);
         ascending += i > 0 && T[i] > T[i - 1];
         bins[int((T[i] + 1.0) * 128.0)]++;
     }
+    for (int i = 0; i < 65535; ++i)
+        atLo += T[i] == lo, atHi += T[i] == hi;
     EXPECT_EQ(T[65535], 0.0f);
-    EXPECT_LT(lo, -0.9999);
-    EXPECT_GT(hi, 0.9999);
-    EXPECT_NEAR(sum / 65535, 0.0, 1e-4);
+    EXPECT_EQ(lo, -0.999965f);
+    EXPECT_EQ(hi, 0.999958f);
+    EXPECT_EQ(atLo, 1);
+    EXPECT_EQ(atHi, 1);
+    EXPECT_NEAR(sum / 65535, 0.0000034, 5e-7);
     EXPECT_NEAR(ascending / 65534, 0.5, 0.01) << "entries must look unordered";
     for (int b = 0; b < 256; ++b) // 65535 / 256 = 255.996 values per bin
         EXPECT_NEAR(bins[b], 256, 2) << "bin " << b;
@@ -673,6 +689,27 @@ bool sameBits(float a, float b)
     std::memcpy(&x, &a, 4);
     std::memcpy(&y, &b, 4);
     return x == y || (std::isnan(a) && std::isnan(b));
+}
+
+// The noise functions called are those of the variant under test (or of the
+// library itself in the default build): otherwise the comparisons below
+// would test another variant than the one named.
+TEST(NoiseBits, FunctionsComeFromTheVariantUnderTest)
+{
+    const std::string want = druxNoiseTestVariant ? druxNoiseTestVariant() : "libDruxShaderSDK.so";
+    const std::pair<const char *, void *> fns[] = {
+        {"noise_scalar_2d", reinterpret_cast<void *>(&noise_scalar_2d)},
+        {"noise_scalar_3d", reinterpret_cast<void *>(&noise_scalar_3d)},
+        {"noise_scalar_4d", reinterpret_cast<void *>(&noise_scalar_4d)},
+        {"noise_gradient_3d", reinterpret_cast<void *>(&noise_gradient_3d)},
+        {"noise_gradient_init", reinterpret_cast<void *>(&noise_gradient_init)}};
+    for (const auto &f : fns) {
+        Dl_info info{};
+        ASSERT_NE(dladdr(f.second, &info), 0) << f.first;
+        const std::string file = info.dli_fname ? info.dli_fname : "";
+        // The library is loaded through its versioned name (libDruxShaderSDK.so.1).
+        EXPECT_EQ(file.substr(file.rfind('/') + 1).substr(0, want.size()), want) << f.first;
+    }
 }
 
 TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)

@@ -365,6 +365,31 @@ TEST_F(Reflect, EnvironmentColourGoesStraightIntoPassTypes0And34)
     expectAccum(slot(2).accum, 2);
 }
 
+// A trace-depth limit raised after set-up: the state keeps its 4 + 2 slots per
+// entry; a reflection at depth 6 falls back on the environment without
+// touching a slot (entry 0's slot 6 would be entry 1's slot 0; the last
+// entry's lies past the block), while depth 5 still adds into slot 5.
+TEST_F(Reflect, DepthLimitRaisedMidStateStaysInsideTheSlots)
+{
+    ASSERT_EQ(entries[0].depthSlots, 6u);
+    ctx->options().trace_depth = 40;
+    p->reflection_limit = 40;
+    const miColor col{0.5f, 0.25f, 1, 0.8f};
+    st->reflection_level = 5;
+    reflect(col);
+    EXPECT_GT(slot(0, 5).accum.r, 0.0f) << "the last slot is still used";
+    const miColor mark{9, 8, 7, 6};
+    slot(1, 0).accum = slot(1, 0).opacity = mark;
+    slot(2, 0).accum = mark;
+    st->reflection_level = 6;
+    reflect(col);
+    EXPECT_EQ(slot(1, 0).accum.r, 9.0f);
+    EXPECT_EQ(slot(1, 0).opacity.g, 8.0f);
+    EXPECT_EQ(slot(2, 0).accum.b, 7.0f);
+    st->reflection_level = 0;
+    ctx->options().trace_depth = 4;
+}
+
 TEST_F(Reflect, TracedHitsGoThroughTracePassAdd)
 {
     mirt::Mesh plane = mirt::make_plane(100, 100, 1, 1);

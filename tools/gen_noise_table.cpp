@@ -9,16 +9,25 @@
  *     g++ -std=c++17 -O2 -o gen_noise_table tools/gen_noise_table.cpp
  *     ./gen_noise_table > SDK/druxNoiseTable.cpp
  *
+ * The values have fixed extremes and a fixed mean: the smallest is exactly
+ * -0.999965, the largest exactly 0.999958, and they add up to 0.222819
+ * (mean 0.0000034 over the 65,535 values).
+ *
  * Method, fixed so that the table is reproducible:
  *   - generator: splitmix64 (Steele, Lea, Flood 2014), seed kSeed below;
  *     a uniform number in [0, 1) is the top 53 bits of a draw times 2^-53;
- *   - stratification: (-1, 1) is cut into 65,535 strata of equal width
- *     w = 2 / 65,535; stratum i gets -1 + w * (i + 0.1 + 0.8 * u) with a
- *     fresh uniform u, so every stratum holds exactly one value and no
- *     value lies in the outer tenth of a stratum (so rounding can never
- *     reach -1 or 1);
+ *   - stratification: [kLowest, kHighest] is cut into 65,535 strata of
+ *     equal width w; the first stratum holds kLowest and the last kHighest,
+ *     and every stratum i between gets kLowest + w * (i + 0.1 + 0.8 * u) with
+ *     a fresh uniform u, so every stratum holds exactly one value and no
+ *     inner value comes within a tenth of a stratum of its neighbours';
  *   - rounding: to the nearest multiple of 1e-6 (ties away from zero),
  *     kept as an integer number of millionths;
+ *   - mean: the difference D between kSum and the sum of the rounded values
+ *     is spread over the inner values in table order, value k (of the M
+ *     inner ones) moving by floor(D (k + 1) / M) - floor(D k / M) millionths
+ *     (about 7, far less than a stratum's width, so the extremes stay the
+ *     only ones);
  *   - order: a Fisher-Yates shuffle driven by the same generator
  *     (for i from 65,534 down to 1, swap entry i with entry
  *     floor(u * (i + 1))), so neighbouring entries are unrelated.
@@ -29,6 +38,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -36,6 +46,9 @@ namespace noisegen {
 
 constexpr uint64_t kSeed = 0x44727578u; /* "Drux" */
 constexpr int kCount = 65535;          /* random entries; one 0.0 entry follows */
+constexpr long kLowest = -999965;      /* smallest value, in millionths */
+constexpr long kHighest = 999958;      /* largest value, in millionths */
+constexpr long kSum = 222819;          /* sum of all values in millionths: mean 0.0000034 */
 
 struct SplitMix64 {
     uint64_t state;
@@ -54,15 +67,39 @@ inline std::vector<long> generateMillionths()
 {
     SplitMix64 rng{kSeed};
     std::vector<long> v(kCount);
-    const double width = 2.0 / kCount;
+    const double width = static_cast<double>(kHighest - kLowest) / kCount;
+    long sum = 0;
     for (int i = 0; i < kCount; ++i) {
-        const double x = -1.0 + width * (i + 0.1 + 0.8 * rng.uniform());
-        v[i] = std::lround(x * 1e6);
+        const double u = rng.uniform();
+        if (i == 0)
+            v[i] = kLowest;
+        else if (i == kCount - 1)
+            v[i] = kHighest;
+        else
+            v[i] = std::lround(static_cast<double>(kLowest) + width * (i + 0.1 + 0.8 * u));
+        sum += v[i];
     }
+    const long D = kSum - sum, M = kCount - 2;
+    auto floorDiv = [](long a, long b) { return a >= 0 ? a / b : -((-a + b - 1) / b); };
+    for (long k = 0; k < M; ++k)
+        v[k + 1] += floorDiv(D * (k + 1), M) - floorDiv(D * k, M);
     for (int i = kCount - 1; i > 0; --i) {
         const int j = static_cast<int>(rng.uniform() * (i + 1));
         std::swap(v[i], v[j]);
     }
+    /* The properties the table promises; a change of method that broke one
+       must not go unnoticed. */
+    long check = 0, lowest = 0, highest = 0;
+    int atLowest = 0, atHighest = 0;
+    for (long x : v) {
+        check += x;
+        lowest = x < lowest ? x : lowest;
+        highest = x > highest ? x : highest;
+        atLowest += x == kLowest;
+        atHighest += x == kHighest;
+    }
+    if (check != kSum || lowest != kLowest || highest != kHighest || atLowest != 1 || atHighest != 1)
+        std::abort();
     return v;
 }
 

@@ -1,0 +1,44 @@
+/*
+ * libdruxhostshaders.so: the host's shaders (shaders.cpp) as a shader
+ * library.  Its declaration table names every shader; their parameter
+ * blocks are the records of shaders.h, filled by druxrender's built-in
+ * commands through druxhost_builtin_shaders.
+ */
+#include "builtin_shaders.h"
+#include "shader_library.h"
+
+namespace {
+
+/* the blocks are the records of shaders.h, built by druxrender's commands */
+const miShaderDecl kShaders[] = {
+    {"hostMaterial", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostShadow", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostPointLight", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostRectLight", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostPlainLight", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostNoiseTexture", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+    {"hostEnvironment", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
+};
+
+const druxhost::BuiltinShaders kBuiltins = {
+    sizeof(druxhost::BuiltinShaders),
+    "hostMaterial",
+    "hostShadow",
+    "hostPointLight",
+    "hostRectLight",
+    "hostPlainLight",
+    "hostNoiseTexture",
+    "hostEnvironment",
+    &druxhost::materialParams,
+    &druxhost::textureParams,
+    &druxhost::environmentParams,
+    &druxhost::pointLightParams,
+    &druxhost::rectLightParams,
+    &druxhost::plainLightParams,
+};
+
+} // namespace
+
+DRUX_SHADER_LIBRARY(kShaders)
+
+DRUX_SHADER_EXPORT const druxhost::BuiltinShaders *druxhost_builtin_shaders() { return &kBuiltins; }

@@ -1,0 +1,217 @@
+#include "obj_loader.h"
+
+#include <tiny_obj_loader.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <tuple>
+#include <vector>
+
+namespace druxhost {
+
+namespace {
+
+std::vector<std::string> words(const std::string &line)
+{
+    std::vector<std::string> w;
+    std::istringstream in(line);
+    std::string t;
+    while (in >> t) {
+        if (t[0] == '#')
+            break;
+        w.push_back(t);
+    }
+    return w;
+}
+
+bool finiteNumber(const std::string &s)
+{
+    char *end = nullptr;
+    errno = 0;
+    const double v = std::strtod(s.c_str(), &end);
+    return end != s.c_str() && *end == '\0' && errno != ERANGE && std::isfinite(v);
+}
+
+bool integer(const std::string &s, long &v)
+{
+    char *end = nullptr;
+    errno = 0;
+    v = std::strtol(s.c_str(), &end, 10);
+    return end != s.c_str() && *end == '\0' && errno != ERANGE;
+}
+
+/* Counts the elements and checks every line the reader will rely on. */
+void check(const std::string &text, const std::string &path)
+{
+    struct Face {
+        int line;
+        std::vector<std::string> corners;
+    };
+    long counts[3] = {0, 0, 0}; /* v, vt, vn */
+    std::vector<Face> faces;
+    std::istringstream in(text);
+    std::string line;
+    int n = 0;
+    while (std::getline(in, line)) {
+        ++n;
+        if (!line.empty() && line.back() == '\\')
+            throw ObjError(path, n, "continued lines are not supported");
+        const std::vector<std::string> w = words(line);
+        if (w.empty())
+            continue;
+        auto numbers = [&](size_t least, size_t most, const char *what) {
+            if (w.size() - 1 < least || w.size() - 1 > most)
+                throw ObjError(path, n, std::string(what) + " needs " + std::to_string(least) +
+                                            (least == most ? "" : " to " + std::to_string(most)) + " numbers");
+            for (size_t i = 1; i < w.size(); ++i)
+                if (!finiteNumber(w[i]))
+                    throw ObjError(path, n, "\"" + w[i] + "\" is not a finite number");
+        };
+        if (w[0] == "v") {
+            numbers(3, 7, "a vertex"); /* x y z [w] or x y z r g b */
+            ++counts[0];
+        } else if (w[0] == "vt") {
+            numbers(1, 3, "a texture coordinate");
+            ++counts[1];
+        } else if (w[0] == "vn") {
+            numbers(3, 3, "a normal");
+            ++counts[2];
+        } else if (w[0] == "f") {
+            if (w.size() < 4)
+                throw ObjError(path, n, "a face needs at least 3 corners");
+            faces.push_back(Face{n, std::vector<std::string>(w.begin() + 1, w.end())});
+            /* relative indices count back from this line */
+            for (const std::string &c : faces.back().corners) {
+                size_t start = 0;
+                for (int k = 0; k < 3; ++k) {
+                    const size_t slash = c.find('/', start);
+                    const std::string part = c.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+                    static const int kind[3] = {0, 1, 2};
+                    static const char *names[3] = {"vertex", "texture coordinate", "normal"};
+                    if (!part.empty()) {
+                        long v = 0;
+                        if (!integer(part, v))
+                            throw ObjError(path, n, "\"" + c + "\" is not a face corner");
+                        if (v == 0)
+                            throw ObjError(path, n, std::string(names[k]) + " index 0 (indices start at 1)");
+                        if (v < 0 && -v > counts[kind[k]])
+                            throw ObjError(path, n, std::string(names[k]) + " index " + part + " reaches before the first " +
+                                                        names[k] + " (" + std::to_string(counts[kind[k]]) + " so far)");
+                    } else if (k == 0) {
+                        throw ObjError(path, n, "\"" + c + "\" has no vertex index");
+                    }
+                    if (slash == std::string::npos)
+                        break;
+                    start = slash + 1;
+                    if (k == 2)
+                        throw ObjError(path, n, "\"" + c + "\" is not a face corner");
+                }
+            }
+        }
+    }
+    /* positive indices may name elements defined further down */
+    static const char *names[3] = {"vertex", "texture coordinate", "normal"};
+    for (const Face &f : faces)
+        for (const std::string &c : f.corners) {
+            size_t start = 0;
+            for (int k = 0; k < 3; ++k) {
+                const size_t slash = c.find('/', start);
+                const std::string part = c.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+                long v = 0;
+                if (!part.empty() && integer(part, v) && v > counts[k])
+                    throw ObjError(path, f.line, std::string(names[k]) + " index " + part + " out of range (" +
+                                                     std::to_string(counts[k]) + " in the file)");
+                if (slash == std::string::npos)
+                    break;
+                start = slash + 1;
+            }
+        }
+    if (counts[0] == 0 || faces.empty())
+        throw ObjError(path, 0, "no vertices or no faces");
+}
+
+} // namespace
+
+ObjError::ObjError(const std::string &path, int line, const std::string &what)
+    : std::runtime_error(path + ":" + std::to_string(line) + ": " + what), line_(line)
+{
+}
+
+void parseObj(const std::string &text, const std::string &path, MeshDesc &m)
+{
+    check(text, path);
+    tinyobj::ObjReaderConfig config;
+    config.triangulate = true;
+    config.vertex_color = false;
+    tinyobj::ObjReader reader;
+    if (!reader.ParseFromString(text, std::string(), config))
+        throw ObjError(path, 0, reader.Error().empty() ? "cannot be read" : reader.Error());
+    const tinyobj::attrib_t &a = reader.GetAttrib();
+    const size_t nv = a.vertices.size() / 3, nn = a.normals.size() / 3, nt = a.texcoords.size() / 2;
+
+    bool allNormals = true, allUV = true;
+    for (const tinyobj::shape_t &s : reader.GetShapes())
+        for (const tinyobj::index_t &i : s.mesh.indices) {
+            allNormals = allNormals && i.normal_index >= 0 && static_cast<size_t>(i.normal_index) < nn;
+            allUV = allUV && i.texcoord_index >= 0 && static_cast<size_t>(i.texcoord_index) < nt;
+        }
+
+    m.P.clear();
+    m.N.clear();
+    m.uv.clear();
+    m.tris.clear();
+    std::map<std::tuple<int, int, int>, int> vertexOf;
+    for (const tinyobj::shape_t &s : reader.GetShapes()) {
+        const std::vector<tinyobj::index_t> &idx = s.mesh.indices;
+        size_t at = 0;
+        for (unsigned char fv : s.mesh.num_face_vertices) {
+            if (fv != 3 || at + 3 > idx.size())
+                throw ObjError(path, 0, "a face was not triangulated");
+            std::array<int, 3> tri;
+            for (int k = 0; k < 3; ++k) {
+                const tinyobj::index_t &i = idx[at + size_t(k)];
+                if (i.vertex_index < 0 || static_cast<size_t>(i.vertex_index) >= nv)
+                    throw ObjError(path, 0, "vertex index out of range");
+                const auto key = std::make_tuple(i.vertex_index, allNormals ? i.normal_index : -1,
+                                                 allUV ? i.texcoord_index : -1);
+                auto it = vertexOf.find(key);
+                if (it == vertexOf.end()) {
+                    const size_t v = static_cast<size_t>(i.vertex_index);
+                    m.P.push_back(miVector{a.vertices[3 * v], a.vertices[3 * v + 1], a.vertices[3 * v + 2]});
+                    if (allNormals) {
+                        const size_t nI = static_cast<size_t>(i.normal_index);
+                        m.N.push_back(miVector{a.normals[3 * nI], a.normals[3 * nI + 1], a.normals[3 * nI + 2]});
+                    }
+                    if (allUV) {
+                        const size_t t = static_cast<size_t>(i.texcoord_index);
+                        m.uv.push_back(miVector{a.texcoords[2 * t], a.texcoords[2 * t + 1], 0.0f});
+                    }
+                    it = vertexOf.emplace(key, static_cast<int>(m.P.size() - 1)).first;
+                }
+                tri[size_t(k)] = it->second;
+            }
+            at += 3;
+            /* fans of collinear corners give empty triangles: leave them out */
+            if (tri[0] != tri[1] && tri[1] != tri[2] && tri[0] != tri[2])
+                m.tris.push_back(tri);
+        }
+    }
+    if (m.tris.empty())
+        throw ObjError(path, 0, "no faces with three distinct corners");
+}
+
+void loadObj(const std::string &path, MeshDesc &m)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw ObjError(path, 0, "cannot open the file");
+    std::ostringstream text;
+    text << in.rdbuf();
+    parseObj(text.str(), path, m);
+}
+
+} // namespace druxhost

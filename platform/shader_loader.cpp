@@ -1,0 +1,569 @@
+#include "shader_loader.h"
+
+#include "runtime.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <set>
+#include <sys/stat.h>
+
+namespace mirt {
+
+namespace {
+
+struct TypeInfo {
+    int type;
+    const char *name;
+    size_t size;
+};
+const TypeInfo kTypes[] = {
+    {miTYPE_SCALAR, "scalar", 4},    {miTYPE_INTEGER, "integer", 4},     {miTYPE_BOOLEAN, "boolean", 4},
+    {miTYPE_COLOR, "color", 16},     {miTYPE_VECTOR, "vector", 12},      {miTYPE_TRANSFORM, "transform", 64},
+    {miTYPE_STRING, "string", 4},    {miTYPE_SHADER, "shader", 4},
+};
+
+const TypeInfo *typeInfo(int type)
+{
+    for (const TypeInfo &t : kTypes)
+        if (t.type == type)
+            return &t;
+    return nullptr;
+}
+
+bool isFile(const std::string &path)
+{
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::string unquote(const std::string &s)
+{
+    if (s.size() >= 2 && s.front() == '"' && s.back() == '"')
+        return s.substr(1, s.size() - 2);
+    return s;
+}
+
+bool toFloat(const std::string &w, float &v)
+{
+    char *end = nullptr;
+    errno = 0;
+    v = std::strtof(w.c_str(), &end);
+    return end != w.c_str() && *end == '\0' && errno != ERANGE && std::isfinite(v);
+}
+
+bool toInt(const std::string &w, int &v)
+{
+    char *end = nullptr;
+    errno = 0;
+    const long l = std::strtol(w.c_str(), &end, 10);
+    if (end == w.c_str() || *end != '\0' || errno == ERANGE || l < -2147483647L || l > 2147483647L)
+        return false;
+    v = static_cast<int>(l);
+    return true;
+}
+
+std::vector<std::string> split(const char *text)
+{
+    std::vector<std::string> out;
+    std::string cur;
+    for (const char *c = text; c && *c; ++c) {
+        if (*c == ' ' || *c == '\t' || *c == '\n') {
+            if (!cur.empty())
+                out.push_back(cur);
+            cur.clear();
+        } else {
+            cur += *c;
+        }
+    }
+    if (!cur.empty())
+        out.push_back(cur);
+    return out;
+}
+
+} // namespace
+
+size_t param_type_size(int type)
+{
+    const TypeInfo *t = typeInfo(type);
+    return t ? t->size : 0;
+}
+
+const char *param_type_name(int type)
+{
+    const TypeInfo *t = typeInfo(type);
+    return t ? t->name : "unknown";
+}
+
+std::vector<ParamSlot> layout_params(const miShaderDecl &decl, size_t *block_size)
+{
+    std::vector<ParamSlot> out;
+    std::set<std::string> seen;
+    size_t at = 0;
+    for (int k = 0; k < decl.param_count; ++k) {
+        const miParamDecl &p = decl.params[k];
+        const std::string name = p.name ? p.name : "";
+        if (name.empty())
+            throw LoadError("shader \"" + std::string(decl.name) + "\": parameter " + std::to_string(k + 1) +
+                            " has no name");
+        if (!seen.insert(name).second)
+            throw LoadError("shader \"" + std::string(decl.name) + "\": parameter \"" + name + "\" is declared twice");
+        const size_t size = param_type_size(p.type);
+        if (!size)
+            throw LoadError("shader \"" + std::string(decl.name) + "\": parameter \"" + name + "\" has unknown type " +
+                            std::to_string(p.type));
+        if (p.array_max < 0 || p.array_max > 65536)
+            throw LoadError("shader \"" + std::string(decl.name) + "\": parameter \"" + name +
+                            "\" has an array size of " + std::to_string(p.array_max));
+        ParamSlot s;
+        s.name = name;
+        s.type = p.type;
+        s.array_max = p.array_max;
+        at = (at + 3) & ~size_t(3); /* every type is 4-byte aligned */
+        s.offset = at;
+        s.size = p.array_max > 0 ? 8 + size * static_cast<size_t>(p.array_max) : size;
+        s.default_value = p.default_value;
+        at += s.size;
+        out.push_back(s);
+    }
+    if (block_size)
+        *block_size = (at + 3) & ~size_t(3);
+    return out;
+}
+
+const ParamSlot *LoadedShader::param(const std::string &n) const
+{
+    for (const ParamSlot &p : params)
+        if (p.name == n)
+            return &p;
+    return nullptr;
+}
+
+std::string renderer_library_dir()
+{
+    Dl_info info;
+    if (!dladdr(reinterpret_cast<void *>(&renderer_library_dir), &info) || !info.dli_fname)
+        return std::string();
+    const std::string path = info.dli_fname;
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+struct ShaderLibraries::Impl {
+    struct Library {
+        std::string path;
+        void *handle = nullptr;
+        const miShaderLibrary *table = nullptr;
+    };
+    struct Instance {
+        std::string name;
+        const LoadedShader *shader = nullptr;
+        miTag fn = 0;
+        bool instanceInit = false;
+    };
+    std::vector<Library> libs;
+    std::map<std::string, std::unique_ptr<LoadedShader>> shaders;
+    std::vector<Instance> instances;
+    std::map<std::string, size_t> byName;
+    std::vector<const LoadedShader *> initialised; /* shaders in the order of their first instance */
+    std::map<const LoadedShader *, bool> wantsInstanceInit;
+    bool inited = false;
+
+    ~Impl()
+    {
+        for (auto it = libs.rbegin(); it != libs.rend(); ++it)
+            if (it->handle)
+                dlclose(it->handle);
+    }
+
+    /* Writes one value of `type` from tokens[i...] into dst; advances i. */
+    void value(const std::string &what, int type, const std::vector<std::string> &t, size_t &i, char *dst,
+               std::vector<miTag> &made)
+    {
+        auto need = [&](size_t n) {
+            if (i + n > t.size())
+                throw LoadError(what + ": missing " + param_type_name(type) + " value");
+        };
+        auto num = [&]() {
+            need(1);
+            float v;
+            if (!toFloat(t[i], v))
+                throw LoadError("wrong type: " + what + " is " + param_type_name(type) + ", \"" + t[i] +
+                                "\" is not a number");
+            ++i;
+            return v;
+        };
+        switch (type) {
+        case miTYPE_SCALAR: {
+            const float v = num();
+            std::memcpy(dst, &v, 4);
+            break;
+        }
+        case miTYPE_INTEGER: {
+            need(1);
+            int v;
+            if (!toInt(t[i], v))
+                throw LoadError("wrong type: " + what + " is integer, \"" + t[i] + "\" is not a whole number");
+            ++i;
+            std::memcpy(dst, &v, 4);
+            break;
+        }
+        case miTYPE_BOOLEAN: {
+            need(1);
+            const std::string &w = t[i];
+            miBoolean b;
+            if (w == "on" || w == "true" || w == "yes" || w == "1")
+                b = miTRUE;
+            else if (w == "off" || w == "false" || w == "no" || w == "0")
+                b = miFALSE;
+            else
+                throw LoadError("wrong type: " + what + " is boolean, \"" + w + "\" is not on or off");
+            ++i;
+            std::memcpy(dst, &b, 4);
+            break;
+        }
+        case miTYPE_COLOR: {
+            float c[4] = {0, 0, 0, 1};
+            for (int k = 0; k < 3; ++k)
+                c[k] = num();
+            float a;
+            if (i < t.size() && toFloat(t[i], a)) {
+                c[3] = a;
+                ++i;
+            }
+            std::memcpy(dst, c, 16);
+            break;
+        }
+        case miTYPE_VECTOR:
+        case miTYPE_TRANSFORM: {
+            const int n = type == miTYPE_VECTOR ? 3 : 16;
+            for (int k = 0; k < n; ++k) {
+                const float v = num();
+                std::memcpy(dst + 4 * k, &v, 4);
+            }
+            break;
+        }
+        case miTYPE_STRING: {
+            need(1);
+            const std::string s = unquote(t[i++]);
+            miTag tag = 0;
+            if (!s.empty()) {
+                tag = db_create_string(s.c_str());
+                made.push_back(tag);
+            }
+            std::memcpy(dst, &tag, 4);
+            break;
+        }
+        case miTYPE_SHADER: {
+            need(1);
+            const std::string n = t[i++];
+            miTag tag = 0;
+            if (n != "none") {
+                auto it = byName.find(n);
+                if (it == byName.end())
+                    throw LoadError(what + ": no shader instance \"" + n + "\" (instances are named before use)");
+                tag = instances[it->second].fn;
+            }
+            std::memcpy(dst, &tag, 4);
+            break;
+        }
+        default:
+            throw LoadError(what + ": unknown type");
+        }
+    }
+
+    /* A parameter's value (or array) from tokens[i...]. */
+    void fill(const std::string &what, const ParamSlot &p, const std::vector<std::string> &t, size_t &i,
+              char *block, std::vector<miTag> &made)
+    {
+        char *dst = block + p.offset;
+        if (p.array_max == 0) {
+            value(what, p.type, t, i, dst, made);
+            return;
+        }
+        if (i >= t.size() || t[i] != "[")
+            throw LoadError("wrong type: " + what + " is an array of " + param_type_name(p.type) +
+                            ", written [ VALUE ... ]");
+        ++i;
+        const size_t size = param_type_size(p.type);
+        std::memset(dst, 0, p.size);
+        int n = 0;
+        while (true) {
+            if (i >= t.size())
+                throw LoadError(what + ": missing ] at the end of the array");
+            if (t[i] == "]") {
+                ++i;
+                break;
+            }
+            if (n >= p.array_max)
+                throw LoadError(what + ": more than " + std::to_string(p.array_max) + " elements");
+            value(what + " element " + std::to_string(n), p.type, t, i, dst + 8 + size * static_cast<size_t>(n),
+                  made);
+            ++n;
+        }
+        const int first = 0;
+        std::memcpy(dst, &first, 4);
+        std::memcpy(dst + 4, &n, 4);
+    }
+};
+
+ShaderLibraries::ShaderLibraries() : impl_(new Impl) {}
+ShaderLibraries::~ShaderLibraries() = default;
+
+size_t ShaderLibraries::library_count() const { return impl_->libs.size(); }
+
+std::string ShaderLibraries::link(const std::string &fileIn, const std::vector<std::string> &folders)
+{
+    const std::string file = unquote(fileIn);
+    if (file.empty())
+        throw LoadError("link: no library named");
+    std::string path;
+    if (file.find('/') != std::string::npos) {
+        if (!isFile(file))
+            throw LoadError("shader library \"" + file + "\" not found");
+        path = file;
+    } else {
+        std::string searched;
+        for (const std::string &f : folders) {
+            if (f.empty())
+                continue;
+            searched += (searched.empty() ? "" : ", ") + f;
+            const std::string p = f + "/" + file;
+            if (isFile(p)) {
+                path = p;
+                break;
+            }
+        }
+        if (path.empty())
+            throw LoadError("shader library \"" + file + "\" not found; searched: " +
+                            (searched.empty() ? std::string("no folders") : searched));
+    }
+    char *real = ::realpath(path.c_str(), nullptr);
+    if (real) {
+        path = real;
+        std::free(real);
+    }
+    for (const Impl::Library &l : impl_->libs)
+        if (l.path == path)
+            return path;
+    dlerror();
+    void *h = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!h) {
+        const char *e = dlerror();
+        throw LoadError("shader library \"" + path + "\" cannot be loaded: " + (e ? e : "unknown reason"));
+    }
+    auto table_fn = reinterpret_cast<miShaderLibrary_fn>(dlsym(h, miSHADER_LIBRARY_SYMBOL));
+    const miShaderLibrary *table = table_fn ? table_fn() : nullptr;
+    std::string problem;
+    if (!table_fn)
+        problem = "symbol missing: " + std::string(miSHADER_LIBRARY_SYMBOL) + " (the library's shader declarations)";
+    else if (!table || table->abi != miSHADER_LIBRARY_ABI)
+        problem = "version mismatch: the declaration table is of version " + std::to_string(table ? table->abi : 0) +
+                  ", the renderer reads version " + std::to_string(miSHADER_LIBRARY_ABI);
+    else if (table->shader_count < 0 || (table->shader_count > 0 && !table->shaders))
+        problem = "the declaration table is malformed";
+    if (!problem.empty()) {
+        dlclose(h);
+        throw LoadError("shader library \"" + path + "\": " + problem);
+    }
+    impl_->libs.push_back(Impl::Library{path, h, table});
+    return path;
+}
+
+void *ShaderLibraries::find_symbol(const std::string &symbol) const
+{
+    for (const Impl::Library &l : impl_->libs)
+        if (void *s = dlsym(l.handle, symbol.c_str()))
+            return s;
+    return nullptr;
+}
+
+const LoadedShader &ShaderLibraries::shader(const std::string &name)
+{
+    auto known = impl_->shaders.find(name);
+    if (known != impl_->shaders.end())
+        return *known->second;
+    for (const Impl::Library &l : impl_->libs) {
+        for (int k = 0; k < l.table->shader_count; ++k) {
+            const miShaderDecl &d = l.table->shaders[k];
+            if (!d.name || name != d.name)
+                continue;
+            if (d.param_count < miPARAMS_BUILT_BY_HOST || (d.param_count > 0 && !d.params))
+                throw LoadError("shader library \"" + l.path + "\": the declaration of \"" + name +
+                                "\" is malformed (" + std::to_string(d.param_count) + " parameters)");
+            std::unique_ptr<LoadedShader> s(new LoadedShader);
+            s->name = name;
+            s->library = l.path;
+            s->decl = &d;
+            s->fn = reinterpret_cast<miShader_fn>(dlsym(l.handle, name.c_str()));
+            if (!s->fn)
+                throw LoadError("symbol missing: shader \"" + name + "\" is declared by \"" + l.path +
+                                "\" but the library has no function " + name);
+            s->init = reinterpret_cast<InitFn>(dlsym(l.handle, (name + "_init").c_str()));
+            s->exit = reinterpret_cast<ExitFn>(dlsym(l.handle, (name + "_exit").c_str()));
+            if (auto version = reinterpret_cast<VersionFn>(dlsym(l.handle, (name + "_version").c_str()))) {
+                const int v = version();
+                if (v != d.version)
+                    throw LoadError("version mismatch: " + name + "_version() returns " + std::to_string(v) +
+                                    ", the declaration of \"" + name + "\" says " + std::to_string(d.version));
+            }
+            if (!param_type_size(d.result_type))
+                throw LoadError("shader \"" + name + "\" declares an unknown result type " +
+                                std::to_string(d.result_type));
+            s->params = layout_params(d, &s->block_size);
+            /* check the defaults now, so that a bad table is reported once, at the shader */
+            std::vector<char> scratch(s->block_size + 4);
+            std::vector<miTag> made;
+            try {
+                for (const ParamSlot &p : s->params)
+                    if (p.default_value) {
+                        const std::vector<std::string> t = split(p.default_value);
+                        size_t i = 0;
+                        impl_->fill("default of parameter \"" + p.name + "\"", p, t, i, scratch.data(), made);
+                        if (i != t.size())
+                            throw LoadError("default of parameter \"" + p.name + "\" has extra text \"" + t[i] + "\"");
+                    }
+            } catch (const LoadError &e) {
+                for (miTag m : made)
+                    db_delete(m);
+                throw LoadError("shader \"" + name + "\" of \"" + l.path + "\": " + e.what());
+            }
+            for (miTag m : made)
+                db_delete(m);
+            const LoadedShader &ref = *s;
+            impl_->shaders[name] = std::move(s);
+            return ref;
+        }
+    }
+    std::string linked;
+    for (const Impl::Library &l : impl_->libs)
+        linked += (linked.empty() ? "" : ", ") + l.path;
+    throw LoadError("unknown shader \"" + name + "\": no linked library declares it (linked: " +
+                    (linked.empty() ? std::string("none") : linked) + ")");
+}
+
+miTag ShaderLibraries::instantiate(const std::string &instance, const std::string &function,
+                                   const std::vector<std::string> &t, std::vector<miTag> &made)
+{
+    if (impl_->byName.count(instance))
+        throw LoadError("shader instance \"" + instance + "\" is defined twice");
+    const LoadedShader &s = shader(function);
+    if (s.decl->param_count == miPARAMS_BUILT_BY_HOST)
+        throw LoadError("shader \"" + function + "\" declares no parameters: its blocks are built by the program "
+                        "that uses it, not by a shader instance");
+    std::vector<char> block(s.block_size + 4, 0);
+    std::vector<std::pair<size_t, miTag>> connections;
+    std::vector<miTag> local;
+    try {
+        /* defaults first, then the scene's values */
+        for (const ParamSlot &p : s.params)
+            if (p.default_value) {
+                const std::vector<std::string> d = split(p.default_value);
+                size_t i = 0;
+                impl_->fill(p.name, p, d, i, block.data(), local);
+            }
+        std::set<std::string> given;
+        for (size_t i = 0; i < t.size();) {
+            const std::string name = t[i++];
+            const ParamSlot *p = s.param(name);
+            if (!p)
+                throw LoadError("unknown parameter \"" + name + "\" of shader \"" + function + "\"");
+            if (!given.insert(name).second)
+                throw LoadError("parameter \"" + name + "\" is given twice");
+            const std::string what = "parameter \"" + name + "\"";
+            if (i < t.size() && t[i] == "=") {
+                ++i;
+                if (i >= t.size())
+                    throw LoadError(what + ": missing shader instance after =");
+                const std::string src = t[i++];
+                auto it = impl_->byName.find(src);
+                if (it == impl_->byName.end())
+                    throw LoadError(what + ": no shader instance \"" + src + "\" (instances are named before use)");
+                const Impl::Instance &from = impl_->instances[it->second];
+                if (p->array_max > 0)
+                    throw LoadError("wrong type: " + what + " is an array and cannot be connected");
+                if (from.shader && from.shader->decl->result_type != p->type)
+                    throw LoadError(std::string("wrong type: ") + what + " is " + param_type_name(p->type) +
+                                    ", \"" + src + "\" returns " + param_type_name(from.shader->decl->result_type));
+                connections.emplace_back(p->offset, from.fn);
+                continue;
+            }
+            impl_->fill(what, *p, t, i, block.data(), local);
+        }
+    } catch (...) {
+        for (miTag m : local)
+            db_delete(m);
+        throw;
+    }
+    const miTag fn = make_function(miSHADER_MATERIAL, s.fn, block.data(), static_cast<int>(s.block_size),
+                                   static_cast<int>(param_type_size(s.decl->result_type)), true, instance.c_str());
+    for (const auto &c : connections)
+        connect(fn, c.first, c.second);
+    made.insert(made.end(), local.begin(), local.end());
+    made.push_back(fn);
+    add_instance(instance, s, fn);
+    return fn;
+}
+
+void ShaderLibraries::add_instance(const std::string &name, const LoadedShader &s, miTag fn)
+{
+    if (impl_->byName.count(name))
+        throw LoadError("shader instance \"" + name + "\" is defined twice");
+    impl_->byName[name] = impl_->instances.size();
+    impl_->instances.push_back(Impl::Instance{name, &s, fn, false});
+}
+
+miTag ShaderLibraries::instance(const std::string &name) const
+{
+    auto it = impl_->byName.find(name);
+    return it == impl_->byName.end() ? 0 : impl_->instances[it->second].fn;
+}
+
+void ShaderLibraries::init_all(miState *state)
+{
+    if (impl_->inited)
+        return;
+    impl_->inited = true;
+    for (Impl::Instance &in : impl_->instances) {
+        const LoadedShader *s = in.shader;
+        if (std::find(impl_->initialised.begin(), impl_->initialised.end(), s) == impl_->initialised.end())
+            impl_->initialised.push_back(s);
+        if (!s->init)
+            continue;
+        miFunction *f = function(in.fn);
+        miFunction *saved = state ? state->shader : nullptr;
+        if (state)
+            state->shader = f;
+        if (!impl_->wantsInstanceInit.count(s)) {
+            miBoolean req = miFALSE;
+            s->init(state, nullptr, &req);
+            impl_->wantsInstanceInit[s] = req != miFALSE;
+        }
+        in.instanceInit = impl_->wantsInstanceInit[s];
+        if (in.instanceInit && f)
+            s->init(state, f->params, nullptr);
+        if (state)
+            state->shader = saved;
+    }
+}
+
+void ShaderLibraries::exit_all(miState *state)
+{
+    if (!impl_->inited)
+        return;
+    impl_->inited = false;
+    for (auto it = impl_->instances.rbegin(); it != impl_->instances.rend(); ++it)
+        if (it->shader->exit)
+            if (miFunction *f = function(it->fn))
+                it->shader->exit(state, f->params);
+    for (auto it = impl_->initialised.rbegin(); it != impl_->initialised.rend(); ++it)
+        if ((*it)->exit)
+            (*it)->exit(state, nullptr);
+    impl_->initialised.clear();
+    impl_->wantsInstanceInit.clear();
+}
+
+} // namespace mirt
