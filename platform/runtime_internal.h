@@ -118,10 +118,6 @@ private:
     struct Slot {
         uint64_t hash = 0;
         std::string key;
-        /* a key shorter than 16 bytes, zero-padded, for a compare without
-           a call: the words of the key and its terminating zero */
-        uint64_t words[2] = {0, 0};
-        bool short_key = false;
         void *data = nullptr; /* operator new'd, max-aligned */
         int size = 0;
         unsigned char state = 0; /* 0 empty, 1 used, 2 removed */

@@ -54,29 +54,11 @@ void KeyTable::remember(const char *key, int slot) const
                                          std::memory_order_relaxed);
 }
 
-/* The slot's key is `key`.  A short key is compared as two words when the
-   16 bytes from `key` lie in one page (so reading them cannot fault, even
-   past the caller's terminating zero); bytes after the stored key's zero
-   are masked out. */
-#if MIRT_ASAN
-/* AddressSanitizer reports the bytes read past the caller's zero (they are
-   masked out, but read): sanitizer builds compare with strcmp only. */
-constexpr bool kWordCompare = false;
-#else
-constexpr bool kWordCompare = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
-#endif
-
+/* The slot's key is `key`.  Callers pass the same key strings every time,
+   so most lookups are settled by the pointer table; the text comparison
+   only confirms it. */
 bool KeyTable::same_key(const Slot &s, const char *key)
 {
-    const uintptr_t p = reinterpret_cast<uintptr_t>(key);
-    if (kWordCompare && s.short_key && (p & 4095u) <= 4096u - 16u) {
-        uint64_t w[2];
-        std::memcpy(w, key, sizeof w);
-        const size_t n = s.key.size() + 1; /* bytes that count, zero included */
-        const uint64_t m0 = n >= 8 ? ~0ull : (1ull << (8 * n)) - 1;
-        const uint64_t m1 = n >= 16 ? ~0ull : n <= 8 ? 0ull : (1ull << (8 * (n - 8))) - 1;
-        return (w[0] & m0) == s.words[0] && (w[1] & m1) == s.words[1];
-    }
     return std::strcmp(s.key.c_str(), key) == 0;
 }
 
@@ -161,10 +143,6 @@ void KeyTable::set(const char *key, const void *value, int size)
         --removed_;
     s.hash = h;
     s.key = key;
-    s.short_key = s.key.size() < 16;
-    s.words[0] = s.words[1] = 0;
-    if (s.short_key)
-        std::memcpy(s.words, s.key.c_str(), s.key.size() + 1);
     s.data = data;
     s.size = size;
     s.state = 1;
