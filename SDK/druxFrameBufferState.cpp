@@ -591,10 +591,13 @@ extern "C" DRUX_API miBoolean druxFrameBufferState(void *result, miState *state,
     case miSHADERSTATE_STATE_INIT:
         return state ? stateSetup(state) : miFALSE;
     case miSHADERSTATE_STATE_EXIT:
+        drux::maskCacheClose();
         return state ? stateExit(state) : miFALSE;
     case miSHADERSTATE_SAMPLE_INIT:
+        drux::maskCacheOpen(state);
         return state ? sampleBegin(state) : miFALSE;
     case miSHADERSTATE_SAMPLE_EXIT:
+        drux::maskCacheClose();
         return state ? sampleEnd(state, arg->shader_return) : miFALSE;
     default:
         mi_warning("kelu_state(): Invoked with invalid opcode.");

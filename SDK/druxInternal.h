@@ -97,6 +97,13 @@ inline void setColor(miColor &c, const miColor &v) { c = v; }
 inline float maxRGB(const miColor &c) { return std::fmax(c.r, std::fmax(c.g, c.b)); }
 
 /* Integer query helper: true when the query succeeded with a non-zero int. */
+/* Contribution masks read once per eye sample (druxLightLoop.cpp): the
+   frame-buffer state shader opens the sample's cache at operation 2 and
+   closes it at operation 3 and 1.  Outside an open sample every mask is
+   looked up in the database at each use. */
+void maskCacheOpen(const miState *state);
+void maskCacheClose();
+
 inline bool queryFlag(int code, miState *state)
 {
     int v = 0;

@@ -22,6 +22,11 @@
  * instance's data tag: instance record -> data tag (byte 216) -> query 12 ->
  * a data record whose first word is the tag of the text.  A mask text is
  * pinned while it is read and unpinned exactly once (MaskText below).
+ * Within one eye sample (between the frame-buffer state shader's operations
+ * 2 and 3) the same lights and occluders come back for every light sample
+ * and shadow ray, so the render thread keeps the masks it has read in a
+ * small cache of copies for the rest of the sample; the database does not
+ * change while a sample is rendered.
  *
  * Defensive choices for input the callers should never give:
  *   - a null entry pointer counts as no entries;
@@ -71,10 +76,39 @@ struct Pin {
     Pin &operator=(const Pin &) = delete;
 };
 
+/* The render thread's masks of the current eye sample: direct-mapped by
+   instance tag, each entry a copy of the text (or "no mask"), valid while
+   its generation is the open sample's. */
+constexpr size_t kCachedMaskChars = 63;
+constexpr unsigned kMaskCacheEntries = 32;
+struct MaskCacheEntry {
+    miTag tag;
+    miUint generation;
+    miUint length; /* 0: the instance has no mask */
+    char text[kCachedMaskChars + 1];
+};
+struct MaskCache {
+    const void *store;  /* shader-state store of the open sample's eye state; null: closed */
+    miUint generation;
+    MaskCacheEntry entries[kMaskCacheEntries];
+};
+thread_local MaskCache tlsMaskCache; /* zero-initialised: closed */
+
+inline MaskCacheEntry *maskCacheEntry(const miState *state, miTag instance)
+{
+    MaskCache &c = tlsMaskCache;
+    if (!c.store || !state || static_cast<const void *>(state->shaderstate) != c.store)
+        return nullptr;
+    return &c.entries[(instance * 0x9E3779B1u) >> 27];
+}
+static_assert(kMaskCacheEntries == 32, "the entry index takes the top 5 bits of the tag hash");
+
 /*
  * A contribution-mask text, opened from an instance's data and closed exactly
  * once when the object goes out of scope (only if it was opened).  An empty
- * text is closed at once and counts as no mask.
+ * text is closed at once and counts as no mask.  Inside an open sample the
+ * text may come from the thread's cache, copied into the object (nothing is
+ * pinned then).
  */
 class MaskText {
 public:
@@ -87,20 +121,23 @@ public:
     const char *open(miState *state, miTag instance)
     {
         close();
-        const miTag textTag = maskTag(state, instance);
-        if (!textTag)
-            return nullptr;
-        int type = miSCENE_NONE;
-        const char *text = static_cast<const char *>(mi_db_access_type(&type, textTag));
-        if (!text)
-            return nullptr; /* not in the database: nothing was pinned */
-        if (type != miSCENE_STRING || text[0] == '\0') {
-            mi_db_unpin(textTag);
-            return nullptr;
+        MaskCacheEntry *cached = instance ? maskCacheEntry(state, instance) : nullptr;
+        if (cached && cached->tag == instance && cached->generation == tlsMaskCache.generation) {
+            if (cached->length == 0)
+                return nullptr;
+            std::memcpy(copy_, cached->text, cached->length + 1);
+            text_ = copy_;
+            length_ = cached->length;
+            return text_;
         }
-        tag_ = textTag;
-        text_ = text;
-        length_ = std::strlen(text);
+        lookUp(state, instance);
+        if (cached && (!text_ || length_ <= kCachedMaskChars)) {
+            cached->tag = instance;
+            cached->generation = tlsMaskCache.generation;
+            cached->length = static_cast<miUint>(text_ ? length_ : 0);
+            if (text_)
+                std::memcpy(cached->text, text_, length_ + 1);
+        }
         return text_;
     }
 
@@ -111,11 +148,12 @@ public:
     {
         if (!text_)
             return true;
-        const size_t digit = index >> 2;
-        if (digit >= length_)
-            return false; /* at or past the terminating zero: no bits */
-        return (digitBits(text_[digit]) >> (index & 3u)) & 1u;
+        return (digit(index >> 2) >> (index & 3u)) & 1u;
     }
+
+    /* The bits of digit k of an opened mask; none at or past the
+       terminating zero. */
+    unsigned digit(size_t k) const { return k < length_ ? digitBits(text_[k]) : 0u; }
 
     /* The 8-bit digit value of a mask character, as the masks are written:
        '0'-'9', 'A'-'F' and 'a'-'f'.  Other characters give whatever bits this
@@ -134,6 +172,25 @@ public:
     }
 
 private:
+    /* The mask of `instance` from the database, pinned while open. */
+    void lookUp(miState *state, miTag instance)
+    {
+        const miTag textTag = maskTag(state, instance);
+        if (!textTag)
+            return;
+        int type = miSCENE_NONE;
+        const char *text = static_cast<const char *>(mi_db_access_type(&type, textTag));
+        if (!text)
+            return; /* not in the database: nothing was pinned */
+        if (type != miSCENE_STRING || text[0] == '\0') {
+            mi_db_unpin(textTag);
+            return;
+        }
+        tag_ = textTag;
+        text_ = text;
+        length_ = std::strlen(text);
+    }
+
     /* The tag of the mask text of `instance`, or 0.  The instance record is
        pinned only while its data tag is read and queried. */
     static miTag maskTag(miState *state, miTag instance)
@@ -185,6 +242,7 @@ private:
     miTag tag_ = 0;
     const char *text_ = nullptr;
     size_t length_ = 0;
+    char copy_[kCachedMaskChars + 1];
 };
 
 inline miColor colorOr(const miColor *c, const miColor &fallback) { return c ? *c : fallback; }
@@ -235,13 +293,20 @@ inline int traceLimit(const miState *state)
     return state && state->options ? state->options->trace_depth : -1;
 }
 
+/* Each mask digit holds the bits of four entries: decoded once per digit. */
 inline void setContributions(miUint n, FrameBufferInfo *entries, const MaskText &mask)
 {
-    for (miUint i = 0; i < n; ++i) {
-        if (mask.contributes(i))
-            entries[i].flags |= FBINFO_LIGHT_CONTRIBUTES;
-        else
-            entries[i].flags &= ~static_cast<miUint>(FBINFO_LIGHT_CONTRIBUTES);
+    constexpr miUint kBit = FBINFO_LIGHT_CONTRIBUTES;
+    if (!mask.text()) {
+        for (miUint i = 0; i < n; ++i)
+            entries[i].flags |= kBit;
+        return;
+    }
+    for (miUint first = 0; first < n; first += 4) {
+        const unsigned bits = mask.digit(first >> 2);
+        const miUint end = n - first < 4 ? n : first + 4;
+        for (miUint i = first; i < end; ++i)
+            entries[i].flags = (entries[i].flags & ~kBit) | (((bits >> (i & 3u)) & 1u) ? kBit : 0u);
     }
 }
 
@@ -259,6 +324,20 @@ struct LightInstanceSwap {
 };
 
 } // namespace
+
+namespace drux {
+
+void maskCacheOpen(const miState *state)
+{
+    MaskCache &c = tlsMaskCache;
+    c.store = state ? static_cast<const void *>(state->shaderstate) : nullptr;
+    if (++c.generation == 0)
+        ++c.generation; /* entries start at generation 0 */
+}
+
+void maskCacheClose() { tlsMaskCache.store = nullptr; }
+
+} // namespace drux
 
 extern "C" {
 

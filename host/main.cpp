@@ -262,8 +262,7 @@ int main(int argc, char **argv)
     if (!quiet) {
         const RenderStats &st = result.stats;
         std::printf("render summary\n");
-        std::printf("  scene set-up         %.3f s (%zu triangles, BVH of %zu nodes, depth %d)\n", st.setupSeconds,
-                    st.triangles, st.bvhNodes, st.bvhDepth);
+        std::printf("  scene set-up         %.3f s (%zu triangles)\n", st.setupSeconds, st.triangles);
         std::printf("  wall time            %.3f s on %d thread%s\n", st.seconds, st.threads,
                     st.threads == 1 ? "" : "s");
         std::printf("  eye samples          %llu (%.3f megasamples)\n",

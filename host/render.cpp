@@ -1,7 +1,6 @@
 #include "render.h"
 
 #include "builtin_shaders.h"
-#include "bvh.h"
 #include "contact_sheet.h"
 #include "data_passes.h"
 #include "exporter.h"
@@ -277,8 +276,9 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         }
         const BuiltinShaders &bt = *builtin.table;
 
-        BvhScene bvh;
+        mirt::MeshScene scene; /* the render's one ray-tracing scene */
         mirt::Context ctx(s.width, s.height);
+        ctx.record_irradiance_calls(false); /* no lock or list growth per gather */
 
         /* ---- options */
         miOptions &o = ctx.options();
@@ -381,14 +381,12 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
             items.geometry.push_back(g);
             cryptoTags.add(g.instance, static_cast<int>(&i - s.instances.data()),
                            static_cast<int>(s.material(i.material) - s.materials.data()));
-            bvh.add(g);
+            scene.add(g);
         }
-        bvh.build();
+        scene.build();
         cryptoTags.seal();
-        ctx.set_scene(&bvh);
-        out.stats.triangles = bvh.triangleCount();
-        out.stats.bvhNodes = bvh.nodeCount();
-        out.stats.bvhDepth = bvh.depth();
+        ctx.set_scene(&scene);
+        out.stats.triangles = scene.triangle_count();
 
         /* ---- lights */
         for (const LightDesc &l : s.lights) {
@@ -505,7 +503,6 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
                             for (size_t p = 0; p < s.passes.size(); ++p)
                                 out.passes[p].set(x, y, pixelFilterEnd(s.passes[p].role, passSum[p], invSamples));
                         }
-                    ctx.clear_irradiance_calls(); /* the runtime keeps a record of every gather */
                     tilesDone.fetch_add(1);
                 }
             } catch (const mirt::FatalError &e) {

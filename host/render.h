@@ -1,7 +1,7 @@
 /*
  * The reference renderer: builds a render context from a scene description
  * (options, camera, frame buffers and the exporter's "FBuf" block, shaders,
- * geometry in a BVH, lights with contribution masks) and renders it with
+ * geometry in one ray-tracing scene, lights with contribution masks) and renders it with
  * several threads.
  *
  * Each thread has one rendering state (druxFrameBufferState runs operation
@@ -51,11 +51,10 @@ struct TagMemory {
 
 struct RenderStats {
     double seconds = 0;       /* wall time of the sampling */
-    double setupSeconds = 0;  /* scene set-up, BVH included */
+    double setupSeconds = 0;  /* scene set-up, ray-tracing scene build included */
     uint64_t eyeSamples = 0;
     int threads = 0;
-    size_t triangles = 0, bvhNodes = 0;
-    int bvhDepth = 0;
+    size_t triangles = 0;
     std::vector<TagMemory> memory;
     long pinsAfter = 0;       /* database pins left after the render */
     size_t errors = 0;        /* error messages logged during the render */

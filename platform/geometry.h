@@ -13,6 +13,7 @@
 #include "runtime.h"
 
 #include <array>
+#include <memory>
 #include <vector>
 
 namespace mirt {
@@ -72,23 +73,37 @@ inline bool intersect_triangle(const miVector &a, const miVector &b, const miVec
 MI_API Mesh make_plane(float size_x, float size_y, int nx, int ny);   /* z = 0, normal +z */
 MI_API Mesh make_sphere(float radius, int segments, int rings);
 
-/* Triangles of instances, traced by brute force (tests: small scenes). */
+/*
+ * The triangles of instances, traced with Embree: one scene for all of them,
+ * built once (build(), or at the first ray when it was not called) with
+ * robust (watertight) triangle tests.  A hit is refined by the exact triangle
+ * test above on the triangle found, so distances and barycentrics are the
+ * double-precision ones, and filled from the triangle's box record: point,
+ * interpolated (and blended) shading normal, geometric normal, texture
+ * spaces, bump bases and derivatives.  intersect() is safe from any number
+ * of threads once built and neither allocates nor locks.
+ */
 class MI_API MeshScene : public Scene {
 public:
+    MeshScene();
+    ~MeshScene() override;
+    MeshScene(MeshScene &&) noexcept;
+    MeshScene &operator=(MeshScene &&) noexcept;
+
+    /* Add an instance's triangles (read back from its records). */
     void add(const GeometryTags &tags);
+    /* Build the ray-tracing scene; later add()s rebuild it on the next ray. */
+    void build();
     bool intersect(const miVector &org, const miVector &dir, double tmin, double tmax,
                    Hit &hit) const override;
+    /* The same answer by testing every triangle with intersect_triangle
+       (a reference for tests). */
+    bool intersect_exact(const miVector &org, const miVector &dir, double tmin, double tmax, Hit &hit) const;
+    size_t triangle_count() const;
 
 private:
-    struct Tri {
-        miVector a, b, c;
-        miVector na, nb, nc;
-        bool has_n;
-        miTag instance;
-        void *box;
-        int idx;
-    };
-    std::vector<Tri> tris_;
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 } // namespace mirt

@@ -324,8 +324,6 @@ StateFrame *new_frame_pair(std::vector<StateFrame *> &owned)
 
 void free_store(miShaderStateStore *store)
 {
-    for (auto &e : store->entries)
-        ::operator delete(e.data);
     for (StateFrame *f : store->frames)
         delete f;
     delete store;
@@ -612,6 +610,14 @@ miFunction *function_record(miTag tag)
     return static_cast<miFunction *>(it->data);
 }
 
+void *typed_record(miTag tag, int type, size_t min_size)
+{
+    Item *it = find_locked(tag);
+    if (!it || it->type != type || it->size < min_size)
+        return nullptr;
+    return it->data;
+}
+
 miBoolean call_function(miTag fn, void *result, miState *state, void *arg)
 {
     miFunction *f = function_record(fn);
@@ -633,12 +639,18 @@ miState *child_state(miState *parent)
     StateFrame *frame = nullptr;
     miShaderStateStore *store = parent->shaderstate;
     if (store) {
-        auto it = store->children.find(parent);
-        if (it != store->children.end()) {
-            frame = it->second;
+        if (store->last_parent == parent) {
+            frame = store->last_child;
         } else {
-            frame = new_frame_pair(store->frames);
-            store->children.emplace(parent, frame);
+            auto it = store->children.find(parent);
+            if (it != store->children.end()) {
+                frame = it->second;
+            } else {
+                frame = new_frame_pair(store->frames);
+                store->children.emplace(parent, frame);
+            }
+            store->last_parent = parent;
+            store->last_child = frame;
         }
     } else {
         OrphanFrames &o = orphan_frames();
@@ -1014,9 +1026,9 @@ Context::Context(int width, int height) : impl_(new Impl)
     std::memcpy(m.camera_inst->global_to_local, identity, sizeof identity);
 
     mi_init_lock(&m.cache_lock);
-    m.query_answers[miQ_PRECOMPUTE_PASS].value = 0;
-    m.query_answers[miQ_MOTION_BY_RENDERER].value = 1;
-    m.query_answers[miQ_FB_RECORDS].value = 1;
+    m.answer(miQ_PRECOMPUTE_PASS).value = 0;
+    m.answer(miQ_MOTION_BY_RENDERER).value = 1;
+    m.answer(miQ_FB_RECORDS).value = 1;
 }
 
 Context::~Context()
@@ -1122,12 +1134,14 @@ void Context::attach_camera_userdata(miTag block)
 
 void Context::set_query_int(int code, int value)
 {
-    impl_->query_answers[code] = Impl::QueryAnswer{value, false};
+    Impl::QueryAnswer &a = impl_->answer(code);
+    a.value = value;
+    a.fail = false;
 }
 
 void Context::fail_query(int code)
 {
-    impl_->query_answers[code].fail = true;
+    impl_->answer(code).fail = true;
 }
 
 void Context::add_state_shader(miTag fn)
@@ -1589,62 +1603,6 @@ void mi_info(const char *fmt, ...)
     log_message(Level::Info, s);
 }
 
-/* ---- shader state */
-
-void *mi_shaderstate_get(miState *state, const char *key, int *size)
-{
-    if (!state || !state->shaderstate || !key)
-        return nullptr;
-    for (auto &e : state->shaderstate->entries)
-        if (e.key == key) {
-            if (size)
-                *size = e.size;
-            return e.data;
-        }
-    return nullptr;
-}
-
-/* The lifetime argument is accepted and ignored: every entry lives until it is
-   removed or its eye state ends. */
-miBoolean mi_shaderstate_set(miState *state, const char *key, const void *value, int size, int)
-{
-    if (!state || !state->shaderstate || !key) {
-        error("mi_shaderstate_set: no state or key");
-        return miFALSE;
-    }
-    auto &entries = state->shaderstate->entries;
-    auto it = std::find_if(entries.begin(), entries.end(), [&](const miShaderStateStore::Entry &e) {
-        return e.key == key;
-    });
-    if (!value && size == 0) {
-        if (it != entries.end()) {
-            ::operator delete(it->data);
-            entries.erase(it);
-        }
-        return miTRUE;
-    }
-    if (size < 0 || !value) {
-        error("mi_shaderstate_set: key \"%s\": %s", key, size < 0 ? "negative size" : "null value");
-        return miFALSE;
-    }
-    /* Copy before dropping the old value: `value` may point into it. */
-    void *data = ::operator new(size > 0 ? static_cast<size_t>(size) : 1);
-    if (size > 0)
-        std::memcpy(data, value, static_cast<size_t>(size));
-    if (it != entries.end()) {
-        ::operator delete(it->data);
-        it->data = data;
-        it->size = size;
-    } else {
-        miShaderStateStore::Entry e;
-        e.key = key;
-        e.data = data;
-        e.size = size;
-        entries.push_back(std::move(e));
-    }
-    return miTRUE;
-}
-
 void *mi_phen_eval(miState *state, void *param)
 {
     return phen_eval(state, param, "mi_phen_eval");
@@ -1812,11 +1770,10 @@ miBoolean mi_query(int code, miState *state, miTag tag, void *result)
         return miFALSE;
     Context::Impl *impl = impl_of(state);
     if (impl) {
-        auto it = impl->query_answers.find(code);
-        if (it != impl->query_answers.end()) {
-            if (it->second.fail)
+        if (const Context::Impl::QueryAnswer *a = impl->find_answer(code)) {
+            if (a->fail)
                 return miFALSE;
-            *static_cast<int *>(result) = it->second.value;
+            *static_cast<int *>(result) = a->value;
             return miTRUE;
         }
     }

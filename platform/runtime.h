@@ -124,8 +124,8 @@ struct Hit {
     miVector derivs[2]{};
 };
 
-/* What rays hit.  The host renderer implements this with its own BVH; the
-   runtime offers MeshScene (geometry.h) for tests. */
+/* What rays hit.  The runtime's MeshScene (geometry.h) traces the triangles
+   of instances; tests may put in scenes of their own. */
 class Scene {
 public:
     virtual ~Scene() = default;
@@ -213,6 +213,9 @@ public:
        passed, size 0 when none was passed). */
     std::vector<miIrrad_options> irradiance_calls() const;
     void clear_irradiance_calls();
+    /* Whether those calls are recorded (the default).  A renderer turns it
+       off: the record takes a lock and grows a list on every gather. */
+    void record_irradiance_calls(bool on);
 
     struct Impl;
     Impl *impl() const { return impl_.get(); }

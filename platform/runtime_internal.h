@@ -23,6 +23,28 @@
 #include <unordered_map>
 #include <vector>
 
+/* Sanitizer builds (GCC defines __SANITIZE_*__, Clang answers __has_feature). */
+#if defined(__SANITIZE_ADDRESS__)
+#define MIRT_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MIRT_ASAN 1
+#endif
+#endif
+#ifndef MIRT_ASAN
+#define MIRT_ASAN 0
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define MIRT_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define MIRT_TSAN 1
+#endif
+#endif
+#ifndef MIRT_TSAN
+#define MIRT_TSAN 0
+#endif
+
 /* miLock points at one of these; mi_lock/mi_unlock check the magic so that a
    pointer that is not a lock is reported instead of corrupting memory. */
 struct miLockRec {
@@ -61,18 +83,72 @@ struct StateFrame {
 
 } // namespace mirt
 
+namespace mirt {
+
+/* The keyed values of one shader-state store: open addressing over a small
+   power-of-two table, keys hashed once (64-bit FNV-1a).  Shaders pass the
+   same key pointers every time, so a direct-mapped index from key pointer to
+   slot answers most lookups with one pointer compare (confirmed by comparing
+   the text, since the caller's buffer may hold another key by now); other
+   lookups hash the key.  Lookups neither allocate nor lock; set() may grow
+   the table.  A table belongs to one eye state and so to one thread at a
+   time; the pointer index is written with relaxed atomics only so that a
+   lookup stays a plain read of everything else. */
+class KeyTable {
+public:
+    KeyTable() = default;
+    KeyTable(const KeyTable &) = delete;
+    KeyTable &operator=(const KeyTable &) = delete;
+    ~KeyTable();
+
+    /* The value stored under `key`: its data (null for size 0) and size;
+       false when there is none. */
+    bool get(const char *key, void *&data, int &size) const;
+    /* Store a copy of `size` bytes (the old value is released after the
+       copy, so `value` may point into it). */
+    void set(const char *key, const void *value, int size);
+    /* Remove the value; false when there was none. */
+    bool remove(const char *key);
+    int count() const { return used_; }
+    int capacity() const { return static_cast<int>(slots_.size()); }
+
+    static uint64_t hash(const char *key);
+
+private:
+    struct Slot {
+        uint64_t hash = 0;
+        std::string key;
+        void *data = nullptr; /* operator new'd, max-aligned */
+        int size = 0;
+        unsigned char state = 0; /* 0 empty, 1 used, 2 removed */
+    };
+    static constexpr int kPointerSlots = 32;
+
+    int find(const char *key, uint64_t h) const;
+    static bool same_key(const Slot &s, const char *key);
+    void grow();
+    static unsigned pointer_slot(const char *key);
+    void remember(const char *key, int slot) const;
+
+    std::vector<Slot> slots_;
+    int used_ = 0, removed_ = 0;
+    /* key pointer << 16 | (slot + 1); 0 when empty */
+    mutable std::atomic<uint64_t> by_pointer_[kPointerSlots] = {};
+};
+
+} // namespace mirt
+
 /* The shader-state store of one eye state, shared by all its child states. */
 struct miShaderStateStore {
-    struct Entry {
-        std::string key;
-        void *data = nullptr; /* operator new'd, max-aligned; null when size is 0 */
-        int size = 0;
-    };
-    std::vector<Entry> entries;
+    mirt::KeyTable values;
     mirt::Context::Impl *ctx = nullptr;
     miState *root = nullptr;                          /* the eye state */
     std::vector<mirt::StateFrame *> frames;            /* every frame owned, root included */
     std::unordered_map<const miState *, mirt::StateFrame *> children; /* parent -> child frame */
+    /* the last parent asked for a child and its frame: a shading state asks
+       again for every light sample and ray */
+    const miState *last_parent = nullptr;
+    mirt::StateFrame *last_child = nullptr;
 };
 
 namespace mirt {
@@ -104,12 +180,30 @@ struct Context::Impl {
     };
     std::vector<StringOption> string_options;
 
-    /* answers of queries 142, 158, 161 (and any other code set by a test) */
+    /* answers of queries 142, 158, 161 (and any other code set by a test):
+       codes below kDirectQueries in a table indexed by code (shaders ask
+       some of them at every sample), others in a map */
     struct QueryAnswer {
         int value = 0;
         bool fail = false;
+        bool set = false;
     };
+    static constexpr int kDirectQueries = 256;
+    QueryAnswer direct_answers[kDirectQueries];
     std::map<int, QueryAnswer> query_answers;
+    QueryAnswer &answer(int code)
+    {
+        QueryAnswer &a = code >= 0 && code < kDirectQueries ? direct_answers[code] : query_answers[code];
+        a.set = true;
+        return a;
+    }
+    const QueryAnswer *find_answer(int code) const
+    {
+        if (code >= 0 && code < kDirectQueries)
+            return direct_answers[code].set ? &direct_answers[code] : nullptr;
+        auto it = query_answers.find(code);
+        return it != query_answers.end() ? &it->second : nullptr;
+    }
 
     std::vector<miTag> state_shaders;
 
@@ -118,6 +212,7 @@ struct Context::Impl {
     miTag environment = 0;
     std::vector<miTag> lights;
     std::vector<miIrrad_options> irradiance_calls;
+    bool record_irradiance = true;
     mutable std::mutex irradiance_mutex;
     miLock cache_lock = nullptr;  /* query 52 */
     std::shared_ptr<void> trace_private; /* free for trace's own bookkeeping */
@@ -150,6 +245,10 @@ MI_API void log_message(Level level, const std::string &text);
 
 /* Shader record without pinning (null for unknown tags or other item types). */
 MI_API miFunction *function_record(miTag tag);
+
+/* The data of a database item of `type` holding at least `min_size` bytes,
+   without pinning, in one lookup; null otherwise. */
+MI_API void *typed_record(miTag tag, int type, size_t min_size);
 
 } // namespace mirt
 

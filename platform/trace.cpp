@@ -43,17 +43,13 @@ miVector neg(const miVector &a) { return {-a.x, -a.y, -a.z}; }
 
 const miInstance *instance_rec(miTag tag)
 {
-    if (!tag || mi_db_type(tag) != miSCENE_INSTANCE || db_size(tag) < sizeof(miInstance))
-        return nullptr;
-    return static_cast<const miInstance *>(db_data(tag));
+    return static_cast<const miInstance *>(typed_record(tag, miSCENE_INSTANCE, sizeof(miInstance)));
 }
 
 /* The light record of a light instance, or null. */
 const miLight *light_rec(const miInstance *inst)
 {
-    if (!inst || mi_db_type(inst->item) != miSCENE_LIGHT || db_size(inst->item) < sizeof(miLight))
-        return nullptr;
-    return static_cast<const miLight *>(db_data(inst->item));
+    return inst ? static_cast<const miLight *>(typed_record(inst->item, miSCENE_LIGHT, sizeof(miLight))) : nullptr;
 }
 
 const Scene *scene_of(const miState *state)
@@ -390,6 +386,8 @@ void Context::clear_irradiance_calls()
     impl_->irradiance_calls.clear();
 }
 
+void Context::record_irradiance_calls(bool on) { impl_->record_irradiance = on; }
+
 /* The eye ray is traced on the state itself.  Returns what the called shader
    returned; black and miFALSE when no shader could be called (a hit instance
    without material, or a miss without environment). */
@@ -466,7 +464,7 @@ miBoolean mi_trace_shadow(miColor *filter, miState *state)
         Hit h;
         if (!scene->intersect(org, dir, t0, tmax, h))
             break;
-        t0 = h.dist + kRayEps;
+        t0 = std::max(h.dist, t0) + kRayEps; /* always onwards */
         const miInstance *inst = instance_rec(h.instance);
         const miTag shadow = inst ? inst->shadow : 0;
         if (!shadow) {
@@ -658,7 +656,7 @@ miBoolean mi_compute_avg_radiance(miColor *result, miState *state, miUchar face,
     miIrrad_options rec{};
     if (options)
         std::memcpy(&rec, options, sizeof rec);
-    if (impl) {
+    if (impl && impl->record_irradiance) {
         std::lock_guard<std::mutex> lk(impl->irradiance_mutex);
         impl->irradiance_calls.push_back(rec);
     }

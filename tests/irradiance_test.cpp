@@ -114,6 +114,12 @@ TEST_F(Irradiance, NothingToGatherOrBelowTheCutOff)
     irradiance({0.04f, 0.05f, 0.05f, 1}, {0, 0, 0, 0}, 1, 2); // gain 2: m = 0.1 is not below
     irradiance({0.15f, 0.05f, 0.05f, 1}, {0, 0, 0, 0}, 1, 0.5f); // gain <= 1 is not applied
     EXPECT_EQ(ctx->irradiance_calls().size(), 2u);
+    // a renderer that does not record the calls gets the same gathers
+    const miColor recorded = irradiance({0.3f, 0.2f, 0.2f, 1});
+    ctx->record_irradiance_calls(false);
+    const miColor unrecorded = irradiance({0.3f, 0.2f, 0.2f, 1});
+    EXPECT_EQ(std::memcmp(&recorded, &unrecorded, sizeof recorded), 0);
+    EXPECT_EQ(ctx->irradiance_calls().size(), 3u);
 }
 
 TEST_F(Irradiance, ConnectedInputBypassesTheRenderer)

@@ -794,6 +794,28 @@ TEST_F(Shadows, OccludersAreVisitedNearestFirstOnTheSameState)
     ctx->end_state(st);
 }
 
+// Three transparent occluders 3e-4 apart (a few times the step a shadow walk
+// takes past each crossing), crossed on the diagonal edge their two triangles
+// share: each is visited exactly once, nearest first.
+TEST_F(Shadows, CloselyStackedOccludersAreEachVisitedOnceInOrder)
+{
+    const miTag s = shadowShader(0.5f, miTRUE);
+    const miTag far = occluder(2.0006f, s).instance, near = occluder(2.0f, s).instance,
+                mid = occluder(2.0003f, s).instance;
+    miState *st = ctx->begin_state();
+    ctx->begin_sample(st, 0, 0);
+    const miColor c = sample(st);
+    ASSERT_EQ(g_shadow.size(), 3u);
+    const miTag want[3] = {near, mid, far};
+    for (int k = 0; k < 3; ++k)
+        EXPECT_EQ(g_shadow[k].instance, want[k]) << k;
+    EXPECT_LT(g_shadow[0].z, g_shadow[1].z);
+    EXPECT_LT(g_shadow[1].z, g_shadow[2].z);
+    EXPECT_FLOAT_EQ(g_shadowFilter.r, 0.125f);
+    EXPECT_FLOAT_EQ(c.r, 0.125f);
+    ctx->end_state(st);
+}
+
 TEST_F(Shadows, OpaqueOccluderBlacksOutTheFilter)
 {
     const miTag s = shadowShader(0.5f, miTRUE);
