@@ -4,6 +4,7 @@
 #include "fbuf_builder.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "vecmath.h"
 
 #include <gtest/gtest.h>
 
@@ -79,12 +80,8 @@ struct Params {
     int rays;
 };
 
-miVector norm(miVector v)
-{
-    float l = std::sqrt(v.x * v.x + v.y * v.y + v.z * v.z);
-    return {v.x / l, v.y / l, v.z / l};
-}
-float dotv(miVector a, miVector b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+using mirt::dot;
+using mirt::normalized;
 
 class Reflect : public ::testing::Test {
 protected:
@@ -116,9 +113,9 @@ protected:
         p = static_cast<Params *>(st->shader->params);
         n = getFrameBufferInfo(st, &types, &entries);
         ASSERT_EQ(n, 3u);
-        st->dir = norm({1, 0, -1});
+        st->dir = normalized({1, 0, -1});
         st->normal = st->normal_geom = N = {0, 0, 1};
-        dotnd = dotv(N, st->dir);
+        dotnd = dot(N, st->dir);
     }
     void TearDown() override
     {
@@ -269,14 +266,14 @@ TEST_F(Reflect, NoBlurMeansOneSampleAlongTheMirror)
 // angle to the mirror direction is uniform in 1 - cos over the cap.
 TEST_F(Reflect, GlossyDirectionsCoverTheCapUniformly)
 {
-    for (miVector in : {miVector{0, 0, -1}, norm({0.3f, 0.2f, -1})}) {
+    for (miVector in : {miVector{0, 0, -1}, normalized({0.3f, 0.2f, -1})}) {
         st->dir = in;
-        dotnd = dotv(N, in);
+        dotnd = dot(N, in);
         const miVector R = mirror();
         miVector U{1, 0, 0}, V{0, 1, 0};
         if (R.x != 0 || R.y != 0) {
-            U = norm({R.y, -R.x, 0});
-            V = norm({R.z * R.x, R.z * R.y, -(R.x * R.x + R.y * R.y)});
+            U = normalized({R.y, -R.x, 0});
+            V = normalized({R.z * R.x, R.z * R.y, -(R.x * R.x + R.y * R.y)});
         }
         const float g = 0.5f, gp = 1 - std::cos(g * 1.5707964f);
         p->blur = g, p->rays = 512;
@@ -294,8 +291,8 @@ TEST_F(Reflect, GlossyDirectionsCoverTheCapUniformly)
             expectVec(s.dir, {U.x * sn * std::cos(ph) + V.x * sn * std::sin(ph) + R.x * ct,
                               U.y * sn * std::cos(ph) + V.y * sn * std::sin(ph) + R.y * ct,
                               U.z * sn * std::cos(ph) + V.z * sn * std::sin(ph) + R.z * ct}, 1e-5f);
-            u.push_back((1 - dotv(s.dir, R)) / gp);
-            phi.push_back((std::atan2(dotv(s.dir, V), dotv(s.dir, U)) + M_PI) / (2 * M_PI));
+            u.push_back((1 - dot(s.dir, R)) / gp);
+            phi.push_back((std::atan2(dot(s.dir, V), dot(s.dir, U)) + M_PI) / (2 * M_PI));
             mean.r += envColor(s.dir).r / 512, mean.g += envColor(s.dir).g / 512;
         }
         for (std::vector<double> *v : {&u, &phi}) {
@@ -331,8 +328,8 @@ TEST_F(Reflect, ConnectedColourReplacesTheEnvironment)
     ASSERT_EQ(phenCalls.size(), 4u);
     for (const Seen &s : phenCalls) {
         const miVector d{s.dir.x - 2 * dotnd * N.x, s.dir.y - 2 * dotnd * N.y, s.dir.z - 2 * dotnd * N.z};
-        EXPECT_FLOAT_EQ(s.dot_nd, -dotv(N, d));
-        EXPECT_NEAR(dotv(d, mirror()), 1, 0.25) << "within the cap";
+        EXPECT_FLOAT_EQ(s.dot_nd, -dot(N, d));
+        EXPECT_NEAR(dot(d, mirror()), 1, 0.25) << "within the cap";
     }
 }
 
