@@ -35,7 +35,7 @@ template <class T> T at(const void *p, size_t off)
 }
 
 using mirt::dot;
-float len(const miVector &a) { return std::sqrt(dot(a, a)); }
+using mirt::length;
 
 void expectVec(const miVector &v, float x, float y, float z, float tol = 1e-5f)
 {
@@ -370,7 +370,7 @@ TEST_F(Trace, SphereHitsLieOnTheirTriangleAndFaceOutwards)
         EXPECT_LE(h.dist, r * (1 + 1e-6));
         EXPECT_GE(h.dist, inner);
         EXPECT_GT(dot(h.normal_geom, h.point), 0.0f);
-        EXPECT_NEAR(len(h.normal), 1.0f, 1e-5);
+        EXPECT_NEAR(length(h.normal), 1.0f, 1e-5);
         /* vertex normals are P / r, so the interpolated normal is the direction of the point */
         expectVec(h.normal, d.x, d.y, d.z, 2e-5f);
         EXPECT_NEAR(h.bary[0] + h.bary[1] + h.bary[2], 1.0f, 1e-6);
@@ -979,9 +979,9 @@ TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
         EXPECT_NEAR(rel.z, 0.0f, 1e-6) << "in the rectangle's plane";
         EXPECT_LE(std::fabs(rel.x / hu.x), 1.0f);
         EXPECT_LE(std::fabs(rel.y / hv.y), 1.0f);
-        EXPECT_NEAR(len(dir), 1.0f, 1e-6);
+        EXPECT_NEAR(length(dir), 1.0f, 1e-6);
         EXPECT_FLOAT_EQ(dot_nl, dir.z);
-        const float l = len(ls.point);
+        const float l = length(ls.point);
         EXPECT_NEAR(dir.x, ls.point.x / l, 1e-6);
         EXPECT_NEAR(ls.dist, l, 1e-5);
     }
@@ -1222,7 +1222,7 @@ TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
     for (const miState &s : g_gather) {
         EXPECT_EQ(s.type, miRAY_ENVIRONMENT);
         EXPECT_GT(s.dir.y, 0.0f) << "front hemisphere";
-        EXPECT_NEAR(len(s.dir), 1.0f, 1e-5);
+        EXPECT_NEAR(length(s.dir), 1.0f, 1e-5);
         expectVec(s.org, 1, 2, 3);
     }
 
