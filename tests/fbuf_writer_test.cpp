@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -51,27 +52,34 @@ void expectReadsBack(const FbufContent &c, const std::vector<uint32_t> &w)
     ASSERT_EQ(b->nonMaterialPassesCount, static_cast<int>(c.nonMaterialPasses.size()));
     ASSERT_EQ(b->typeCountsCount, static_cast<int>(c.typeCounts.size()));
     std::vector<int> owner(size, -1);
-    auto claim = [&](const void *p, size_t n, int who) {
-        const size_t at = static_cast<size_t>(static_cast<const unsigned char *>(p) - base);
-        ASSERT_LE(at + n, size);
-        for (size_t i = at; i < at + n; ++i) {
+    /* element k of the array with storage slot `slot`: byte offset, claimed
+       for array `who` */
+    auto claim = [&](size_t slot, int first, size_t k, size_t n, int who) {
+        using ll = long long;
+        const ll at = ll(slot) + (first + ll(k)) * ll(n);
+        EXPECT_GE(at, 0);
+        EXPECT_LE(at + ll(n), ll(size));
+        if (at < 0 || at + ll(n) > ll(size))
+            return base;
+        for (size_t i = static_cast<size_t>(at); i < static_cast<size_t>(at) + n; ++i) {
             EXPECT_EQ(owner[i], -1) << "byte " << i << " written twice";
             owner[i] = who;
         }
+        return base + at;
     };
     for (size_t k = 0; k < c.records.size(); ++k) {
-        const FrameBufferInfoRecord &r = b->frameBufferInfo[b->frameBufferInfoFirst + static_cast<int>(k)];
-        claim(&r, sizeof r, 0);
-        EXPECT_EQ(std::memcmp(&r, &c.records[k], sizeof r), 0) << "record " << k;
+        const unsigned char *r = claim(offsetof(FrameBufferDataBlock, frameBufferInfo), b->frameBufferInfoFirst, k,
+                                       sizeof(FrameBufferInfoRecord), 0);
+        EXPECT_EQ(std::memcmp(r, &c.records[k], sizeof(FrameBufferInfoRecord)), 0) << "record " << k;
     }
     for (size_t k = 0; k < c.nonMaterialPasses.size(); ++k) {
-        const miTag &t = b->nonMaterialPasses[b->nonMaterialPassesFirst + static_cast<int>(k)];
-        claim(&t, 4, 1);
+        miTag t;
+        std::memcpy(&t, claim(offsetof(FrameBufferDataBlock, nonMaterialPasses), b->nonMaterialPassesFirst, k, 4, 1), 4);
         EXPECT_EQ(t, c.nonMaterialPasses[k]);
     }
     for (size_t k = 0; k < c.typeCounts.size(); ++k) {
-        const int &n = b->typeCounts[b->typeCountsFirst + static_cast<int>(k)];
-        claim(&n, 4, 2);
+        int n;
+        std::memcpy(&n, claim(offsetof(FrameBufferDataBlock, typeCounts), b->typeCountsFirst, k, 4, 2), 4);
         EXPECT_EQ(n, c.typeCounts[k]);
     }
 }
