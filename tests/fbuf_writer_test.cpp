@@ -74,7 +74,9 @@ void expectReadsBack(const FbufContent &c, const std::vector<uint32_t> &w)
     }
     for (size_t k = 0; k < c.nonMaterialPasses.size(); ++k) {
         miTag t;
-        std::memcpy(&t, claim(offsetof(FrameBufferDataBlock, nonMaterialPasses), b->nonMaterialPassesFirst, k, 4, 1), 4);
+        const unsigned char *p =
+            claim(offsetof(FrameBufferDataBlock, nonMaterialPasses), b->nonMaterialPassesFirst, k, 4, 1);
+        std::memcpy(&t, p, 4);
         EXPECT_EQ(t, c.nonMaterialPasses[k]);
     }
     for (size_t k = 0; k < c.typeCounts.size(); ++k) {
