@@ -16,6 +16,8 @@ import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 FBUF_BLOCK = sys.argv[1] if len(sys.argv) > 1 else os.path.join(HERE, "..", "build", "release", "fbuf_block")
+if not os.access(FBUF_BLOCK, os.X_OK):
+    sys.exit("make_seeds: no fbuf_block at %s (build it: ninja -C build/release fbuf_block)" % FBUF_BLOCK)
 KELU = 0x4B656C75
 NAME_TAGS = {"beauty": 6, "diffuse": 7, "shadow": 8, "matte": 9, "unknown": 10, "empty": 11, "data": 12}
 
