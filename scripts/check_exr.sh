@@ -22,13 +22,13 @@ info=$(oiiotool --info -v "$exr") || fail "oiiotool cannot read $exr"
 for type in CryptoObject CryptoMaterial; do
   key=$(echo "$header" | sed -nE "s|^cryptomatte/([0-9a-f]{1,7})/name \(type string\): \"$type\"$|\1|p")
   [ -n "$key" ] || fail "exrheader: no cryptomatte/<key>/name \"$type\""
-  echo "$header" | grep -q "^cryptomatte/$key/hash (type string): \"MurmurHash3_32\"$" || fail "$type: hash"
-  echo "$header" | grep -q "^cryptomatte/$key/conversion (type string): \"uint32_to_float32\"$" || fail "$type: conversion"
-  echo "$header" | grep -qE "^cryptomatte/$key/manifest \(type string\): \"\{\".+\":\"[0-9a-f]{8}\"" || fail "$type: manifest"
-  echo "$info" | grep -q "cryptomatte/$key/name: \"$type\"" || fail "oiiotool: no $type attribute"
+  grep -q "^cryptomatte/$key/hash (type string): \"MurmurHash3_32\"$" <<<"$header" || fail "$type: hash"
+  grep -q "^cryptomatte/$key/conversion (type string): \"uint32_to_float32\"$" <<<"$header" || fail "$type: conversion"
+  grep -qE "^cryptomatte/$key/manifest \(type string\): \"\{\".+\":\"[0-9a-f]{8}\"" <<<"$header" || fail "$type: manifest"
+  grep -q "cryptomatte/$key/name: \"$type\"" <<<"$info" || fail "oiiotool: no $type attribute"
   for layer in 00 01 02; do
     for c in R G B A; do
-      echo "$info" | grep -q "$type$layer\.$c" || fail "oiiotool: no channel $type$layer.$c"
+      grep -q "$type$layer\.$c" <<<"$info" || fail "oiiotool: no channel $type$layer.$c"
     done
   done
 done
