@@ -3,6 +3,7 @@
 #include "DruxShaderSDK.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -41,12 +42,11 @@ uint32_t bitsOf(float f)
     return u;
 }
 
-class Irradiance : public ::testing::Test {
+class Irradiance : public RuntimeTest {
 protected:
-    void SetUp() override
+    Irradiance() : RuntimeTest(4, 4) {}
+    void prepare() override
     {
-        mirt::reset();
-        ctx = std::make_unique<mirt::Context>(4, 4);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, gatherEnv, nullptr, 0, 16, false, "env"));
         gatherWeights.clear();
         miOptions &o = ctx->options();
@@ -69,12 +69,7 @@ protected:
         st->dir = {0, 0, -1};
         st->dot_nd = -1;
     }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-    }
+    void finish() override { ctx->end_state(st); }
     // An instance whose object carries a KELU_MAGIC block with settings.
     void objectSettings(int word5, int rays)
     {
@@ -95,7 +90,6 @@ protected:
         EXPECT_EQ(r.a, 0.0f);
         return r;
     }
-    std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
     Params *p = nullptr;
@@ -245,9 +239,9 @@ TEST_F(Irradiance, RayCountsOfZeroOrBelow)
 
 class Derivs : public Irradiance {
 protected:
-    void SetUp() override
+    void prepare() override
     {
-        Irradiance::SetUp();
+        Irradiance::prepare();
         mirt::InstanceDesc desc; // object space scaled by (2, 3, 4)
         desc.local_to_global[0] = 2, desc.local_to_global[5] = 3, desc.local_to_global[10] = 4;
         st->instance = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), desc).instance;

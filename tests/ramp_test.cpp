@@ -2,6 +2,7 @@
 // bracketing scan, the four interpolation kinds, concurrent lookups.
 #include "DruxShaderSDK.h"
 #include "runtime.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -20,12 +21,12 @@ template <class E, int N> struct ArrayParam {
     E e[N];
 };
 
-class Ramps : public ::testing::Test {
+class Ramps : public RuntimeTest {
 protected:
-    mirt::Context ctx;
     miState *state = nullptr;
-    void SetUp() override { state = ctx.begin_state(0); }
-    void TearDown() override { ctx.end_state(state); }
+    Ramps() : RuntimeTest(8, 8) {}
+    void prepare() override { state = ctx->begin_state(0); }
+    void finish() override { ctx->end_state(state); }
 
     Ramp scalar(std::initializer_list<RampScalarEntry> keys)
     {

@@ -4,6 +4,8 @@
 #include "fbuf_builder.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -86,13 +88,12 @@ miVector norm(miVector v)
 }
 float dotv(miVector a, miVector b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
 
-class Reflect : public ::testing::Test {
+class Reflect : public RuntimeTest {
 protected:
-    void SetUp() override
+    Reflect() : RuntimeTest(4, 4) {}
+    void prepare() override
     {
-        mirt::reset();
         envCalls.clear(), hitCalls.clear(), phenCalls.clear();
-        ctx = std::make_unique<mirt::Context>(4, 4);
         fbtest::FbufBuilder b;
         b.add("beauty", 0);
         b.add("specular", 5);
@@ -120,12 +121,7 @@ protected:
         st->normal = st->normal_geom = N = {0, 0, 1};
         dotnd = dotv(N, st->dir);
     }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-    }
+    void finish() override { ctx->end_state(st); }
     // Reflection with the host record checked to be restored afterwards.
     miColor reflect(miColor col, float weight = 1, float gain = 1, int noTrace = 1, float scale = 1)
     {
@@ -145,7 +141,6 @@ protected:
     miVector mirror() const { return {st->dir.x - 2 * dotnd * N.x, st->dir.y - 2 * dotnd * N.y, st->dir.z - 2 * dotnd * N.z}; }
     PassSlot &slot(int e, int d = 0) { return entries[e].slots[d]; }
 
-    std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
     Params *p = nullptr;
@@ -157,12 +152,6 @@ protected:
     float dotnd = 0;
 };
 
-void expectVec(const miVector &a, const miVector &b, float tol = 1e-6f)
-{
-    EXPECT_NEAR(a.x, b.x, tol);
-    EXPECT_NEAR(a.y, b.y, tol);
-    EXPECT_NEAR(a.z, b.z, tol);
-}
 
 TEST_F(Reflect, EarlyExitsAndStrictCutOff)
 {
@@ -186,7 +175,7 @@ TEST_F(Reflect, EnvironmentFallbackFollowsDepthLimits)
 {
     miColor r = reflect({1, 1, 1, 1});
     ASSERT_EQ(envCalls.size(), 1u);
-    expectVec(envCalls[0].dir, mirror());
+    expectVec(envCalls[0].dir, mirror(), 1e-6f);
     EXPECT_EQ(envCalls[0].refl, 1) << "traced one reflection level deeper";
     EXPECT_FLOAT_EQ(r.r, envColor(mirror()).r);
     EXPECT_FLOAT_EQ(r.b, envColor(mirror()).b);
@@ -201,7 +190,7 @@ TEST_F(Reflect, EnvironmentFallbackFollowsDepthLimits)
         ASSERT_EQ(envCalls.size(), 1u);
         EXPECT_EQ(envCalls[0].state, st);
         EXPECT_EQ(envCalls[0].type, int(miRAY_ENVIRONMENT));
-        expectVec(envCalls[0].dir, mirror());
+        expectVec(envCalls[0].dir, mirror(), 1e-6f);
     }
     st->refraction_level = 0;
     envCalls.clear();
@@ -217,7 +206,7 @@ TEST_F(Reflect, SampleDirectionBelowSurfaceIsLifted)
     reflect({1, 1, 1, 1});
     ASSERT_EQ(envCalls.size(), 1u);
     const float l = std::sqrt(1.0001f);
-    expectVec(envCalls[0].dir, {1 / l, 0, 0.01f / l});
+    expectVec(envCalls[0].dir, {1 / l, 0, 0.01f / l}, 1e-6f);
 }
 
 TEST_F(Reflect, BlurSampleCount)
@@ -249,7 +238,7 @@ TEST_F(Reflect, NoBlurMeansOneSampleAlongTheMirror)
         envCalls.clear();
         reflect({1, 1, 1, 1});
         ASSERT_EQ(envCalls.size(), 1u) << why;
-        expectVec(envCalls[0].dir, mirror());
+        expectVec(envCalls[0].dir, mirror(), 1e-6f);
         EXPECT_FLOAT_EQ(envCalls[0].pathWeight.r, 1.0f) << why;
     };
     p->blur = 0;

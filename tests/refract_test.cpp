@@ -5,6 +5,8 @@
 #include "fbuf_builder.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -77,28 +79,14 @@ struct Params {
     int chromatic;
 };
 
-void expectVec(const miVector &a, float x, float y, float z, float tol = 1e-6f)
-{
-    EXPECT_NEAR(a.x, x, tol);
-    EXPECT_NEAR(a.y, y, tol);
-    EXPECT_NEAR(a.z, z, tol);
-}
-void expectColor(const miColor &c, float r, float g, float b, float a)
-{
-    EXPECT_FLOAT_EQ(c.r, r);
-    EXPECT_FLOAT_EQ(c.g, g);
-    EXPECT_FLOAT_EQ(c.b, b);
-    EXPECT_FLOAT_EQ(c.a, a);
-}
 
-class Refract : public ::testing::Test {
+class Refract : public RuntimeTest {
 protected:
-    void SetUp() override
+    Refract() : RuntimeTest(4, 4) {}
+    void prepare() override
     {
-        mirt::reset();
         envCalls.clear(), hitCalls.clear();
         envSetsTransmission = envWritesSlot = false;
-        ctx = std::make_unique<mirt::Context>(4, 4);
         fbtest::FbufBuilder b;
         b.add("beauty", 0);
         b.add("specular", 5);
@@ -123,12 +111,7 @@ protected:
         incidence(0.70710677f, -0.70710677f);
         st->normal = st->normal_geom = N = {0, 0, 1};
     }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-    }
+    void finish() override { ctx->end_state(st); }
     void incidence(float x, float z)
     {
         st->dir = {x, 0, z};
@@ -153,7 +136,6 @@ protected:
     }
     PassSlot &slot(int e, int d = 0) { return entries[e].slots[d]; }
 
-    std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
     Params *p = nullptr;
@@ -189,7 +171,7 @@ TEST_F(Refract, EnteringAndLeavingRays)
     const miColor r = refract({0.5f, 0.5f, 0.5f, 1}); // n_state 1 -> ior 1.5, eta = 1/1.5
     ASSERT_EQ(envCalls.size(), 1u);
     const float sinT = 0.70710677f / 1.5f;
-    expectVec(envCalls[0].dir, sinT, 0, -std::sqrt(1 - sinT * sinT));
+    expectVec(envCalls[0].dir, sinT, 0, -std::sqrt(1 - sinT * sinT), 1e-6f);
     EXPECT_EQ(envCalls[0].refr, 1) << "environment traced one refraction level deeper";
     EXPECT_FLOAT_EQ(st->ior, 1.5f) << "the index is left set";
     EXPECT_FLOAT_EQ(r.g, 0.5f * envColor(envCalls[0].dir).g);
@@ -199,7 +181,7 @@ TEST_F(Refract, EnteringAndLeavingRays)
     envCalls.clear();
     incidence(0.6f, -0.8f);
     refract();
-    expectVec(envCalls[0].dir, 0.9f, 0, -std::sqrt(0.19f));
+    expectVec(envCalls[0].dir, 0.9f, 0, -std::sqrt(0.19f), 1e-6f);
     EXPECT_FLOAT_EQ(st->ior, 1.0f);
 
     // 1 - 2.25 * 0.64 < 0: total internal reflection along the mirror, the

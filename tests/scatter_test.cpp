@@ -4,6 +4,8 @@
 #include "DruxShaderSDK.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 #include "sss_params.h"
 
 #include <gtest/gtest.h>
@@ -127,13 +129,6 @@ int64_t allocatedAt(int line)
     return -1;
 }
 
-void expectRGB(const miColor &c, float r, float g, float b, float tol = 1e-5f)
-{
-    EXPECT_NEAR(c.r, r, tol * std::max(1.0f, std::fabs(r)));
-    EXPECT_NEAR(c.g, g, tol * std::max(1.0f, std::fabs(g)));
-    EXPECT_NEAR(c.b, b, tol * std::max(1.0f, std::fabs(b)));
-    EXPECT_EQ(c.a, 0.0f);
-}
 
 // Runs fn on another thread; a lookup that deadlocks ends the program
 // instead of hanging the suite.
@@ -148,13 +143,12 @@ void withinSeconds(int seconds, const std::function<void()> &fn)
     }
 }
 
-class Scatter : public ::testing::Test {
+class Scatter : public RuntimeTest {
 protected:
-    void SetUp() override
+    Scatter() : RuntimeTest(8, 8) {}
+    void prepare() override
     {
-        mirt::reset();
         probe.clear();
-        ctx = std::make_unique<mirt::Context>(8, 8);
         ctx->options().trace = miTRUE;
         ctx->options().trace_depth = ctx->options().reflection_depth = ctx->options().refraction_depth = 4;
         SssParams def{};
@@ -168,14 +162,11 @@ protected:
         gHead = &head;
         st = newState(0);
     }
-    void TearDown() override
+    void finish() override
     {
         destroy_scatter(nullptr, &head);
         for (miState *s : states)
             ctx->end_state(s);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-        EXPECT_EQ(mirt::mem_live_bytes(kTag), 0);
         // The runtime reports a lock taken twice by one thread or deleted
         // while held: a path that forgot to unlock.
         for (const mirt::Message &m : mirt::messages())
@@ -211,6 +202,7 @@ protected:
         miColor r{-1, -1, -1, -1};
         sssMaterial(&r, s, p);
         s->instance = keep, s->point = keepP;
+        EXPECT_EQ(r.a, 0.0f);
         return r;
     }
     void connectColour() { mirt::connect(material, offsetof(SssParams, color), colourFn); }
@@ -221,6 +213,7 @@ protected:
         s->point = P;
         miColor r{-1, -1, -1, -1};
         sssMaterial(&r, s, p);
+        EXPECT_EQ(r.a, 0.0f); // a scattering result carries no alpha
         return r;
     }
     void reset()
@@ -229,7 +222,6 @@ protected:
         probe.points.clear(), probe.normals.clear(), probe.lightCalls = 0;
     }
 
-    std::unique_ptr<mirt::Context> ctx;
     std::vector<miState *> states;
     miState *st = nullptr;
     miTag material = 0, colourFn = 0;

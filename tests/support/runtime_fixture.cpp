@@ -1,0 +1,92 @@
+#include "runtime_fixture.h"
+
+#include <map>
+
+namespace {
+
+/* Memory that lives for the process by design: made once on first use and
+   kept until exit. */
+const char *const kProcessTags[] = {"SDK/druxNoise"};
+
+bool processTag(const std::string &tag)
+{
+    for (const char *t : kProcessTags)
+        if (tag == t)
+            return true;
+    return false;
+}
+
+} // namespace
+
+int64_t RuntimeTest::liveBytesOutsideProcessTags()
+{
+    int64_t live = mirt::mem_live_bytes_total();
+    for (const char *tag : kProcessTags)
+        live -= mirt::mem_live_bytes(tag);
+    return live;
+}
+
+std::string RuntimeTest::leftovers()
+{
+    std::string out;
+    if (const long pins = mirt::db_total_pins()) {
+        out += std::to_string(pins) + " pin(s) on item(s)";
+        for (miTag t : mirt::db_pinned())
+            out += " " + std::to_string(t);
+        out += "; ";
+    }
+    if (const int handles = mirt::shader_interface_outstanding())
+        out += std::to_string(handles) + " shader-interface handle(s) not given back; ";
+    if (const int64_t live = liveBytesOutsideProcessTags()) {
+        out += std::to_string(live) + " byte(s) live";
+        /* The event log since the last clear names the likely tags. */
+        std::map<std::string, int64_t> net;
+        for (const mirt::MemEvent &e : mirt::mem_events())
+            net[e.file] += e.release ? -e.bytes : e.bytes;
+        for (const auto &kv : net)
+            if (kv.second != 0 && !processTag(kv.first))
+                out += " [" + kv.first + ": " + std::to_string(kv.second) + "]";
+        out += "; ";
+    }
+    return out;
+}
+
+void RuntimeTest::SetUp()
+{
+    mirt::reset();
+    if (width_ > 0)
+        ctx = std::make_unique<mirt::Context>(width_, height_);
+    prepare();
+}
+
+void RuntimeTest::TearDown()
+{
+    finish();
+    ctx.reset();
+    EXPECT_EQ(leftovers(), "") << "left behind by the test";
+    mirt::reset();
+}
+
+int countMessages(mirt::Level level, const std::string &text)
+{
+    int n = 0;
+    for (const mirt::Message &m : mirt::messages())
+        n += m.level == level && m.text == text;
+    return n;
+}
+
+int countContaining(mirt::Level level, const std::string &part)
+{
+    int n = 0;
+    for (const mirt::Message &m : mirt::messages())
+        n += m.level == level && m.text.find(part) != std::string::npos;
+    return n;
+}
+
+int countLevel(mirt::Level level)
+{
+    int n = 0;
+    for (const mirt::Message &m : mirt::messages())
+        n += m.level == level;
+    return n;
+}
