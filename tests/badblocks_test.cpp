@@ -476,8 +476,7 @@ struct RampBlock {
 
 class RampArrays : public BadBlocks {
 protected:
-    void prepare() override { st = ctx->begin_state(); }
-    void finish() override { ctx->end_state(st); }
+    void prepare() override { st = beginState(); }
     // The ramp built by a shader whose parameter block is `blk` (size bytes),
     // the ramp parameter at byte `at`.
     Ramp build(const void *blk, int size, int at)

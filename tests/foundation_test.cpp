@@ -459,14 +459,13 @@ struct TimeSampler : RuntimeTest {
     TimeSampler() : RuntimeTest(8, 8) {}
     void prepare() override
     {
-        state = ctx->begin_state(0);
+        state = beginState();
         ctx->options().shutter_delay = 0.0f;
         ctx->options().shutter = 1.0f;
         ctx->options().time_contrast = miColor{0.2f, 0.25f, 0.5f, 1.0f};
         ctx->set_query_int(miQ_MOTION_BY_RENDERER, 0);
         ctx->set_query_int(miQ_PRECOMPUTE_PASS, 0);
     }
-    void finish() override { ctx->end_state(state); }
     std::vector<double> run(int motion, double start)
     {
         TmSampler s;

@@ -53,13 +53,11 @@ protected:
         o.finalgather_rays = 64, o.finalgather_maxradius = 3, o.finalgather_minradius = 0.5f;
         o.finalgather_view = 1, o.finalgather_filter = 2;
         o.globillum_accuracy = 100, o.globillum_radius = 0.25f, o.caustic_accuracy = 50, o.caustic_radius = 0.125f;
-        st = ctx->begin_state();
-        ctx->begin_sample(st, 0, 0);
         BaseShaderState init{};
         init.minContribution = 0.1f;
         init.fullSampleContribution = 0.5f;
         init.pathWeight = {1, 1, 1, 1};
-        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
+        st = beginSample(0, 0, init);
         bss = static_cast<BaseShaderState *>(mi_shaderstate_get(st, KELU_BASE_STATE_KEY, nullptr));
         Params def{{1, 1, 1, 1}, {0, 0, 0, 0}};
         material = mirt::make_function(miSHADER_MATERIAL, nullptr, &def, sizeof def, 16, true, "host");
@@ -69,7 +67,6 @@ protected:
         st->dir = {0, 0, -1};
         st->dot_nd = -1;
     }
-    void finish() override { ctx->end_state(st); }
     // An instance whose object carries a KELU_MAGIC block with settings.
     void objectSettings(int word5, int rays)
     {

@@ -25,8 +25,7 @@ class Ramps : public RuntimeTest {
 protected:
     miState *state = nullptr;
     Ramps() : RuntimeTest(8, 8) {}
-    void prepare() override { state = ctx->begin_state(0); }
-    void finish() override { ctx->end_state(state); }
+    void prepare() override { state = beginState(); }
 
     Ramp scalar(std::initializer_list<RampScalarEntry> keys)
     {

@@ -100,8 +100,6 @@ protected:
         b.add("refl", 34);
         fbtest::install(*ctx, b);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, envShader, nullptr, 0, 16, false, "env"));
-        st = ctx->begin_state();
-        ctx->begin_sample(st, 1, 2);
         BaseShaderState init{};
         init.minContribution = 0.01f;
         init.fullSampleContribution = 0.001f;
@@ -109,7 +107,7 @@ protected:
         init.pathWeight = {1, 1, 1, 0.5f};
         init.childResult1 = {0.1f, 0, 0, 0}, init.childResult2 = {0, 0.2f, 0, 0};
         init.childTransmission = {0, 0, 0.3f, 0};
-        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
+        st = beginSample(1, 2, init);
         bss = host(st);
         Params def{{0, 0, 0, 0}, 10, 0.0f, 10, 1};
         material = mirt::make_function(miSHADER_MATERIAL, hitShader, &def, sizeof def, 16, true, "host");
@@ -121,7 +119,6 @@ protected:
         st->normal = st->normal_geom = N = {0, 0, 1};
         dotnd = dotv(N, st->dir);
     }
-    void finish() override { ctx->end_state(st); }
     // Reflection with the host record checked to be restored afterwards.
     miColor reflect(miColor col, float weight = 1, float gain = 1, int noTrace = 1, float scale = 1)
     {

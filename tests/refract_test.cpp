@@ -92,8 +92,6 @@ protected:
         b.add("specular", 5);
         fbtest::install(*ctx, b);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, envShader, nullptr, 0, 16, false, "env"));
-        st = ctx->begin_state();
-        ctx->begin_sample(st, 0, 0);
         BaseShaderState init{};
         init.minContribution = 0.01f;
         init.fullSampleContribution = 0.001f;
@@ -101,7 +99,7 @@ protected:
         init.pathWeight = {1, 1, 1, 1};
         init.childResult1 = {0.1f, 0, 0, 0}, init.childResult2 = {0, 0.2f, 0, 0};
         init.childTransmission = {0, 0, 0.3f, 0};
-        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
+        st = beginSample(0, 0, init);
         bss = host(st);
         Params def{0, 1.5f, 0, 10, 1, 0, 0, 0, 0};
         material = mirt::make_function(miSHADER_MATERIAL, hitShader, &def, sizeof def, 16, true, "host");
@@ -111,7 +109,6 @@ protected:
         incidence(0.70710677f, -0.70710677f);
         st->normal = st->normal_geom = N = {0, 0, 1};
     }
-    void finish() override { ctx->end_state(st); }
     void incidence(float x, float z)
     {
         st->dir = {x, 0, z};

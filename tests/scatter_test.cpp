@@ -165,8 +165,6 @@ protected:
     void finish() override
     {
         destroy_scatter(nullptr, &head);
-        for (miState *s : states)
-            ctx->end_state(s);
         // The runtime reports a lock taken twice by one thread or deleted
         // while held: a path that forgot to unlock.
         for (const mirt::Message &m : mirt::messages())
@@ -174,15 +172,12 @@ protected:
     }
     miState *newState(int thread)
     {
-        miState *s = ctx->begin_state(thread);
-        ctx->begin_sample(s, 0, 0);
-        s->qmc_offset = 0; // the same points whichever pixel triggers a scan
         BaseShaderState init{};
         init.pathWeight = {1, 1, 1, 1};
-        mi_shaderstate_set(s, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
+        miState *s = beginSample(0, 0, init, thread);
+        s->qmc_offset = 0; // the same points whichever pixel triggers a scan
         s->shader = mirt::function(material);
         s->org = {0, 0, 10};
-        states.push_back(s);
         return s;
     }
     LightParams *light(miVector at, miColor c, int addConstant, int addLambert)
@@ -222,7 +217,6 @@ protected:
         probe.points.clear(), probe.normals.clear(), probe.lightCalls = 0;
     }
 
-    std::vector<miState *> states;
     miState *st = nullptr;
     miTag material = 0, colourFn = 0;
     SssParams *p = nullptr;

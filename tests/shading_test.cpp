@@ -24,8 +24,7 @@ class Shading : public RuntimeTest {
 protected:
     miState *state = nullptr;
     Shading() : RuntimeTest(8, 8) {}
-    void prepare() override { state = ctx->begin_state(0); }
-    void finish() override { ctx->end_state(state); }
+    void prepare() override { state = beginState(); }
     // The ray arrives along -view (view points from the surface to the eye).
     void look(miVector view, int type = miRAY_EYE)
     {

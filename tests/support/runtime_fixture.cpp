@@ -59,9 +59,27 @@ void RuntimeTest::SetUp()
     prepare();
 }
 
+miState *RuntimeTest::beginState(int thread)
+{
+    miState *st = ctx->begin_state(thread);
+    states_.push_back(st);
+    return st;
+}
+
+miState *RuntimeTest::beginSample(int x, int y, const BaseShaderState &record, int thread)
+{
+    miState *st = beginState(thread);
+    ctx->begin_sample(st, x, y);
+    mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &record, sizeof record, 2);
+    return st;
+}
+
 void RuntimeTest::TearDown()
 {
     finish();
+    for (auto it = states_.rbegin(); it != states_.rend(); ++it)
+        ctx->end_state(*it);
+    states_.clear();
     ctx.reset();
     EXPECT_EQ(leftovers(), "") << "left behind by the test";
     mirt::reset();

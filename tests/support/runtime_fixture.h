@@ -4,8 +4,8 @@
  *
  * Before each test the process-wide runtime is reset and, for a suite that
  * asks for one, a render context of the given size is made; then the suite's
- * prepare() runs.  After each test the suite's finish() runs, the context is
- * destroyed, and the test fails when a database item is still pinned, a
+ * prepare() runs.  After each test the suite's finish() runs, the states the
+ * test began through the fixture are ended, the context is destroyed, and the test fails when a database item is still pinned, a
  * shader-interface handle is still out, or memory is live under any tag other
  * than those that live for the whole process by design (the gradient noise
  * table); then the runtime is reset again.
@@ -13,12 +13,14 @@
 #ifndef DRUX_RUNTIME_FIXTURE_H
 #define DRUX_RUNTIME_FIXTURE_H
 
+#include "DruxShaderSDK.h"
 #include "runtime.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 class RuntimeTest : public ::testing::Test {
 public:
@@ -41,10 +43,17 @@ protected:
     virtual void prepare() {}
     virtual void finish() {}
 
+    /* A new state of the context on `thread` (op 0 run), ended after the test. */
+    miState *beginState(int thread = 0);
+    /* The same at sample 0 of pixel (x, y), with the host's base record
+       (KELU_BASE_STATE_KEY) set to `record`. */
+    miState *beginSample(int x, int y, const BaseShaderState &record, int thread = 0);
+
     std::unique_ptr<mirt::Context> ctx;
 
 private:
     int width_ = 0, height_ = 0;
+    std::vector<miState *> states_;
 };
 
 /* Messages logged since the last reset or clear: of `level` with exactly
