@@ -186,7 +186,7 @@ TEST_F(BadBlocks, NegativeTypeCountsThatAddUpArePublished)
     b.typeCount(13, -2).typeCount(20, 2).typeCount(4, -1).typeCount(6, 1); // 2 + 1 - 2 + 2 - 1 + 1 = 3
     fbtest::install(*ctx, b);
     mirt::clear_messages();
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     EXPECT_EQ(countContaining(mirt::Level::Error, ""), 0);
     ctx->begin_sample(st, 0, 0);
     PassTypeInfo *types = nullptr;
@@ -206,7 +206,6 @@ TEST_F(BadBlocks, NegativeTypeCountsThatAddUpArePublished)
     EXPECT_EQ(e[1].flags & FBINFO_SHADOW_PASS, 0u);
     // Entry 1 keeps the flag of its record's word 5.
     EXPECT_EQ(e[1].flags & FBINFO_ADD_REFLECTION, static_cast<miUint>(FBINFO_ADD_REFLECTION));
-    ctx->end_state(st);
 }
 
 // Every sequence of up to three state operations, on every block of the
@@ -553,7 +552,7 @@ TEST_F(BadBlocks, AMaskRecordTooShortForItsTagHoldsNoMask)
     const miTag text = mirt::db_create_string("5");
     FrameBufferInfo entries[4];
     std::memset(entries, 0, sizeof entries);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     struct Rec {
         const char *name;
         miTag record;
@@ -576,12 +575,11 @@ TEST_F(BadBlocks, AMaskRecordTooShortForItsTagHoldsNoMask)
         EXPECT_EQ(mirt::db_total_pins(), 0);
     }
     st->light_instance = 0;
-    ctx->end_state(st);
 }
 
 TEST_F(BadBlocks, ASettingsBlockShorterThanItsWordsCarriesNone)
 {
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     BaseShaderState bss{};
     bss.minContribution = 0.1f;
     bss.fullSampleContribution = 0.5f;
@@ -620,7 +618,6 @@ TEST_F(BadBlocks, ASettingsBlockShorterThanItsWordsCarriesNone)
         }
         EXPECT_EQ(mirt::db_total_pins(), 0);
     }
-    ctx->end_state(st);
 }
 
 } // namespace

@@ -176,7 +176,7 @@ TEST_F(FbState, RasterizerCompositesAndKeepsAlphaOnlyForTypes16To18)
         b.add("fb" + std::to_string(t), t);
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
     ctx->options().scanline = 'r';
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 0, 0);
     st->scanline = 1;
     Records r = records(st);
@@ -216,7 +216,6 @@ TEST_F(FbState, RasterizerCompositesAndKeepsAlphaOnlyForTypes16To18)
     EXPECT_TRUE(runOp(st, 3));
     st->type = miRAY_EYE;
     expectColor(ctx->fb_pixel(s.fbIndex[0], 2, 0), before.r, before.g, before.b, before.a, 0);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
@@ -233,7 +232,7 @@ TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
         b.add("plain" + std::to_string(t), t);
     }
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 1, 1);
     Records r = records(st);
     ASSERT_EQ(r.n, 2u * DRUX_PASS_TYPES);
@@ -257,7 +256,6 @@ TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
         const float alpha = rule[i / 2] == 'K' ? 0.375f : 1.0f;
         expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 1), 0.125f, 0.25f, 0.5f, alpha, 0);
     }
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, StatesOnSeveralThreadsAtOnce)
@@ -302,7 +300,7 @@ TEST_F(FbState, TypeRangesAndCountChecks)
     b.add("b", 0);
     b.add("c", 12);
     fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     Records r = records(st);
     ASSERT_EQ(r.n, 3u);
     EXPECT_EQ(r.types->range[0].count, 2);
@@ -328,7 +326,6 @@ TEST_F(FbState, TypeRangesAndCountChecks)
     EXPECT_EQ(getFrameBufferState(st), nullptr);
     ctx->set_query_int(161, 1);
     EXPECT_NE(getFrameBufferState(st), nullptr);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, CountsThatDoNotAddUpDisableTheStateWithoutLeaking)
@@ -379,7 +376,7 @@ TEST_F(FbState, NamesAndNonMaterialPasses)
     b.addNonMaterialPass("ghost").declared = false;
     b.addNonMaterialPass("").nullName = true;
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
 
     EXPECT_EQ(getNamedFrameBufferID(static_cast<const miState *>(st), "beauty"), miUint(s.fbIndex[0]));
     EXPECT_EQ(getNamedFrameBufferID(static_cast<const miState *>(st), "nope"), 0u);
@@ -397,7 +394,6 @@ TEST_F(FbState, NamesAndNonMaterialPasses)
         EXPECT_EQ(mirt::db_total_pins(), 0) << i;
     }
     EXPECT_EQ(mirt::shader_interface_outstanding(), 0);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, NonMaterialLookupStopsAtTheCountBeforeAValidNeighbour)
@@ -411,11 +407,10 @@ TEST_F(FbState, NonMaterialLookupStopsAtTheCountBeforeAValidNeighbour)
     b.nonMaterialCount(1);
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
     ASSERT_NE(s.nonMaterialIndex[1], 0);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), miUint(s.nonMaterialIndex[0]));
     EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 1), 0u);
     EXPECT_EQ(mirt::db_total_pins(), 0);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, KeyVariablesChooseWhereRecordsLive)
@@ -434,7 +429,7 @@ TEST_F(FbState, KeyVariablesChooseWhereRecordsLive)
     EXPECT_EQ(size, 104);
     EXPECT_EQ(mi_shaderstate_get(st, "druxFBInfo", nullptr), nullptr);
     EXPECT_EQ(records(st).n, 1u);
-    ctx->end_state(st);
+    ctx->end_state(st); /* under the key the records were stored with */
 }
 
 // ------------------------------------------------------------ bad data
@@ -547,7 +542,7 @@ TEST_F(FbState, InvalidOperationsAndInitChecks)
     b.add("a", 0);
     b.addNonMaterialPass("m");
     fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     Records r = records(st);
     ASSERT_EQ(r.n, 1u);
     std::vector<char> snapshot(reinterpret_cast<char *>(r.entries), reinterpret_cast<char *>(r.entries) + 104);
@@ -592,7 +587,6 @@ TEST_F(FbState, InvalidOperationsAndInitChecks)
     EXPECT_EQ(countMessages(mirt::Level::Error, std::string("druxFrameBufferState(): Not invoked as state shader.") + tail), 1);
     EXPECT_EQ(countMessages(mirt::Level::Error, std::string("druxFrameBufferInit(): Not invoked as state shader.") + tail), 1);
     EXPECT_EQ(countLevel(mirt::Level::Error), 2);
-    ctx->end_state(st);
 }
 
 miBoolean connectedColour(void *result, miState *, void *)
@@ -616,7 +610,7 @@ TEST_F(FbState, InitShaderFillsNonMaterialPasses)
     ASSERT_EQ(buffers, 3);
     for (int i = 1; i <= buffers; ++i)
         ctx->set_fb_pixel(i, 1, 1, {9, 9, 9, 9});
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 1, 1);
     expectColor(ctx->fb_pixel(s.nonMaterialIndex[0], 1, 1), 0.25f, 0.5f, 0.75f, 1.0f, 0);
     expectColor(ctx->fb_pixel(s.nonMaterialIndex[1], 1, 1), 0.75f, 0.5f, 0.25f, 1.0f, 0);
@@ -638,7 +632,6 @@ TEST_F(FbState, InitShaderFillsNonMaterialPasses)
     for (int i = 1; i <= buffers; ++i)
         expectColor(ctx->fb_pixel(i, 1, 1), 9, 9, 9, 9, 0);
     EXPECT_EQ(mirt::db_total_pins(), 0);
-    ctx->end_state(st);
 }
 
 } // namespace

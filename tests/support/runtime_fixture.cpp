@@ -54,6 +54,7 @@ std::string RuntimeTest::leftovers()
 void RuntimeTest::SetUp()
 {
     mirt::reset();
+    liveAtStart_ = liveBytesOutsideProcessTags();
     if (width_ > 0)
         ctx = std::make_unique<mirt::Context>(width_, height_);
     prepare();
@@ -81,7 +82,10 @@ void RuntimeTest::TearDown()
         ctx->end_state(*it);
     states_.clear();
     ctx.reset();
-    EXPECT_EQ(leftovers(), "") << "left behind by the test";
+    EXPECT_EQ(leftovers(), "") << "left behind by the test"
+                               << (liveAtStart_ ? " (or before it: " + std::to_string(liveAtStart_) +
+                                                      " byte(s) were live when it began)"
+                                                : std::string());
     mirt::reset();
 }
 

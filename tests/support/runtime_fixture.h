@@ -53,6 +53,7 @@ protected:
 
 private:
     int width_ = 0, height_ = 0;
+    int64_t liveAtStart_ = 0;
     std::vector<miState *> states_;
 };
 
