@@ -16,24 +16,18 @@
 
 namespace {
 
-uint32_t bits(float f)
-{
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
 
 // ------------------------------------------------------------ constants
 
 TEST(Constants, FloatBitPatterns)
 {
-    EXPECT_EQ(bits(KELU_EPS), 0x3727C5ACu);
+    EXPECT_EQ(bitsOf(KELU_EPS), 0x3727C5ACu);
     EXPECT_EQ(static_cast<double>(KELU_EPS), 0.00000999999974737875163555145263671875);
-    EXPECT_EQ(bits(KELU_LUMINANCE_RED), 0x3E99999Au);
-    EXPECT_EQ(bits(KELU_LUMINANCE_GREEN), 0x3F170A3Du);
-    EXPECT_EQ(bits(KELU_LUMINANCE_BLUE), 0x3DE147AEu);
-    EXPECT_EQ(bits(TRANSLUCENCE_ANGLE_FAC), 0xC1380000u);
-    EXPECT_EQ(bits(TRANSLUCENCE_FADE), 0x3E19999Au);
+    EXPECT_EQ(bitsOf(KELU_LUMINANCE_RED), 0x3E99999Au);
+    EXPECT_EQ(bitsOf(KELU_LUMINANCE_GREEN), 0x3F170A3Du);
+    EXPECT_EQ(bitsOf(KELU_LUMINANCE_BLUE), 0x3DE147AEu);
+    EXPECT_EQ(bitsOf(TRANSLUCENCE_ANGLE_FAC), 0xC1380000u);
+    EXPECT_EQ(bitsOf(TRANSLUCENCE_FADE), 0x3E19999Au);
 }
 
 TEST(Constants, IntegersAndBits)

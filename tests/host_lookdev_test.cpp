@@ -29,12 +29,6 @@ using namespace druxhost;
 
 namespace {
 
-uint32_t bitsOf(float f)
-{
-    uint32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    return b;
-}
 
 TEST(Cryptomatte, HashAndIdMatchThePublishedVectors)
 {

@@ -1,6 +1,7 @@
 // Indirect light (path-weight cut-off, per-object settings, final-gather ray
 // scaling) and surface derivatives through the runtime.
 #include "DruxShaderSDK.h"
+#include "expect_values.h"
 #include "geometry.h"
 #include "runtime.h"
 #include "runtime_fixture.h"
@@ -18,8 +19,7 @@ namespace {
 thread_local std::vector<miColor> gatherWeights;
 miBoolean gatherEnv(void *result, miState *s, void *)
 {
-    gatherWeights.push_back(
-        static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr))->pathWeight);
+    gatherWeights.push_back(baseRecord(s)->pathWeight);
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 2, 1};
     return miTRUE;
 }
@@ -35,12 +35,6 @@ struct Params {
     miColor irradiance;
 };
 
-uint32_t bitsOf(float f)
-{
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
 
 class Irradiance : public RuntimeTest {
 protected:
@@ -58,7 +52,7 @@ protected:
         init.fullSampleContribution = 0.5f;
         init.pathWeight = {1, 1, 1, 1};
         st = beginSample(0, 0, init);
-        bss = static_cast<BaseShaderState *>(mi_shaderstate_get(st, KELU_BASE_STATE_KEY, nullptr));
+        bss = baseRecord(st);
         Params def{{1, 1, 1, 1}, {0, 0, 0, 0}};
         material = mirt::make_function(miSHADER_MATERIAL, nullptr, &def, sizeof def, 16, true, "host");
         st->shader = mirt::function(material);

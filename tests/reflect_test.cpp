@@ -28,13 +28,9 @@ struct Seen {
 };
 thread_local std::vector<Seen> envCalls, hitCalls, phenCalls;
 
-BaseShaderState *host(miState *s)
-{
-    return static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr));
-}
 Seen seen(miState *s)
 {
-    BaseShaderState *b = host(s);
+    BaseShaderState *b = baseRecord(s);
     PassTypeInfo *t;
     FrameBufferInfo *e;
     getFrameBufferInfo(s, &t, &e);
@@ -62,7 +58,7 @@ miBoolean hitShader(void *result, miState *s, void *)
         e[i].slots[s->reflection_level + s->refraction_level].result = {1, 2, 3, 4};
         e[i].slots[s->reflection_level + s->refraction_level].opacity = {1, 1, 1, 1};
     }
-    host(s)->childResult1 = host(s)->childResult2 = host(s)->childTransmission = {9, 9, 9, 9};
+    baseRecord(s)->childResult1 = baseRecord(s)->childResult2 = baseRecord(s)->childTransmission = {9, 9, 9, 9};
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 0.125f, 1};
     return miTRUE;
 }
@@ -108,7 +104,7 @@ protected:
         init.childResult1 = {0.1f, 0, 0, 0}, init.childResult2 = {0, 0.2f, 0, 0};
         init.childTransmission = {0, 0, 0.3f, 0};
         st = beginSample(1, 2, init);
-        bss = host(st);
+        bss = baseRecord(st);
         Params def{{0, 0, 0, 0}, 10, 0.0f, 10, 1};
         material = mirt::make_function(miSHADER_MATERIAL, hitShader, &def, sizeof def, 16, true, "host");
         st->shader = mirt::function(material);

@@ -27,10 +27,6 @@ struct Seen {
 thread_local std::vector<Seen> envCalls, hitCalls;
 thread_local bool envSetsTransmission = false, envWritesSlot = false;
 
-BaseShaderState *host(miState *s)
-{
-    return static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr));
-}
 miColor envColor(const miVector &d) { return {d.x + 2, d.y + 3, d.z + 4, 1}; }
 
 PassSlot &slotOf(miState *s, int entry)
@@ -47,7 +43,7 @@ void writeSlots(miState *s, const miColor &c)
 }
 Seen seen(miState *s)
 {
-    return {s, s->dir, s->type, s->refraction_level, host(s)->childResult1, host(s)->childResult2,
+    return {s, s->dir, s->type, s->refraction_level, baseRecord(s)->childResult1, baseRecord(s)->childResult2,
             slotOf(s, 0).opacity.r};
 }
 miBoolean envShader(void *result, miState *s, void *)
@@ -55,7 +51,7 @@ miBoolean envShader(void *result, miState *s, void *)
     envCalls.push_back(seen(s));
     const float k = float(envCalls.size());
     if (envSetsTransmission)
-        host(s)->childTransmission = {0.1f * k, 0.2f * k, 0.3f * k, 1};
+        baseRecord(s)->childTransmission = {0.1f * k, 0.2f * k, 0.3f * k, 1};
     if (envWritesSlot)
         writeSlots(s, {5, 5, 5, 5});
     *static_cast<miColor *>(result) = envColor(s->dir);
@@ -65,8 +61,8 @@ miBoolean hitShader(void *result, miState *s, void *)
 {
     hitCalls.push_back(seen(s));
     writeSlots(s, {1, 2, 3, 4});
-    host(s)->childResult1 = host(s)->childResult2 = {9, 9, 9, 9};
-    host(s)->childTransmission = {0.5f, 0.5f, 0.5f, 0.5f};
+    baseRecord(s)->childResult1 = baseRecord(s)->childResult2 = {9, 9, 9, 9};
+    baseRecord(s)->childTransmission = {0.5f, 0.5f, 0.5f, 0.5f};
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 0.125f, 1};
     return miTRUE;
 }
@@ -100,7 +96,7 @@ protected:
         init.childResult1 = {0.1f, 0, 0, 0}, init.childResult2 = {0, 0.2f, 0, 0};
         init.childTransmission = {0, 0, 0.3f, 0};
         st = beginSample(0, 0, init);
-        bss = host(st);
+        bss = baseRecord(st);
         Params def{0, 1.5f, 0, 10, 1, 0, 0, 0, 0};
         material = mirt::make_function(miSHADER_MATERIAL, hitShader, &def, sizeof def, 16, true, "host");
         st->shader = mirt::function(material);

@@ -59,7 +59,7 @@ ScatterCache **gHead = nullptr; // list head used by the material shader
 miBoolean probeLight(void *result, miState *state, void *params)
 {
     const LightParams *p = static_cast<const LightParams *>(params);
-    if (auto *b = static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr)))
+    if (BaseShaderState *b = baseRecord(state))
         b->lightData.addConstant = p->addConstant, b->lightData.addLambert = p->addLambert;
     {
         std::lock_guard<std::mutex> lk(probe.mu);
@@ -841,7 +841,7 @@ TEST_F(Scatter, IndirectOnlyInBaseMode6)
     int32_t w[17] = {KELU_MAGIC, 0, 0, 0, 0, 1, 7};
     const mirt::GeometryTags g = triangles({rightTri(0, 0, 1, 1)}, 1 << 30, 0, {}, mirt::db_create_userdata(w, sizeof w, 0));
     light({0, 0, 100}, {1, 1, 1, 1}, 1, 0);
-    static_cast<BaseShaderState *>(mi_shaderstate_get(st, KELU_BASE_STATE_KEY, nullptr))->mode = 6;
+    baseRecord(st)->mode = 6;
     p->color = {0.5f, 1, 1, 1}, p->diffuse = 0.5f, p->irradianceTint = {1, 2, 4, 1};
     mirt::connect(material, offsetof(SssParams, irradiance), colourFn);
     probe.colour = [](miState *) { return miColor{0.2f, 0.1f, 0.4f, 1}; };

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 void expectValue(float got, float want, float tol, const char *what)
 {
     if (tol == kUlps)
@@ -33,4 +35,11 @@ void expectRGB(const miColor &c, float r, float g, float b, float tol, const cha
     expectValue(c.r, r, tol, what);
     expectValue(c.g, g, tol, what);
     expectValue(c.b, b, tol, what);
+}
+
+uint32_t bitsOf(float f)
+{
+    uint32_t u;
+    std::memcpy(&u, &f, sizeof u);
+    return u;
 }

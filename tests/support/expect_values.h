@@ -10,6 +10,8 @@
 
 #include "shader.h"
 
+#include <cstdint>
+
 constexpr float kUlps = -1.0f;
 
 void expectValue(float got, float want, float tol, const char *what = "");
@@ -18,5 +20,8 @@ void expectVec(const miVector &v, const miVector &want, float tol = 1e-5f, const
 void expectColor(const miColor &c, float r, float g, float b, float a, float tol = kUlps, const char *what = "");
 /* Red, green and blue only. */
 void expectRGB(const miColor &c, float r, float g, float b, float tol = 1e-5f, const char *what = "");
+
+/* The bit pattern of a float, for checks that must hold to the bit. */
+uint32_t bitsOf(float f);
 
 #endif

@@ -89,6 +89,11 @@ void RuntimeTest::TearDown()
     mirt::reset();
 }
 
+BaseShaderState *baseRecord(miState *state)
+{
+    return static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr));
+}
+
 int countMessages(mirt::Level level, const std::string &text)
 {
     int n = 0;

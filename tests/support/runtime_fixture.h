@@ -57,6 +57,9 @@ private:
     std::vector<miState *> states_;
 };
 
+/* The host's base record of a state (KELU_BASE_STATE_KEY), or null. */
+BaseShaderState *baseRecord(miState *state);
+
 /* Messages logged since the last reset or clear: of `level` with exactly
    `text`, of `level` containing `part`, and of `level` at all. */
 int countMessages(mirt::Level level, const std::string &text);
