@@ -1,14 +1,15 @@
 /*
- * The fixture of the suites that drive the renderer runtime, and the message
- * counts they check.
+ * The fixture of the suites that drive the renderer runtime, and the lookups
+ * they share (the host's base record, message counts).
  *
  * Before each test the process-wide runtime is reset and, for a suite that
  * asks for one, a render context of the given size is made; then the suite's
  * prepare() runs.  After each test the suite's finish() runs, the states the
- * test began through the fixture are ended, the context is destroyed, and the test fails when a database item is still pinned, a
- * shader-interface handle is still out, or memory is live under any tag other
- * than those that live for the whole process by design (the gradient noise
- * table); then the runtime is reset again.
+ * test began through the fixture are ended and the context is destroyed; the
+ * test fails when a database item is still pinned, a shader-interface handle
+ * is still out, or memory is live under any tag other than those that live
+ * for the whole process by design (the gradient noise table).  Then the
+ * runtime is reset again.
  */
 #ifndef DRUX_RUNTIME_FIXTURE_H
 #define DRUX_RUNTIME_FIXTURE_H
