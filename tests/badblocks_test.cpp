@@ -7,6 +7,7 @@
 // memory tag returns to zero and no item stays pinned.
 #include "DruxShaderSDK.h"
 #include "fbuf_builder.h"
+#include "runtime_fixture.h"
 #include "runtime.h"
 
 #include <gtest/gtest.h>
@@ -27,43 +28,9 @@ namespace {
 
 const char *const kFbFile = "SDK/druxFrameBufferState";
 
-int errorsContaining(const std::string &text)
-{
-    int n = 0;
-    for (const mirt::Message &m : mirt::messages())
-        if (m.level == mirt::Level::Error && m.text.find(text) != std::string::npos)
-            ++n;
-    return n;
-}
-
-// Why nothing may be left: returns the first leftover, or "".
-std::string leftovers()
-{
-    if (mirt::mem_live_bytes(kFbFile) != 0)
-        return std::to_string(mirt::mem_live_bytes(kFbFile)) + " bytes live under " + kFbFile;
-    if (mirt::mem_live_bytes_total() != 0)
-        return std::to_string(mirt::mem_live_bytes_total()) + " bytes live in all";
-    if (mirt::db_total_pins() != 0)
-        return std::to_string(mirt::db_total_pins()) + " pins";
-    if (mirt::shader_interface_outstanding() != 0)
-        return "shader-interface handles outstanding";
-    return "";
-}
-
-class BadBlocks : public ::testing::Test {
+class BadBlocks : public RuntimeTest {
 protected:
-    void SetUp() override
-    {
-        mirt::reset();
-        ctx = std::make_unique<mirt::Context>(4, 4);
-    }
-    void TearDown() override
-    {
-        ctx.reset();
-        EXPECT_EQ(leftovers(), "");
-        mirt::reset();
-    }
-    std::unique_ptr<mirt::Context> ctx;
+    BadBlocks() : RuntimeTest(4, 4) {}
 };
 
 // ------------------------------------------------------------ frame-buffer blocks
@@ -148,13 +115,13 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
         EXPECT_EQ(published, c.reason == nullptr);
         EXPECT_EQ(mirt::db_total_pins(), 0);
         if (c.reason && !*c.reason) {
-            EXPECT_EQ(errorsContaining(""), 0) << "nothing to report";
+            EXPECT_EQ(countContaining(mirt::Level::Error, ""), 0) << "nothing to report";
             EXPECT_EQ(getFrameBufferDataBlock(st).tag, 0u);
         } else if (c.reason) {
             // One message per set-up, naming the block and the reason.
-            EXPECT_EQ(errorsContaining("is ignored"), 1);
-            EXPECT_EQ(errorsContaining(c.reason), 1);
-            EXPECT_EQ(errorsContaining("tag " + std::to_string(block) + ")"), 1);
+            EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 1);
+            EXPECT_EQ(countContaining(mirt::Level::Error, c.reason), 1);
+            EXPECT_EQ(countContaining(mirt::Level::Error, "tag " + std::to_string(block) + ")"), 1);
             EXPECT_EQ(mirt::mem_live_bytes(kFbFile), 0) << "a refused block allocates nothing";
             EXPECT_FALSE(ctx->run_state_op(st, miSHADERSTATE_STATE_INIT)) << "set-up fails on it";
             FrameBufferDataRef ref = getFrameBufferDataBlock(st);
@@ -162,7 +129,7 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
             EXPECT_EQ(ref.tag, 0u);
             EXPECT_EQ(ref.swapped, std::string(c.name) == "other byte order" ? miTRUE : miFALSE);
         } else {
-            EXPECT_EQ(errorsContaining("is ignored"), 0);
+            EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 0);
             // The slot block stays: 3 entries of 6 slots (trace depth 4 + 2) of 52 bytes.
             EXPECT_EQ(mirt::mem_live_bytes(kFbFile), 3 * 6 * 52);
             const miUint expect = std::string(c.name) == "counts do not add up" ? 0u : 3u;
@@ -170,7 +137,7 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
         }
         EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), c.reason ? 0u : static_cast<miUint>(ctx->add_framebuffer("matte")));
         ctx->end_state(st);
-        EXPECT_EQ(leftovers(), "");
+        EXPECT_EQ(RuntimeTest::leftovers(), "");
     }
     (void)s;
 }
@@ -195,17 +162,17 @@ TEST_F(BadBlocks, ADamagedBlockIsReportedOncePerState)
             EXPECT_EQ(getFrameBufferDataBlock(st).tag, 0u);
             EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), 0u);
         }
-        EXPECT_EQ(errorsContaining("is ignored"), 1);
+        EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 1);
         miState *other = ctx->begin_state();
         getFrameBufferDataBlock(other);
-        EXPECT_EQ(errorsContaining("is ignored"), 2) << "a second state reports it too";
+        EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 2) << "a second state reports it too";
         ctx->end_state(other);
         fbtest::FbufBuilder cut = threeRecords();
         cut.parameterSizeOverride(300);
         ctx->camera().userdata = cut.build();
         getNonMaterialPassFrameBufferIndex(st, 0);
         getNonMaterialPassFrameBufferIndex(st, 0);
-        EXPECT_EQ(errorsContaining("is ignored"), 3) << "another block under the same state";
+        EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 3) << "another block under the same state";
         ctx->end_state(st);
     }
 }
@@ -219,8 +186,8 @@ TEST_F(BadBlocks, NegativeTypeCountsThatAddUpArePublished)
     b.typeCount(13, -2).typeCount(20, 2).typeCount(4, -1).typeCount(6, 1); // 2 + 1 - 2 + 2 - 1 + 1 = 3
     fbtest::install(*ctx, b);
     mirt::clear_messages();
-    miState *st = ctx->begin_state();
-    EXPECT_EQ(errorsContaining(""), 0);
+    miState *st = beginState();
+    EXPECT_EQ(countContaining(mirt::Level::Error, ""), 0);
     ctx->begin_sample(st, 0, 0);
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
@@ -239,7 +206,6 @@ TEST_F(BadBlocks, NegativeTypeCountsThatAddUpArePublished)
     EXPECT_EQ(e[1].flags & FBINFO_SHADOW_PASS, 0u);
     // Entry 1 keeps the flag of its record's word 5.
     EXPECT_EQ(e[1].flags & FBINFO_ADD_REFLECTION, static_cast<miUint>(FBINFO_ADD_REFLECTION));
-    ctx->end_state(st);
 }
 
 // Every sequence of up to three state operations, on every block of the
@@ -296,7 +262,7 @@ TEST_F(BadBlocks, AnySequenceOfStateOperationsLeavesNothingBehind)
                 }
                 ctx->end_state(st);
                 ++lifecycles;
-                const std::string left = leftovers();
+                const std::string left = RuntimeTest::leftovers();
                 if (failure.empty() && !left.empty())
                     failure = std::string(cases[bi].name) + ", ops" + seq + ": " + left;
             }
@@ -351,7 +317,7 @@ TEST_F(BadBlocks, BlockRefusedUnderALiveStateStillReleasesTheSlots)
     FrameBufferInfo *e = nullptr;
     ASSERT_EQ(getFrameBufferInfo(st, nullptr, &e), 3u);
     EXPECT_EQ(e[0].fbId, DRUX_FBID_UNRESOLVED);
-    EXPECT_EQ(errorsContaining("is ignored"), 1);
+    EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 1);
     EXPECT_EQ(mirt::db_total_pins(), 0);
     ctx->end_state(st);
     EXPECT_EQ(mirt::mem_live_bytes(kFbFile), 0);
@@ -381,8 +347,8 @@ TEST_F(BadBlocks, ThreadsOnBadBlocksLeaveNothingBehind)
             });
         for (std::thread &th : threads)
             th.join();
-        EXPECT_EQ(leftovers(), "");
-        EXPECT_EQ(errorsContaining("is ignored"), block == badBlock ? 200 : 0);
+        EXPECT_EQ(RuntimeTest::leftovers(), "");
+        EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), block == badBlock ? 200 : 0);
         mirt::clear_messages();
     }
 }
@@ -509,16 +475,7 @@ struct RampBlock {
 
 class RampArrays : public BadBlocks {
 protected:
-    void SetUp() override
-    {
-        BadBlocks::SetUp();
-        st = ctx->begin_state();
-    }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        BadBlocks::TearDown();
-    }
+    void prepare() override { st = beginState(); }
     // The ramp built by a shader whose parameter block is `blk` (size bytes),
     // the ramp parameter at byte `at`.
     Ramp build(const void *blk, int size, int at)
@@ -541,7 +498,7 @@ TEST_F(RampArrays, ElementsWithinTheBlockAreUsed)
     const Ramp r = build(&blk, sizeof blk, 0); // elements 1 and 2 end exactly at the block's end
     EXPECT_EQ(r.count, 2);
     EXPECT_EQ(ramp_get_interp_float(&r, 0.25f), 1.5f);
-    EXPECT_EQ(errorsContaining("ramp_constructor()"), 0);
+    EXPECT_EQ(countContaining(mirt::Level::Error, "ramp_constructor()"), 0);
 }
 
 TEST_F(RampArrays, ElementsOutsideTheBlockRefuseTheRamp)
@@ -560,8 +517,8 @@ TEST_F(RampArrays, ElementsOutsideTheBlockRefuseTheRamp)
         EXPECT_EQ(r.count, 0);
         EXPECT_EQ(r.is_color, 0);
         EXPECT_EQ(ramp_get_interp_float(&r, 0.5f), 0.0f);
-        EXPECT_EQ(errorsContaining("reaches outside its parameter block"), 1);
-        EXPECT_EQ(errorsContaining("\"rampOwner\""), 1);
+        EXPECT_EQ(countContaining(mirt::Level::Error, "reaches outside its parameter block"), 1);
+        EXPECT_EQ(countContaining(mirt::Level::Error, "\"rampOwner\""), 1);
     }
 }
 
@@ -571,7 +528,7 @@ TEST_F(RampArrays, AHeaderCutByTheBlockEndRefusesTheRamp)
     // The parameter starts 4 bytes before the end: its count would lie past it.
     const Ramp r = build(&blk, sizeof blk, sizeof blk - 4);
     EXPECT_EQ(r.count, 0);
-    EXPECT_EQ(errorsContaining("does not fit in its parameter block"), 1);
+    EXPECT_EQ(countContaining(mirt::Level::Error, "does not fit in its parameter block"), 1);
 }
 
 TEST_F(RampArrays, ACopyOutsideAnyBlockIsReadAsGiven)
@@ -585,7 +542,7 @@ TEST_F(RampArrays, ACopyOutsideAnyBlockIsReadAsGiven)
     st->shader = nullptr;
     EXPECT_EQ(r.count, 2);
     EXPECT_EQ(ramp_get_interp_float(&r, 0.75f), 2.5f);
-    EXPECT_EQ(errorsContaining("ramp_constructor()"), 0);
+    EXPECT_EQ(countContaining(mirt::Level::Error, "ramp_constructor()"), 0);
 }
 
 // ------------------------------------------------------------ mask and settings records
@@ -595,7 +552,7 @@ TEST_F(BadBlocks, AMaskRecordTooShortForItsTagHoldsNoMask)
     const miTag text = mirt::db_create_string("5");
     FrameBufferInfo entries[4];
     std::memset(entries, 0, sizeof entries);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     struct Rec {
         const char *name;
         miTag record;
@@ -618,12 +575,11 @@ TEST_F(BadBlocks, AMaskRecordTooShortForItsTagHoldsNoMask)
         EXPECT_EQ(mirt::db_total_pins(), 0);
     }
     st->light_instance = 0;
-    ctx->end_state(st);
 }
 
 TEST_F(BadBlocks, ASettingsBlockShorterThanItsWordsCarriesNone)
 {
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     BaseShaderState bss{};
     bss.minContribution = 0.1f;
     bss.fullSampleContribution = 0.5f;
@@ -662,7 +618,6 @@ TEST_F(BadBlocks, ASettingsBlockShorterThanItsWordsCarriesNone)
         }
         EXPECT_EQ(mirt::db_total_pins(), 0);
     }
-    ctx->end_state(st);
 }
 
 } // namespace

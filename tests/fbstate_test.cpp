@@ -1,7 +1,9 @@
 // Frame-buffer data block, pass records, their queries and the frame-buffer
 // state shaders, driven through whole rendering states of the runtime.
 #include "DruxShaderSDK.h"
+#include "expect_values.h"
 #include "fbuf_builder.h"
+#include "runtime_fixture.h"
 #include "runtime.h"
 
 #include <gtest/gtest.h>
@@ -17,30 +19,6 @@ namespace {
 
 const char *const kTag = "SDK/druxFrameBufferState";
 const char *const kHeapOption = "kelu allocate temp data on heap";
-
-int countMessages(mirt::Level level, const std::string &text)
-{
-    int n = 0;
-    for (const mirt::Message &m : mirt::messages())
-        n += (m.level == level && m.text == text);
-    return n;
-}
-
-int countContaining(mirt::Level level, const std::string &part)
-{
-    int n = 0;
-    for (const mirt::Message &m : mirt::messages())
-        n += (m.level == level && m.text.find(part) != std::string::npos);
-    return n;
-}
-
-int countLevel(mirt::Level level)
-{
-    int n = 0;
-    for (const mirt::Message &m : mirt::messages())
-        n += (m.level == level);
-    return n;
-}
 
 miBoolean noopShader(void *, miState *, void *)
 {
@@ -61,14 +39,6 @@ void expectEvent(const mirt::MemEvent &e, int line, bool release, int64_t bytes)
     EXPECT_EQ(e.line, line);
     EXPECT_EQ(e.release, release);
     EXPECT_EQ(e.bytes, bytes);
-}
-
-void expectColor(const miColor &c, float r, float g, float b, float a)
-{
-    EXPECT_EQ(c.r, r);
-    EXPECT_EQ(c.g, g);
-    EXPECT_EQ(c.b, b);
-    EXPECT_EQ(c.a, a);
 }
 
 struct Records {
@@ -97,22 +67,10 @@ miBoolean runOp(miState *st, int op, miBoolean shaded = miTRUE)
     return druxFrameBufferState(nullptr, st, nullptr, &arg);
 }
 
-class FbState : public ::testing::Test {
+class FbState : public RuntimeTest {
 protected:
-    void SetUp() override
-    {
-        mirt::reset();
-        ctx = std::make_unique<mirt::Context>(4, 4);
-        ctx->options().trace_depth = 3; /* five slots per entry */
-    }
-    void TearDown() override
-    {
-        ctx.reset();
-        EXPECT_EQ(mirt::mem_live_bytes(kTag), 0);
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-        EXPECT_EQ(mirt::shader_interface_outstanding(), 0);
-    }
-    std::unique_ptr<mirt::Context> ctx;
+    FbState() : RuntimeTest(4, 4) {}
+    void prepare() override { ctx->options().trace_depth = 3; /* five slots per entry */ }
 };
 
 // ------------------------------------------------------------ whole states
@@ -175,17 +133,17 @@ TEST_F(FbState, WholeStateLifeCycle)
     EXPECT_EQ(r.entries[0].hostData[3], 14u);
     EXPECT_EQ(r.entries[0].hostTail, 15u);
     EXPECT_EQ(fbs->sampleValue, 0);
-    expectColor(fbs->sampleColor, 0, 0, 0, 0);
-    expectColor(r.entries[2].slots[0].result, 0, 0, 0, 0);
-    expectColor(r.entries[2].slots[0].opacity, 0, 0, 0, 0);
-    expectColor(r.entries[2].slots[1].result, 0.5f, 0.5f, 0.5f, 0.5f); /* deeper slots are the tracer's */
+    expectColor(fbs->sampleColor, 0, 0, 0, 0, 0);
+    expectColor(r.entries[2].slots[0].result, 0, 0, 0, 0, 0);
+    expectColor(r.entries[2].slots[0].opacity, 0, 0, 0, 0, 0);
+    expectColor(r.entries[2].slots[1].result, 0.5f, 0.5f, 0.5f, 0.5f, 0); /* deeper slots are the tracer's */
 
     // The material fills slot 0; the sample end writes it, alpha 1 except type 16.
     for (int i = 0; i < n; ++i)
         r.entries[i].slots[0].result = {0.125f * (i + 1), 0.25f, 0.5f, 0.5f};
     ctx->end_sample(st, miTRUE);
     for (int i = 0; i < n; ++i)
-        expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 2), 0.125f * (i + 1), 0.25f, 0.5f, i == 4 ? 0.5f : 1.0f);
+        expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 2), 0.125f * (i + 1), 0.25f, 0.5f, i == 4 ? 0.5f : 1.0f, 0);
 
     // A second sample looks nothing up again; an unshaded sample writes nothing.
     ctx->begin_sample(st, 3, 3);
@@ -193,7 +151,7 @@ TEST_F(FbState, WholeStateLifeCycle)
     const miColor before = ctx->fb_pixel(s.fbIndex[0], 3, 3);
     r.entries[0].slots[0].result = WHITE;
     ctx->end_sample(st, miFALSE);
-    expectColor(ctx->fb_pixel(s.fbIndex[0], 3, 3), before.r, before.g, before.b, before.a);
+    expectColor(ctx->fb_pixel(s.fbIndex[0], 3, 3), before.r, before.g, before.b, before.a, 0);
 
     // Exit releases the slot block and removes the records; a second exit does nothing.
     mirt::mem_clear_events();
@@ -218,7 +176,7 @@ TEST_F(FbState, RasterizerCompositesAndKeepsAlphaOnlyForTypes16To18)
         b.add("fb" + std::to_string(t), t);
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
     ctx->options().scanline = 'r';
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 0, 0);
     st->scanline = 1;
     Records r = records(st);
@@ -233,8 +191,8 @@ TEST_F(FbState, RasterizerCompositesAndKeepsAlphaOnlyForTypes16To18)
     ctx->end_sample(st, miTRUE);
     for (int i = 0; i < 5; ++i) {
         const bool keeps = i >= 1 && i <= 3;
-        expectColor(ctx->fb_pixel(s.fbIndex[i], 0, 0), 0.5f, 0.3125f, 0.625f, keeps ? 0.1875f : 1.0f);
-        expectColor(r.entries[i].slots[0].result, 0.0625f, 0.125f, 0.25f, 0.0625f); /* slot untouched */
+        expectColor(ctx->fb_pixel(s.fbIndex[i], 0, 0), 0.5f, 0.3125f, 0.625f, keeps ? 0.1875f : 1.0f, 0);
+        expectColor(r.entries[i].slots[0].result, 0.0625f, 0.125f, 0.25f, 0.0625f, 0); /* slot untouched */
     }
 
     // Without the state's scanline flag the plain path writes the slot, fixing its alpha in place.
@@ -247,7 +205,7 @@ TEST_F(FbState, RasterizerCompositesAndKeepsAlphaOnlyForTypes16To18)
     const float expected[] = {1.0f, 0.25f, 0.0f, 0.75f, -0.5f};
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(r.entries[i].slots[0].result.a, expected[i]) << i;
-        expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 0), 0.3f, 0.4f, 0.6f, expected[i]);
+        expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 0), 0.3f, 0.4f, 0.6f, expected[i], 0);
     }
 
     // A non-eye ray writes nothing.
@@ -257,8 +215,7 @@ TEST_F(FbState, RasterizerCompositesAndKeepsAlphaOnlyForTypes16To18)
     st->type = miRAY_REFLECT;
     EXPECT_TRUE(runOp(st, 3));
     st->type = miRAY_EYE;
-    expectColor(ctx->fb_pixel(s.fbIndex[0], 2, 0), before.r, before.g, before.b, before.a);
-    ctx->end_state(st);
+    expectColor(ctx->fb_pixel(s.fbIndex[0], 2, 0), before.r, before.g, before.b, before.a, 0);
 }
 
 TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
@@ -275,7 +232,7 @@ TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
         b.add("plain" + std::to_string(t), t);
     }
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 1, 1);
     Records r = records(st);
     ASSERT_EQ(r.n, 2u * DRUX_PASS_TYPES);
@@ -297,9 +254,8 @@ TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
     ctx->end_sample(st, miTRUE);
     for (miUint i = 0; i < r.n; ++i) {
         const float alpha = rule[i / 2] == 'K' ? 0.375f : 1.0f;
-        expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 1), 0.125f, 0.25f, 0.5f, alpha);
+        expectColor(ctx->fb_pixel(s.fbIndex[i], 1, 1), 0.125f, 0.25f, 0.5f, alpha, 0);
     }
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, StatesOnSeveralThreadsAtOnce)
@@ -332,7 +288,7 @@ TEST_F(FbState, StatesOnSeveralThreadsAtOnce)
     for (int t = 0; t < threads; ++t)
         for (int x = 0; x < 4; ++x)
             for (int i = 0; i < 3; ++i)
-                expectColor(ctx->fb_pixel(s.fbIndex[i], x, t), float(t), float(x), float(i), i == 2 ? 0.5f : 1.0f);
+                expectColor(ctx->fb_pixel(s.fbIndex[i], x, t), float(t), float(x), float(i), i == 2 ? 0.5f : 1.0f, 0);
 }
 
 // ------------------------------------------------------------ queries
@@ -344,7 +300,7 @@ TEST_F(FbState, TypeRangesAndCountChecks)
     b.add("b", 0);
     b.add("c", 12);
     fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     Records r = records(st);
     ASSERT_EQ(r.n, 3u);
     EXPECT_EQ(r.types->range[0].count, 2);
@@ -370,7 +326,6 @@ TEST_F(FbState, TypeRangesAndCountChecks)
     EXPECT_EQ(getFrameBufferState(st), nullptr);
     ctx->set_query_int(161, 1);
     EXPECT_NE(getFrameBufferState(st), nullptr);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, CountsThatDoNotAddUpDisableTheStateWithoutLeaking)
@@ -421,7 +376,7 @@ TEST_F(FbState, NamesAndNonMaterialPasses)
     b.addNonMaterialPass("ghost").declared = false;
     b.addNonMaterialPass("").nullName = true;
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
 
     EXPECT_EQ(getNamedFrameBufferID(static_cast<const miState *>(st), "beauty"), miUint(s.fbIndex[0]));
     EXPECT_EQ(getNamedFrameBufferID(static_cast<const miState *>(st), "nope"), 0u);
@@ -439,7 +394,6 @@ TEST_F(FbState, NamesAndNonMaterialPasses)
         EXPECT_EQ(mirt::db_total_pins(), 0) << i;
     }
     EXPECT_EQ(mirt::shader_interface_outstanding(), 0);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, NonMaterialLookupStopsAtTheCountBeforeAValidNeighbour)
@@ -453,11 +407,10 @@ TEST_F(FbState, NonMaterialLookupStopsAtTheCountBeforeAValidNeighbour)
     b.nonMaterialCount(1);
     fbtest::FbufSetup s = fbtest::install(*ctx, b);
     ASSERT_NE(s.nonMaterialIndex[1], 0);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), miUint(s.nonMaterialIndex[0]));
     EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 1), 0u);
     EXPECT_EQ(mirt::db_total_pins(), 0);
-    ctx->end_state(st);
 }
 
 TEST_F(FbState, KeyVariablesChooseWhereRecordsLive)
@@ -476,7 +429,7 @@ TEST_F(FbState, KeyVariablesChooseWhereRecordsLive)
     EXPECT_EQ(size, 104);
     EXPECT_EQ(mi_shaderstate_get(st, "druxFBInfo", nullptr), nullptr);
     EXPECT_EQ(records(st).n, 1u);
-    ctx->end_state(st);
+    ctx->end_state(st); /* under the key the records were stored with */
 }
 
 // ------------------------------------------------------------ bad data
@@ -589,7 +542,7 @@ TEST_F(FbState, InvalidOperationsAndInitChecks)
     b.add("a", 0);
     b.addNonMaterialPass("m");
     fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     Records r = records(st);
     ASSERT_EQ(r.n, 1u);
     std::vector<char> snapshot(reinterpret_cast<char *>(r.entries), reinterpret_cast<char *>(r.entries) + 104);
@@ -609,7 +562,7 @@ TEST_F(FbState, InvalidOperationsAndInitChecks)
     EXPECT_EQ(druxTraversal_version(), 1);
     miColor c = {0.5f, 0.5f, 0.5f, 0.5f};
     EXPECT_TRUE(druxTraversal(&c, st, nullptr));
-    expectColor(c, 0.5f, 0.5f, 0.5f, 0.5f);
+    expectColor(c, 0.5f, 0.5f, 0.5f, 0.5f, 0);
 
     mirt::clear_messages();
     const miTag material = mirt::make_function(miSHADER_MATERIAL, noopShader, nullptr, 0, 0, false, "m");
@@ -634,7 +587,6 @@ TEST_F(FbState, InvalidOperationsAndInitChecks)
     EXPECT_EQ(countMessages(mirt::Level::Error, std::string("druxFrameBufferState(): Not invoked as state shader.") + tail), 1);
     EXPECT_EQ(countMessages(mirt::Level::Error, std::string("druxFrameBufferInit(): Not invoked as state shader.") + tail), 1);
     EXPECT_EQ(countLevel(mirt::Level::Error), 2);
-    ctx->end_state(st);
 }
 
 miBoolean connectedColour(void *result, miState *, void *)
@@ -658,11 +610,11 @@ TEST_F(FbState, InitShaderFillsNonMaterialPasses)
     ASSERT_EQ(buffers, 3);
     for (int i = 1; i <= buffers; ++i)
         ctx->set_fb_pixel(i, 1, 1, {9, 9, 9, 9});
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 1, 1);
-    expectColor(ctx->fb_pixel(s.nonMaterialIndex[0], 1, 1), 0.25f, 0.5f, 0.75f, 1.0f);
-    expectColor(ctx->fb_pixel(s.nonMaterialIndex[1], 1, 1), 0.75f, 0.5f, 0.25f, 1.0f);
-    expectColor(ctx->fb_pixel(s.fbIndex[0], 1, 1), 9, 9, 9, 9); /* pass 2 is beyond the array */
+    expectColor(ctx->fb_pixel(s.nonMaterialIndex[0], 1, 1), 0.25f, 0.5f, 0.75f, 1.0f, 0);
+    expectColor(ctx->fb_pixel(s.nonMaterialIndex[1], 1, 1), 0.75f, 0.5f, 0.25f, 1.0f, 0);
+    expectColor(ctx->fb_pixel(s.fbIndex[0], 1, 1), 9, 9, 9, 9, 0); /* pass 2 is beyond the array */
 
     // Direct calls: indices beyond the array and the operations that do nothing.
     for (int i = 1; i <= buffers; ++i)
@@ -678,9 +630,8 @@ TEST_F(FbState, InitShaderFillsNonMaterialPasses)
         EXPECT_TRUE(druxFrameBufferInit(nullptr, st, &p, &arg));
     }
     for (int i = 1; i <= buffers; ++i)
-        expectColor(ctx->fb_pixel(i, 1, 1), 9, 9, 9, 9);
+        expectColor(ctx->fb_pixel(i, 1, 1), 9, 9, 9, 9, 0);
     EXPECT_EQ(mirt::db_total_pins(), 0);
-    ctx->end_state(st);
 }
 
 } // namespace

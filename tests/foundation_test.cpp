@@ -1,8 +1,10 @@
 // Constants, messages, user-data chains, scratch allocators and stacks, camera
 // origin, colour conversion and the motion time sampler.
 #include "DruxShaderSDK.h"
-#include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,32 +16,18 @@
 
 namespace {
 
-uint32_t bits(float f)
-{
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
-
-void expectColor(const miColor &c, float r, float g, float b, float a)
-{
-    EXPECT_FLOAT_EQ(c.r, r);
-    EXPECT_FLOAT_EQ(c.g, g);
-    EXPECT_FLOAT_EQ(c.b, b);
-    EXPECT_FLOAT_EQ(c.a, a);
-}
 
 // ------------------------------------------------------------ constants
 
 TEST(Constants, FloatBitPatterns)
 {
-    EXPECT_EQ(bits(KELU_EPS), 0x3727C5ACu);
+    EXPECT_EQ(bitsOf(KELU_EPS), 0x3727C5ACu);
     EXPECT_EQ(static_cast<double>(KELU_EPS), 0.00000999999974737875163555145263671875);
-    EXPECT_EQ(bits(KELU_LUMINANCE_RED), 0x3E99999Au);
-    EXPECT_EQ(bits(KELU_LUMINANCE_GREEN), 0x3F170A3Du);
-    EXPECT_EQ(bits(KELU_LUMINANCE_BLUE), 0x3DE147AEu);
-    EXPECT_EQ(bits(TRANSLUCENCE_ANGLE_FAC), 0xC1380000u);
-    EXPECT_EQ(bits(TRANSLUCENCE_FADE), 0x3E19999Au);
+    EXPECT_EQ(bitsOf(KELU_LUMINANCE_RED), 0x3E99999Au);
+    EXPECT_EQ(bitsOf(KELU_LUMINANCE_GREEN), 0x3F170A3Du);
+    EXPECT_EQ(bitsOf(KELU_LUMINANCE_BLUE), 0x3DE147AEu);
+    EXPECT_EQ(bitsOf(TRANSLUCENCE_ANGLE_FAC), 0xC1380000u);
+    EXPECT_EQ(bitsOf(TRANSLUCENCE_FADE), 0x3E19999Au);
 }
 
 TEST(Constants, IntegersAndBits)
@@ -125,12 +113,41 @@ TEST(Messages, FatalDoesNotReturn)
     EXPECT_EQ(msgs[0].level, mirt::Level::Fatal);
 }
 
+// ------------------------------------------------------------ test fixture
+
+// The shared fixture's check after each test: it fails on a pinned item and
+// on live memory under an ordinary tag, names them, and lets the process-wide
+// noise table's tag live.
+TEST(Fixture, AfterTestCheckFindsPinsAndLiveMemory)
+{
+    struct Probe : RuntimeTest {
+        Probe() : RuntimeTest(2, 2) {}
+        void TestBody() override {}
+        using RuntimeTest::SetUp;
+        using RuntimeTest::TearDown;
+    } probe;
+    probe.SetUp();
+    const miTag item = mirt::db_create_string("pinned");
+    ASSERT_NE(mi_db_access(item), nullptr);
+    void *mem = mi_mem_int_allocate("tests/fixture", 1, 40);
+    void *kept = mi_mem_int_allocate("SDK/druxNoise", 2, 24);
+    EXPECT_EQ(RuntimeTest::liveBytesOutsideProcessTags(), 40);
+    const std::string left = RuntimeTest::leftovers();
+    EXPECT_NE(left.find("1 pin(s) on item(s) " + std::to_string(item)), std::string::npos) << left;
+    EXPECT_NE(left.find("40 byte(s) live [tests/fixture: 40]"), std::string::npos) << left;
+    EXPECT_EQ(left.find("druxNoise"), std::string::npos) << left;
+    EXPECT_NONFATAL_FAILURE(probe.TearDown(), "40 byte(s) live");
+    mi_mem_int_release("tests/fixture", 3, mem);
+    mi_mem_int_release("SDK/druxNoise", 4, kept);
+    EXPECT_EQ(RuntimeTest::leftovers(), "") << "the reset after the test drops the database and its pins";
+}
+
 // ------------------------------------------------------------ user data
 
 constexpr int FBUF = 0x46427566;
 constexpr int SWAPPED_FBUF = 0x66754246;
 
-struct Chain : ::testing::Test {
+struct Chain : RuntimeTest {
     std::vector<miTag> blocks;
     miTag block(int magic, int payload, miTag next)
     {
@@ -151,7 +168,6 @@ struct Chain : ::testing::Test {
         static_cast<miInstance *>(mirt::db_data(t))->item = item;
         return t;
     }
-    void TearDown() override { EXPECT_EQ(mirt::db_total_pins(), 0); }
 };
 
 int payloadOf(void *params) { return static_cast<int *>(params)[1]; }
@@ -248,13 +264,13 @@ TEST_F(Chain, BrokenChainsAndMissingMagic)
 
 // ------------------------------------------------------------ scratch allocators and stacks
 
-struct Scratch : ::testing::Test {
+// The fixture's check after each test finds any scratch memory left live.
+struct Scratch : RuntimeTest {
     miLock lock = nullptr;
-    void SetUp() override { mi_init_lock(&lock); }
-    void TearDown() override
+    void prepare() override { mi_init_lock(&lock); }
+    void finish() override
     {
         clr_tla_list(lock);
-        EXPECT_EQ(mirt::mem_live_bytes("SDK/druxKeluState"), 0);
         mi_delete_lock(&lock);
     }
 };
@@ -432,19 +448,18 @@ TEST(Colour, RoundTripsAndInPlace)
 
 // ------------------------------------------------------------ time sampler
 
-struct TimeSampler : ::testing::Test {
-    mirt::Context ctx;
+struct TimeSampler : RuntimeTest {
     miState *state = nullptr;
-    void SetUp() override
+    TimeSampler() : RuntimeTest(8, 8) {}
+    void prepare() override
     {
-        state = ctx.begin_state(0);
-        ctx.options().shutter_delay = 0.0f;
-        ctx.options().shutter = 1.0f;
-        ctx.options().time_contrast = miColor{0.2f, 0.25f, 0.5f, 1.0f};
-        ctx.set_query_int(miQ_MOTION_BY_RENDERER, 0);
-        ctx.set_query_int(miQ_PRECOMPUTE_PASS, 0);
+        state = beginState();
+        ctx->options().shutter_delay = 0.0f;
+        ctx->options().shutter = 1.0f;
+        ctx->options().time_contrast = miColor{0.2f, 0.25f, 0.5f, 1.0f};
+        ctx->set_query_int(miQ_MOTION_BY_RENDERER, 0);
+        ctx->set_query_int(miQ_PRECOMPUTE_PASS, 0);
     }
-    void TearDown() override { ctx.end_state(state); }
     std::vector<double> run(int motion, double start)
     {
         TmSampler s;
@@ -481,7 +496,7 @@ TEST_F(TimeSampler, CountsFromTheSmallestContrast)
         unsigned count;
     } cases[] = {{0.3f, 3}, {0.005f, 100}, {0.0099f, 100}};
     for (const auto &c : cases) {
-        ctx.options().time_contrast = miColor{1.0f, c.m, 1.0f, 1.0f};
+        ctx->options().time_contrast = miColor{1.0f, c.m, 1.0f, 1.0f};
         TmSampler s;
         tmsampler_init(&s, state, 1);
         EXPECT_EQ(s.count, c.count) << c.m;
@@ -491,13 +506,13 @@ TEST_F(TimeSampler, CountsFromTheSmallestContrast)
     // below k for some k (29.99998 for k = 30), so the count may not truncate.
     for (int k = 2; k <= 100; ++k) {
         const float m = 1.0f / static_cast<float>(k);
-        ctx.options().time_contrast = miColor{m, 1.0f, 1.0f, 1.0f};
+        ctx->options().time_contrast = miColor{m, 1.0f, 1.0f, 1.0f};
         TmSampler s;
         tmsampler_init(&s, state, 1);
         EXPECT_EQ(s.count, static_cast<unsigned>(k)) << "m = 1/" << k;
         EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(k)) << k;
     }
-    ctx.options().time_contrast = miColor{1.0f, 2.0f, 1.5f, 0.0f};
+    ctx->options().time_contrast = miColor{1.0f, 2.0f, 1.5f, 0.0f};
     TmSampler s;
     tmsampler_init(&s, state, 1);
     EXPECT_EQ(s.count, 1u);
@@ -525,20 +540,20 @@ TEST_F(TimeSampler, SingleSampleCases)
         tmsampler_next(&s, state);
         EXPECT_NEAR(state->time, 0.5, 1e-9);
     }
-    ctx.set_query_int(miQ_PRECOMPUTE_PASS, 1);
+    ctx->set_query_int(miQ_PRECOMPUTE_PASS, 1);
     expectSingle("precompute pass");
-    ctx.set_query_int(miQ_PRECOMPUTE_PASS, 0);
-    ctx.set_query_int(miQ_MOTION_BY_RENDERER, 1);
+    ctx->set_query_int(miQ_PRECOMPUTE_PASS, 0);
+    ctx->set_query_int(miQ_MOTION_BY_RENDERER, 1);
     expectSingle("renderer samples motion");
-    ctx.fail_query(miQ_MOTION_BY_RENDERER);
+    ctx->fail_query(miQ_MOTION_BY_RENDERER);
     expectSingle("query fails");
-    ctx.set_query_int(miQ_MOTION_BY_RENDERER, 0);
-    ctx.options().shutter = 0.0f;
+    ctx->set_query_int(miQ_MOTION_BY_RENDERER, 0);
+    ctx->options().shutter = 0.0f;
     expectSingle("shutter closed");
-    ctx.options().shutter = 1.0f;
-    ctx.options().time_contrast = miColor{0.5f, 0.0f, 0.5f, 1.0f};
+    ctx->options().shutter = 1.0f;
+    ctx->options().time_contrast = miColor{0.5f, 0.0f, 0.5f, 1.0f};
     expectSingle("zero contrast");
-    ctx.options().time_contrast = miColor{0.5f, 0.5f, -1.0f, 1.0f};
+    ctx->options().time_contrast = miColor{0.5f, 0.5f, -1.0f, 1.0f};
     expectSingle("negative contrast");
 }
 

@@ -14,6 +14,8 @@
 #include "render.h"
 #include "scene.h"
 
+#include "expect_values.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,12 +29,6 @@ using namespace druxhost;
 
 namespace {
 
-uint32_t bitsOf(float f)
-{
-    uint32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    return b;
-}
 
 TEST(Cryptomatte, HashAndIdMatchThePublishedVectors)
 {
@@ -202,34 +198,26 @@ SceneDesc groundAndBox(bool dataPasses)
                                : ""));
 }
 
-void expectColor(const miColor &c, float r, float g, float b, float a, const char *what)
-{
-    EXPECT_NEAR(c.r, r, 1e-4f) << what;
-    EXPECT_NEAR(c.g, g, 1e-4f) << what;
-    EXPECT_NEAR(c.b, b, 1e-4f) << what;
-    EXPECT_NEAR(c.a, a, 1e-6f) << what;
-}
-
 TEST(DataPasses, HoldDepthNormalPositionAndAlbedoOfTheFirstHit)
 {
     const RenderResult r = render(groundAndBox(true), RenderOptions());
     const Image &depth = *r.pass("depth"), &normal = *r.pass("normal"), &position = *r.pass("position"),
                 &albedo = *r.pass("albedo"), &coverage = *r.pass("coverage");
     /* the middle pixel sees the box's top face, 8 units away */
-    expectColor(depth.at(10, 7), 8, 8, 8, 1, "depth, box");
-    expectColor(normal.at(10, 7), 0, 0, 1, 1, "normal, box");
+    expectColor(depth.at(10, 7), 8, 8, 8, 1, 1e-4f, "depth, box");
+    expectColor(normal.at(10, 7), 0, 0, 1, 1, 1e-4f, "normal, box");
     EXPECT_NEAR(position.at(10, 7).b, 2.0f, 1e-4f);
     EXPECT_NEAR(position.at(10, 7).r, 0.0f, 0.2f);
-    expectColor(albedo.at(10, 7), 0.1f, 0.6f, 0.3f, 1, "albedo, box");
+    expectColor(albedo.at(10, 7), 0.1f, 0.6f, 0.3f, 1, 1e-4f, "albedo, box");
     /* a corner pixel sees the ground: depth along the viewing axis, not the
        slanted distance; albedo is kd times the diffuse colour */
-    expectColor(depth.at(0, 0), 10, 10, 10, 1, "depth, ground");
-    expectColor(normal.at(0, 0), 0, 0, 1, 1, "normal, ground");
+    expectColor(depth.at(0, 0), 10, 10, 10, 1, 1e-4f, "depth, ground");
+    expectColor(normal.at(0, 0), 0, 0, 1, 1, 1e-4f, "normal, ground");
     EXPECT_NEAR(position.at(0, 0).b, 0.0f, 1e-4f);
     EXPECT_LT(position.at(0, 0).r, -2.0f);
     EXPECT_GT(position.at(0, 0).g, 1.5f); /* top of the picture: +y */
-    expectColor(albedo.at(0, 0), 0.4f, 0.1f, 0.05f, 1, "albedo, ground");
-    expectColor(coverage.at(3, 3), 1, 1, 1, 1, "coverage");
+    expectColor(albedo.at(0, 0), 0.4f, 0.1f, 0.05f, 1, 1e-4f, "albedo, ground");
+    expectColor(coverage.at(3, 3), 1, 1, 1, 1, 1e-4f, "coverage");
 
     /* an edge pixel of the box: depth keeps the nearest sample, the averaged
        passes mix both surfaces */
@@ -256,11 +244,11 @@ TEST(DataPasses, MissesLeaveThemEmptyAlphaIsCoverageAndMattesRankNoSky)
     const RenderResult r = render(
         twoPlanes(9, 2, true, "pass depth depth\npass normal normal\npass coverage coverage\n"), RenderOptions());
     const float mid = r.mattes[0].coverage(4, 0, cryptoId("left"));
-    expectColor(r.pass("coverage")->at(4, 0), mid, mid, mid, mid, "coverage, split pixel");
-    expectColor(r.pass("depth")->at(4, 0), 10, 10, 10, mid, "depth, split pixel");
-    expectColor(r.pass("normal")->at(4, 0), 0, 0, mid, mid, "normal, split pixel");
-    expectColor(r.pass("depth")->at(8, 0), kNoDepth, kNoDepth, kNoDepth, 0, "depth, sky");
-    expectColor(r.pass("normal")->at(8, 0), 0, 0, 0, 0, "normal, sky");
+    expectColor(r.pass("coverage")->at(4, 0), mid, mid, mid, mid, 1e-4f, "coverage, split pixel");
+    expectColor(r.pass("depth")->at(4, 0), 10, 10, 10, mid, 1e-4f, "depth, split pixel");
+    expectColor(r.pass("normal")->at(4, 0), 0, 0, mid, mid, 1e-4f, "normal, split pixel");
+    expectColor(r.pass("depth")->at(8, 0), kNoDepth, kNoDepth, kNoDepth, 0, 1e-4f, "depth, sky");
+    expectColor(r.pass("normal")->at(8, 0), 0, 0, 0, 0, 1e-4f, "normal, sky");
     /* the matte: the sky counts in the pixel but gets no rank */
     EXPECT_GT(mid, 0.3f);
     EXPECT_LT(mid, 0.7f);

@@ -18,7 +18,8 @@
 
 #include "DruxShaderSDK.h"
 #include "geometry.h"
-#include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -41,10 +42,7 @@ namespace {
 
 constexpr float kTol = 1e-4f;
 
-class HostRender : public ::testing::Test {
-protected:
-    void SetUp() override { mirt::clear_messages(); }
-};
+class HostRender : public RuntimeTest {};
 
 float maxDiff(const miColor &a, const miColor &b)
 {
@@ -403,13 +401,6 @@ SceneDesc handScene(float occluderTransparency, bool withOccluder)
     return s;
 }
 
-void expectRGB(const miColor &c, float r, float g, float b, const char *what)
-{
-    EXPECT_NEAR(c.r, r, 1e-5f) << what;
-    EXPECT_NEAR(c.g, g, 1e-5f) << what;
-    EXPECT_NEAR(c.b, b, 1e-5f) << what;
-}
-
 TEST_F(HostRender, CentrePixelMatchesHandCalculation)
 {
     const float c = 0.70710678f;
@@ -417,28 +408,28 @@ TEST_F(HostRender, CentrePixelMatchesHandCalculation)
     const float sp = 0.2f * 0.5f * 2;
     {
         const RenderResult r = renderWith(handScene(0, false), 1);
-        expectRGB(r.pass("diffuse")->at(1, 1), dr, dg, db, "diffuse, unshadowed");
-        expectRGB(r.pass("specular")->at(1, 1), sp, sp, sp, "specular, unshadowed");
-        expectRGB(r.pass("beauty")->at(1, 1), dr + sp, dg + sp, db + sp, "beauty, unshadowed");
-        expectRGB(r.pass("lamp")->at(1, 1), dr + sp, dg + sp, db + sp, "the lamp's group");
-        expectRGB(r.pass("other")->at(1, 1), 0, 0, 0, "another group");
-        expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, "shadow, nothing in the way");
+        expectRGB(r.pass("diffuse")->at(1, 1), dr, dg, db, 1e-5f, "diffuse, unshadowed");
+        expectRGB(r.pass("specular")->at(1, 1), sp, sp, sp, 1e-5f, "specular, unshadowed");
+        expectRGB(r.pass("beauty")->at(1, 1), dr + sp, dg + sp, db + sp, 1e-5f, "beauty, unshadowed");
+        expectRGB(r.pass("lamp")->at(1, 1), dr + sp, dg + sp, db + sp, 1e-5f, "the lamp's group");
+        expectRGB(r.pass("other")->at(1, 1), 0, 0, 0, 1e-5f, "another group");
+        expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, 1e-5f, "shadow, nothing in the way");
         EXPECT_EQ(r.pass("beauty")->at(1, 1).a, 1.0f);
     }
     {
         /* an opaque card on the way to the lamp: all of it is taken away */
         const RenderResult r = renderWith(handScene(0, true), 1);
-        expectRGB(r.pass("diffuse")->at(1, 1), 0, 0, 0, "diffuse, opaque occluder");
-        expectRGB(r.pass("beauty")->at(1, 1), 0, 0, 0, "beauty, opaque occluder");
-        expectRGB(r.pass("shadow")->at(1, 1), dr + sp, dg + sp, db + sp, "shadow, opaque occluder");
+        expectRGB(r.pass("diffuse")->at(1, 1), 0, 0, 0, 1e-5f, "diffuse, opaque occluder");
+        expectRGB(r.pass("beauty")->at(1, 1), 0, 0, 0, 1e-5f, "beauty, opaque occluder");
+        expectRGB(r.pass("shadow")->at(1, 1), dr + sp, dg + sp, db + sp, 1e-5f, "shadow, opaque occluder");
     }
     {
         /* a card letting a quarter through */
         const RenderResult r = renderWith(handScene(0.25f, true), 1);
-        expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * dr, 0.25f * dg, 0.25f * db, "diffuse, veil");
-        expectRGB(r.pass("specular")->at(1, 1), 0.25f * sp, 0.25f * sp, 0.25f * sp, "specular, veil");
+        expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * dr, 0.25f * dg, 0.25f * db, 1e-5f, "diffuse, veil");
+        expectRGB(r.pass("specular")->at(1, 1), 0.25f * sp, 0.25f * sp, 0.25f * sp, 1e-5f, "specular, veil");
         expectRGB(r.pass("shadow")->at(1, 1), 0.75f * (dr + sp), 0.75f * (dg + sp), 0.75f * (db + sp),
-                  "shadow, veil");
+                  1e-5f, "shadow, veil");
     }
 }
 
@@ -451,11 +442,11 @@ TEST_F(HostRender, OccluderMaskLimitsWhichPassesItShadows)
     const RenderResult r = renderWith(s, 1);
     const float c = 0.70710678f;
     expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * 0.8f * 0.5f * c * 2, 0.25f * 0.8f * 0.25f * c * 2,
-              0.25f * 0.8f * 0.75f * c * 2, "masked occluder, diffuse");
-    expectRGB(r.pass("specular")->at(1, 1), 0.2f, 0.2f, 0.2f, "masked occluder, specular");
+              0.25f * 0.8f * 0.75f * c * 2, 1e-5f, "masked occluder, diffuse");
+    expectRGB(r.pass("specular")->at(1, 1), 0.2f, 0.2f, 0.2f, 1e-5f, "masked occluder, specular");
     /* every pass but the diffuse one sees the lamp unshadowed, the shadow
        pass included: nothing was taken away from it */
-    expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, "masked occluder, shadow");
+    expectRGB(r.pass("shadow")->at(1, 1), 0, 0, 0, 1e-5f, "masked occluder, shadow");
 }
 
 TEST_F(HostRender, SharedShadowIgnoresOccluderMasks)
@@ -468,9 +459,9 @@ TEST_F(HostRender, SharedShadowIgnoresOccluderMasks)
     const RenderResult r = renderWith(s, 1);
     const float c = 0.70710678f;
     const float dr = 0.8f * 0.5f * c * 2, dg = 0.8f * 0.25f * c * 2, db = 0.8f * 0.75f * c * 2, sp = 0.2f;
-    expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * dr, 0.25f * dg, 0.25f * db, "shared, diffuse");
-    expectRGB(r.pass("specular")->at(1, 1), 0.25f * sp, 0.25f * sp, 0.25f * sp, "shared, specular");
-    expectRGB(r.pass("shadow")->at(1, 1), 0.75f * (dr + sp), 0.75f * (dg + sp), 0.75f * (db + sp), "shared, shadow");
+    expectRGB(r.pass("diffuse")->at(1, 1), 0.25f * dr, 0.25f * dg, 0.25f * db, 1e-5f, "shared, diffuse");
+    expectRGB(r.pass("specular")->at(1, 1), 0.25f * sp, 0.25f * sp, 0.25f * sp, 1e-5f, "shared, specular");
+    expectRGB(r.pass("shadow")->at(1, 1), 0.75f * (dr + sp), 0.75f * (dg + sp), 0.75f * (db + sp), 1e-5f, "shared, shadow");
 }
 
 TEST_F(HostRender, RectangularLightWithSeveralShadowRays)
@@ -505,7 +496,7 @@ TEST_F(HostRender, RectangularLightWithSeveralShadowRays)
     back.lights[0].u = {0, 0.004f, 0};
     back.lights[0].v = {-0.0028284f, 0, 0.0028284f};
     const RenderResult r = renderWith(back, 1);
-    expectRGB(r.pass("beauty")->at(1, 1), 0, 0, 0, "back of the light");
+    expectRGB(r.pass("beauty")->at(1, 1), 0, 0, 0, 1e-5f, "back of the light");
 }
 
 TEST_F(HostRender, TextureDrivesTheDiffuseColour)
@@ -520,7 +511,7 @@ TEST_F(HostRender, TextureDrivesTheDiffuseColour)
     const RenderResult r = renderWith(s, 1);
     const float c = 0.70710678f;
     expectRGB(r.pass("diffuse")->at(1, 1), 0.8f * 0.2f * c * 2, 0.8f * 0.4f * c * 2, 0.8f * 0.6f * c * 2,
-              "diffuse from the texture");
+              1e-5f, "diffuse from the texture");
 }
 
 /* A 3 x 3 view straight down at a plane under a sky of one colour. */
@@ -550,9 +541,9 @@ TEST_F(HostRender, ReflectionRefractionAndIndirectLightOfAPlainSky)
         const RenderResult r = renderWith(skyScene(mirror), 1);
         for (int y = 0; y < 3; ++y)
             for (int x = 0; x < 3; ++x) {
-                expectRGB(r.pass("reflection")->at(x, y), 0.1f, 0.1f, 0.1f, "mirror: reflection");
-                expectRGB(r.pass("beauty")->at(x, y), 0.1f, 0.1f, 0.1f, "mirror: beauty");
-                expectRGB(r.pass("background")->at(x, y), 0, 0, 0, "mirror: no background");
+                expectRGB(r.pass("reflection")->at(x, y), 0.1f, 0.1f, 0.1f, 1e-5f, "mirror: reflection");
+                expectRGB(r.pass("beauty")->at(x, y), 0.1f, 0.1f, 0.1f, 1e-5f, "mirror: beauty");
+                expectRGB(r.pass("background")->at(x, y), 0, 0, 0, 1e-5f, "mirror: no background");
             }
     }
     MaterialDesc pane;
@@ -562,9 +553,9 @@ TEST_F(HostRender, ReflectionRefractionAndIndirectLightOfAPlainSky)
     {
         /* index 1: the ray goes straight through to the sky */
         const RenderResult r = renderWith(skyScene(pane), 1);
-        expectRGB(r.pass("refraction")->at(1, 1), 0.12f, 0.24f, 0.48f, "pane: refraction");
-        expectRGB(r.pass("beauty")->at(1, 1), 0.12f, 0.24f, 0.48f, "pane: beauty");
-        expectRGB(r.pass("reflection")->at(1, 1), 0, 0, 0, "pane: reflection");
+        expectRGB(r.pass("refraction")->at(1, 1), 0.12f, 0.24f, 0.48f, 1e-5f, "pane: refraction");
+        expectRGB(r.pass("beauty")->at(1, 1), 0.12f, 0.24f, 0.48f, 1e-5f, "pane: beauty");
+        expectRGB(r.pass("reflection")->at(1, 1), 0, 0, 0, 1e-5f, "pane: reflection");
     }
     MaterialDesc half;
     half.diffuse = {0.5f, 0.25f, 0.75f, 1};
@@ -585,11 +576,11 @@ TEST_F(HostRender, ReflectionRefractionAndIndirectLightOfAPlainSky)
         const RenderResult r = renderWith(s, 1);
         const float c = 0.70710678f;
         const float dr = 0.6f * 0.8f * 0.5f * c * 2, dg = 0.6f * 0.8f * 0.25f * c * 2, db = 0.6f * 0.8f * 0.75f * c * 2;
-        expectRGB(r.pass("diffuse")->at(1, 1), dr, dg, db, "half: diffuse");
-        expectRGB(r.pass("specular")->at(1, 1), 0.06f, 0.06f, 0.06f, "half: specular");
-        expectRGB(r.pass("refraction")->at(1, 1), 0.08f, 0.16f, 0.32f, "half: refraction");
+        expectRGB(r.pass("diffuse")->at(1, 1), dr, dg, db, 1e-5f, "half: diffuse");
+        expectRGB(r.pass("specular")->at(1, 1), 0.06f, 0.06f, 0.06f, 1e-5f, "half: specular");
+        expectRGB(r.pass("refraction")->at(1, 1), 0.08f, 0.16f, 0.32f, 1e-5f, "half: refraction");
         expectRGB(r.pass("beauty")->at(1, 1), dr + 0.06f + 0.08f, dg + 0.06f + 0.16f, db + 0.06f + 0.32f,
-                  "half: beauty");
+                  1e-5f, "half: beauty");
     }
     MaterialDesc matte;
     matte.diffuse = {1, 0.5f, 1, 1};
@@ -600,9 +591,9 @@ TEST_F(HostRender, ReflectionRefractionAndIndirectLightOfAPlainSky)
         s.options.finalgather = true;
         s.options.fgRays = 5;
         const RenderResult r = renderWith(s, 1);
-        expectRGB(r.pass("indirect")->at(1, 1), 0.8f * 0.2f, 0.8f * 0.5f * 0.4f, 0.8f * 0.8f, "matte: indirect");
-        expectRGB(r.pass("beauty")->at(1, 1), 0.8f * 0.2f, 0.8f * 0.5f * 0.4f, 0.8f * 0.8f, "matte: beauty");
-        expectRGB(r.pass("diffuse")->at(1, 1), 0, 0, 0, "matte: no lamp");
+        expectRGB(r.pass("indirect")->at(1, 1), 0.8f * 0.2f, 0.8f * 0.5f * 0.4f, 0.8f * 0.8f, 1e-5f, "matte: indirect");
+        expectRGB(r.pass("beauty")->at(1, 1), 0.8f * 0.2f, 0.8f * 0.5f * 0.4f, 0.8f * 0.8f, 1e-5f, "matte: beauty");
+        expectRGB(r.pass("diffuse")->at(1, 1), 0, 0, 0, 1e-5f, "matte: no lamp");
     }
 }
 
@@ -626,12 +617,12 @@ TEST_F(HostRender, EyeRaysThatMissShowTheSky)
         }
     /* the sky's colours: zenith straight up, horizon level, ground below */
     const miColor up = skyColor(env, {0, 0, 1}), level = skyColor(env, {1, 0, 0}), down = skyColor(env, {0, 0, -1});
-    expectRGB(up, s.environment.zenith.r, s.environment.zenith.g, s.environment.zenith.b, "zenith");
-    expectRGB(level, s.environment.horizon.r, s.environment.horizon.g, s.environment.horizon.b, "horizon");
-    expectRGB(down, s.environment.ground.r, s.environment.ground.g, s.environment.ground.b, "ground");
+    expectRGB(up, s.environment.zenith.r, s.environment.zenith.g, s.environment.zenith.b, 1e-5f, "zenith");
+    expectRGB(level, s.environment.horizon.r, s.environment.horizon.g, s.environment.horizon.b, 1e-5f, "horizon");
+    expectRGB(down, s.environment.ground.r, s.environment.ground.g, s.environment.ground.b, 1e-5f, "ground");
     env.intensity = 2;
     expectRGB(skyColor(env, {0, 0, 1}), 2 * s.environment.zenith.r, 2 * s.environment.zenith.g,
-              2 * s.environment.zenith.b, "zenith, intensity 2");
+              2 * s.environment.zenith.b, 1e-5f, "zenith, intensity 2");
 }
 
 TEST_F(HostRender, ProgressGoesFromZeroToOne)

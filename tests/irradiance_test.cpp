@@ -1,8 +1,10 @@
 // Indirect light (path-weight cut-off, per-object settings, final-gather ray
 // scaling) and surface derivatives through the runtime.
 #include "DruxShaderSDK.h"
+#include "expect_values.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -17,8 +19,7 @@ namespace {
 thread_local std::vector<miColor> gatherWeights;
 miBoolean gatherEnv(void *result, miState *s, void *)
 {
-    gatherWeights.push_back(
-        static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr))->pathWeight);
+    gatherWeights.push_back(baseRecord(s)->pathWeight);
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 2, 1};
     return miTRUE;
 }
@@ -34,33 +35,24 @@ struct Params {
     miColor irradiance;
 };
 
-uint32_t bitsOf(float f)
-{
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
 
-class Irradiance : public ::testing::Test {
+class Irradiance : public RuntimeTest {
 protected:
-    void SetUp() override
+    Irradiance() : RuntimeTest(4, 4) {}
+    void prepare() override
     {
-        mirt::reset();
-        ctx = std::make_unique<mirt::Context>(4, 4);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, gatherEnv, nullptr, 0, 16, false, "env"));
         gatherWeights.clear();
         miOptions &o = ctx->options();
         o.finalgather_rays = 64, o.finalgather_maxradius = 3, o.finalgather_minradius = 0.5f;
         o.finalgather_view = 1, o.finalgather_filter = 2;
         o.globillum_accuracy = 100, o.globillum_radius = 0.25f, o.caustic_accuracy = 50, o.caustic_radius = 0.125f;
-        st = ctx->begin_state();
-        ctx->begin_sample(st, 0, 0);
         BaseShaderState init{};
         init.minContribution = 0.1f;
         init.fullSampleContribution = 0.5f;
         init.pathWeight = {1, 1, 1, 1};
-        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
-        bss = static_cast<BaseShaderState *>(mi_shaderstate_get(st, KELU_BASE_STATE_KEY, nullptr));
+        st = beginSample(0, 0, init);
+        bss = baseRecord(st);
         Params def{{1, 1, 1, 1}, {0, 0, 0, 0}};
         material = mirt::make_function(miSHADER_MATERIAL, nullptr, &def, sizeof def, 16, true, "host");
         st->shader = mirt::function(material);
@@ -68,12 +60,6 @@ protected:
         st->normal = st->normal_geom = {0, 0, 1};
         st->dir = {0, 0, -1};
         st->dot_nd = -1;
-    }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
     }
     // An instance whose object carries a KELU_MAGIC block with settings.
     void objectSettings(int word5, int rays)
@@ -95,7 +81,6 @@ protected:
         EXPECT_EQ(r.a, 0.0f);
         return r;
     }
-    std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
     Params *p = nullptr;
@@ -251,9 +236,9 @@ TEST_F(Irradiance, RayCountsOfZeroOrBelow)
 
 class Derivs : public Irradiance {
 protected:
-    void SetUp() override
+    void prepare() override
     {
-        Irradiance::SetUp();
+        Irradiance::prepare();
         mirt::InstanceDesc desc; // object space scaled by (2, 3, 4)
         desc.local_to_global[0] = 2, desc.local_to_global[5] = 3, desc.local_to_global[10] = 4;
         st->instance = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), desc).instance;

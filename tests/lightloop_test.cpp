@@ -4,8 +4,10 @@
 // out by hand in the comments next to them.
 #include "DruxShaderSDK.h"
 #include "fbuf_builder.h"
+#include "expect_values.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -21,13 +23,6 @@
 #include "count_new.h"
 
 namespace {
-
-#define EXPECT_COLOR(c, R, G, B, A)                                                                    \
-    do {                                                                                               \
-        const miColor c_ = (c);                                                                        \
-        EXPECT_NEAR(c_.r, R, 1e-6f); EXPECT_NEAR(c_.g, G, 1e-6f);                                      \
-        EXPECT_NEAR(c_.b, B, 1e-6f); EXPECT_NEAR(c_.a, A, 1e-6f);                                      \
-    } while (0)
 
 bool has(const FrameBufferInfo &e, miUint bit) { return (e.flags & bit) != 0; }
 void clear(FrameBufferInfo &e, miUint bit) { e.flags &= ~bit; }
@@ -86,15 +81,7 @@ struct Rig {
     ~Rig() { ctx.end_state(st); }
 };
 
-class LightLoop : public ::testing::Test {
-protected:
-    void SetUp() override { mirt::reset(); }
-    void TearDown() override
-    {
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-        mirt::reset();
-    }
-};
+class LightLoop : public RuntimeTest {};
 
 TEST_F(LightLoop, ContributionMasks)
 {
@@ -135,14 +122,14 @@ TEST_F(LightLoop, SampleLightEndMergesTheAverageIntoTheCurrentSlot)
         EXPECT_TRUE(has(r.e[0], FBINFO_IN_LIGHT_LOOP) && has(r.e[0], FBINFO_LIGHT_SETUP_PENDING));
         EXPECT_EQ(r.e[1].flags, others);
         for (miUint i = 0; i < r.n; ++i) {
-            EXPECT_COLOR(r.e[i].lightSum, 0, 0, 0, 0);
+            expectColor(r.e[i].lightSum, 0, 0, 0, 0, 1e-6f);
             r.e[i].lightSum = miColor{4, 4, 4, 4};
             r.e[i].slots[0].accum = miColor{1, 2, 3, 4};
         }
         sampleLightEnd(r.st, r.n, r.e, 4, &c.mode, &c.useScale, &half);
         EXPECT_FALSE(has(r.e[0], FBINFO_IN_LIGHT_LOOP));
         for (miUint i = 0; i < r.n; ++i)
-            EXPECT_COLOR(r.e[i].slots[0].accum, c.want.r, c.want.g, c.want.b, c.want.a);
+            expectColor(r.e[i].slots[0].accum, c.want.r, c.want.g, c.want.b, c.want.a, 1e-6f);
     }
     // Skipped: a pass taking no accumulation, a slot whose bit 0 refuses direct
     // light (bit 1 alone does not), no samples, environment rays.
@@ -159,22 +146,22 @@ TEST_F(LightLoop, SampleLightEndMergesTheAverageIntoTheCurrentSlot)
     r.e[2].slots[0].slotFlags = 1;
     r.e[0].slots[0].slotFlags = 2;
     run(4); // 2 / 4 * 0.5
-    EXPECT_COLOR(r.e[0].slots[0].accum, 0.25f, 0.25f, 0.25f, 0.25f);
-    EXPECT_COLOR(r.e[1].slots[0].accum, 0, 0, 0, 0);
-    EXPECT_COLOR(r.e[2].slots[0].accum, 0, 0, 0, 0);
+    expectColor(r.e[0].slots[0].accum, 0.25f, 0.25f, 0.25f, 0.25f, 1e-6f);
+    expectColor(r.e[1].slots[0].accum, 0, 0, 0, 0, 1e-6f);
+    expectColor(r.e[2].slots[0].accum, 0, 0, 0, 0, 1e-6f);
     for (int samples : {0, -3}) {
         run(samples);
         EXPECT_FALSE(has(r.e[0], FBINFO_IN_LIGHT_LOOP));
-        EXPECT_COLOR(r.e[0].slots[0].accum, 0, 0, 0, 0);
+        expectColor(r.e[0].slots[0].accum, 0, 0, 0, 0, 1e-6f);
     }
     r.st->type = miRAY_ENVIRONMENT;
     run(1);
-    EXPECT_COLOR(r.e[0].slots[0].accum, 0, 0, 0, 0);
+    expectColor(r.e[0].slots[0].accum, 0, 0, 0, 0, 1e-6f);
     r.st->type = miRAY_EYE;
     r.st->reflection_level = r.st->refraction_level = 1; // depth 2: slot 2
     run(1);
-    EXPECT_COLOR(r.e[0].slots[2].accum, 1, 1, 1, 1);
-    EXPECT_COLOR(r.e[0].slots[0].accum, 0, 0, 0, 0);
+    expectColor(r.e[0].slots[2].accum, 1, 1, 1, 1, 1e-6f);
+    expectColor(r.e[0].slots[0].accum, 0, 0, 0, 0, 1e-6f);
 }
 
 TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
@@ -190,8 +177,8 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
         }
         tracePassInit(r.n, r.e, r.st);
         for (miUint i = 0; i < r.n; ++i) {
-            EXPECT_COLOR(r.e[i].slots[1].opacity, 0, 0, 0, 0);
-            EXPECT_COLOR(r.e[i].slots[1].result, 0, 0, 0, 0);
+            expectColor(r.e[i].slots[1].opacity, 0, 0, 0, 0, 1e-6f);
+            expectColor(r.e[i].slots[1].result, 0, 0, 0, 0, 1e-6f);
             r.e[i].slots[1].result = miColor{0.4f, 0.2f, 0.8f, 1};
         }
     };
@@ -199,10 +186,10 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
     child(0);
     tracePassAdd(r.n, r.e, r.st, miFALSE, miColor{0.5f, 0.25f, 0.75f, 1});
     for (miUint i = 0; i < 3; ++i) {
-        EXPECT_COLOR(r.e[i].slots[0].accum, 0.3f, 0.15f, 0.7f, 1);
-        EXPECT_COLOR(r.e[i].slots[1].result, 0, 0, 0, 0);
+        expectColor(r.e[i].slots[0].accum, 0.3f, 0.15f, 0.7f, 1, 1e-6f);
+        expectColor(r.e[i].slots[1].result, 0, 0, 0, 0, 1e-6f);
     }
-    EXPECT_COLOR(r.e[3].slots[0].accum, 0.1f, 0.1f, 0.1f, 0);
+    expectColor(r.e[3].slots[0].accum, 0.1f, 0.1f, 0.1f, 0, 1e-6f);
     // Low two slot bits 1 (bit 2 does not matter): only passes asking for
     // that kind of child take it; a skipped child result stays.
     for (miBoolean refracted : {miFALSE, miTRUE}) {
@@ -222,9 +209,9 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
     r.e[0].slots[2].accum = BLACK;
     tracePassInit(r.n, r.e, r.st);
     tracePassAdd(r.n, r.e, r.st, miTRUE, WHITE);
-    EXPECT_COLOR(r.e[0].slots[3].result, 1, 1, 1, 1);
-    EXPECT_COLOR(r.e[0].slots[3].opacity, 1, 1, 1, 1);
-    EXPECT_COLOR(r.e[0].slots[2].accum, 0, 0, 0, 0);
+    expectColor(r.e[0].slots[3].result, 1, 1, 1, 1, 1e-6f);
+    expectColor(r.e[0].slots[3].opacity, 1, 1, 1, 1, 1e-6f);
+    expectColor(r.e[0].slots[2].accum, 0, 0, 0, 0, 1e-6f);
 }
 
 // The trace-depth limit raised after the state was set up: the state still
@@ -250,12 +237,12 @@ TEST_F(LightLoop, DepthLimitRaisedMidStateStaysInsideTheSlots)
         sampleLightBegin(r.n, r.e);
         r.e[0].lightSum = r.e[1].lightSum = miColor{2, 2, 2, 2};
         sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
-        EXPECT_COLOR(r.e[1].slots[0].accum, 9, 8, 7, 6);
-        EXPECT_COLOR(r.e[1].slots[0].result, 9, 8, 7, 6);
-        EXPECT_COLOR(r.e[1].slots[0].opacity, 9, 8, 7, 6);
+        expectColor(r.e[1].slots[0].accum, 9, 8, 7, 6, 1e-6f);
+        expectColor(r.e[1].slots[0].result, 9, 8, 7, 6, 1e-6f);
+        expectColor(r.e[1].slots[0].opacity, 9, 8, 7, 6, 1e-6f);
         // Depth 3 is the last slot the state has: the light still lands there.
         const float want = depth == 3 ? 1.0f : 0.0f;
-        EXPECT_COLOR(r.e[0].slots[3].accum, want, want, want, want);
+        expectColor(r.e[0].slots[3].accum, want, want, want, want, 1e-6f);
     }
     // Lowered below the set-up limit, the current limit bounds the slots.
     r.ctx.options().trace_depth = 0;
@@ -264,7 +251,7 @@ TEST_F(LightLoop, DepthLimitRaisedMidStateStaysInsideTheSlots)
     sampleLightBegin(r.n, r.e);
     r.e[0].lightSum = miColor{2, 2, 2, 2};
     sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
-    EXPECT_COLOR(r.e[0].slots[2].accum, 0, 0, 0, 0);
+    expectColor(r.e[0].slots[2].accum, 0, 0, 0, 0, 1e-6f);
     r.ctx.options().trace_depth = 2;
 }
 
@@ -283,11 +270,11 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
     for (int k = 0; k < 2; ++k) {
         r.e[2].shadow = miColor{0.2f, 0.2f, 0.2f, 0.2f};
         EXPECT_TRUE(traceShadowAccumulate(r.n, r.e, &filter, r.st));
-        EXPECT_COLOR(filter, 1, 1, 1, 1);
+        expectColor(filter, 1, 1, 1, 1, 1e-6f);
     }
-    EXPECT_COLOR(r.e[2].shadowSum, 2, 2, 2, 2);
-    EXPECT_COLOR(r.e[0].shadowSum, 0, 0, 0, 0);
-    EXPECT_COLOR(r.e[0].shadow, 0.3f, 0.3f, 0.3f, 0.3f);
+    expectColor(r.e[2].shadowSum, 2, 2, 2, 2, 1e-6f);
+    expectColor(r.e[0].shadowSum, 0, 0, 0, 0, 1e-6f);
+    expectColor(r.e[0].shadow, 0.3f, 0.3f, 0.3f, 0.3f, 1e-6f);
     // Sums (1,2,3,4) over 4 samples: t = (0.25,0.5,0.75,1); light (1,0.5,2),
     // shadow 0: shadowed t * light = (0.25,0.25,1.5), taken (0.75,0.25,0.5).
     const miColor light{1, 0.5f, 2, 0.75f}, black{0, 0, 0, 0};
@@ -295,29 +282,29 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
         r.e[i].shadowSum = miColor{1, 2, 3, 4};
     r.e[1].shadow = miColor{0.7f, 0.6f, 0.5f, 0.4f};
     traceShadowAccumulateEnd(r.n, r.e, 4, &light, &black);
-    EXPECT_COLOR(r.e[0].shadow, 0, 0, 0, 0);
-    EXPECT_COLOR(r.e[0].light, 0, 0, 0, 1);
-    EXPECT_COLOR(r.e[1].shadow, 0.7f, 0.6f, 0.5f, 0.4f);
-    EXPECT_COLOR(r.e[1].light, 1, 0.5f, 2, 0.75f); // the light's own alpha
-    EXPECT_COLOR(r.e[2].shadow, 0.25f, 0.5f, 0.75f, 1);
-    EXPECT_COLOR(r.e[2].light, 0.25f, 0.25f, 1.5f, 1);
-    EXPECT_COLOR(r.e[3].shadow, 0.25f, 0.5f, 0.75f, 1);
-    EXPECT_COLOR(r.e[3].light, 0.75f, 0.25f, 0.5f, 1);
+    expectColor(r.e[0].shadow, 0, 0, 0, 0, 1e-6f);
+    expectColor(r.e[0].light, 0, 0, 0, 1, 1e-6f);
+    expectColor(r.e[1].shadow, 0.7f, 0.6f, 0.5f, 0.4f, 1e-6f);
+    expectColor(r.e[1].light, 1, 0.5f, 2, 0.75f, 1e-6f); // the light's own alpha
+    expectColor(r.e[2].shadow, 0.25f, 0.5f, 0.75f, 1, 1e-6f);
+    expectColor(r.e[2].light, 0.25f, 0.25f, 1.5f, 1, 1e-6f);
+    expectColor(r.e[3].shadow, 0.25f, 0.5f, 0.75f, 1, 1e-6f);
+    expectColor(r.e[3].light, 0.75f, 0.25f, 0.5f, 1, 1e-6f);
     // 0 samples: the sum itself; l = (0.8,0.6,0.4), s = 0.2, t = (0.25,0.5,
     // 0.75): (1-t)s + tl = (0.35, 0.4, 0.35); shadow pass l - that.
     const miColor l{0.8f, 0.6f, 0.4f, 1}, s{0.2f, 0.2f, 0.2f, 1};
     for (miUint i = 0; i < 4; ++i)
         r.e[i].shadowSum = miColor{0.25f, 0.5f, 0.75f, 1};
     traceShadowAccumulateEnd(r.n, r.e, 0, &l, &s);
-    EXPECT_COLOR(r.e[2].light, 0.35f, 0.4f, 0.35f, 1);
-    EXPECT_COLOR(r.e[3].light, 0.45f, 0.2f, 0.05f, 1);
+    expectColor(r.e[2].light, 0.35f, 0.4f, 0.35f, 1, 1e-6f);
+    expectColor(r.e[3].light, 0.45f, 0.2f, 0.05f, 1, 1e-6f);
     // Without entries the ray is still traced with the filter preset to white.
     filter = miColor{7, 7, 7, 7};
     EXPECT_TRUE(traceShadow(0, r.e, &filter, &l, &s, miFALSE, r.st));
-    EXPECT_COLOR(filter, 1, 1, 1, 1);
+    expectColor(filter, 1, 1, 1, 1, 1e-6f);
     filter = miColor{7, 7, 7, 7};
     EXPECT_TRUE(traceShadowAccumulate(0, r.e, &filter, r.st));
-    EXPECT_COLOR(filter, 1, 1, 1, 1);
+    expectColor(filter, 1, 1, 1, 1, 1e-6f);
 
     // An occluder's verdict: 1 while a handled pass keeps r, g or b at or
     // above KELU_EPS, also one its mask left alone ("4": only entry 2 is
@@ -333,8 +320,8 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
         r.e[2].shadow = WHITE;
         r.e[3].shadow = v.spared;
         EXPECT_EQ(applyShadowTransparencyToFrameBuffers(r.n, r.e, &opaque, miFALSE, r.st), v.verdict);
-        EXPECT_COLOR(r.e[2].shadow, 0, 0, 0, 0);
-        EXPECT_COLOR(r.e[3].shadow, v.spared.r, v.spared.g, v.spared.b, v.spared.a);
+        expectColor(r.e[2].shadow, 0, 0, 0, 0, 1e-6f);
+        expectColor(r.e[3].shadow, v.spared.r, v.spared.g, v.spared.b, v.spared.a, 1e-6f);
     }
     EXPECT_EQ(mirt::db_access_count(mask.text), 1u); // read once in the sample
     // Outside a sample (after operation 3) every call reads the mask again,
@@ -343,7 +330,7 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
     for (int k = 0; k < 2; ++k) {
         r.e[2].shadow = WHITE;
         EXPECT_EQ(applyShadowTransparencyToFrameBuffers(r.n, r.e, &opaque, miFALSE, r.st), 0);
-        EXPECT_COLOR(r.e[2].shadow, 0, 0, 0, 0);
+        expectColor(r.e[2].shadow, 0, 0, 0, 0, 1e-6f);
     }
     EXPECT_EQ(mirt::db_access_count(mask.text), 3u);
     r.ctx.begin_sample(r.st, 1, 0);
@@ -418,15 +405,15 @@ TEST_F(LightLoop, LightSetUpOutsideTheProtocolAndWithoutEntries)
     const miColor c{0.3f, 0.2f, 0.1f, 1};
     r.e[2].light = miColor{0.5f, 0, 0, 1};
     handleNonDruxLights(r.n, r.e, &c, makeInstance(six.data), r.st);
-    EXPECT_COLOR(r.e[2].light, 0.5f, 0, 0, 1);
+    expectColor(r.e[2].light, 0.5f, 0, 0, 1, 1e-6f);
     EXPECT_EQ(mirt::db_access_count(six.text), 0u);
     // Otherwise the state's light instance is swapped only for the set-up.
     const miTag own = r.st->light_instance;
     r.e[0].flags |= FBINFO_LIGHT_SETUP_PENDING;
     handleNonDruxLights(r.n, r.e, &c, makeInstance(six.data), r.st);
     EXPECT_EQ(r.st->light_instance, own);
-    EXPECT_COLOR(r.e[0].light, 0, 0, 0, 0);
-    EXPECT_COLOR(r.e[1].light, 0.3f, 0.2f, 0.1f, 1);
+    expectColor(r.e[0].light, 0, 0, 0, 0, 1e-6f);
+    expectColor(r.e[1].light, 0.3f, 0.2f, 0.1f, 1, 1e-6f);
 
     // Outside a light shader: the message once per call, every pass lit.
     r.st->light_instance = 0;
@@ -627,7 +614,7 @@ struct Stage {
         ASSERT_EQ((r).size(), 6u);                                                                     \
         for (int i_ = 0; i_ < 6; ++i_) {                                                               \
             SCOPED_TRACE(i_);                                                                          \
-            EXPECT_COLOR((r)[i_], w_[i_][0], w_[i_][1], w_[i_][2], w_[i_][3]);                         \
+            expectColor((r)[i_], w_[i_][0], w_[i_][1], w_[i_][2], w_[i_][3], 1e-6f);                         \
         }                                                                                              \
     } while (0)
 
@@ -650,17 +637,17 @@ TEST_F(LightLoop, WholeLoopWithAPassAwareAndAnUnawareLight)
                                  {0.45f, 0.225f, 0.325f, 1}, {0.2f, 0.15f, 0.15f, 1.5f},
                                  {1.0f, 0.75f, 0.55f, 1.5f}, {0.35f, 0.375f, 0.075f, 1}});
     for (size_t i = 0; i < fb.size(); ++i) // written at sample end, alpha 1
-        EXPECT_COLOR(fb[i], seen.result[i].r, seen.result[i].g, seen.result[i].b, 1);
+        expectColor(fb[i], seen.result[i].r, seen.result[i].g, seen.result[i].b, 1, 1e-6f);
     // Shadows at the end: A left S in the shadow pass, black in 3 and 4, 1 in
     // the masked pass, tr in 0; B's ray then crossed the occluder with A's
     // contribution bits in place: 5 = S * tr, 0 = tr * tr.
     FrameBufferInfo *e = nullptr;
     ASSERT_EQ(entriesOf(st, &e), 6u);
-    EXPECT_COLOR(e[5].shadow, 0.225f, 0.05625f, 0.24375f, 0.5f);
-    EXPECT_COLOR(e[0].shadow, 0.25f, 0.0625f, 0.5625f, 0.25f);
-    EXPECT_COLOR(e[1].shadow, 1, 1, 1, 1);
-    EXPECT_COLOR(e[3].shadow, 0, 0, 0, 0);
-    EXPECT_COLOR(e[4].shadow, 0, 0, 0, 0);
+    expectColor(e[5].shadow, 0.225f, 0.05625f, 0.24375f, 0.5f, 1e-6f);
+    expectColor(e[0].shadow, 0.25f, 0.0625f, 0.5625f, 0.25f, 1e-6f);
+    expectColor(e[1].shadow, 1, 1, 1, 1, 1e-6f);
+    expectColor(e[3].shadow, 0, 0, 0, 0, 1e-6f);
+    expectColor(e[4].shadow, 0, 0, 0, 0, 1e-6f);
     // Each mask text opened once in the sample (the occluder is crossed
     // twice), and released.
     EXPECT_EQ(mirt::db_access_count(s.maskA.text), 1u);
@@ -693,8 +680,8 @@ TEST_F(LightLoop, SharedAccumulatedAndLightFilteringShadows)
                                        {0.45f, 0.225f, 0.325f, 1}, {0, 0, 0, 1},
                                        {0.8f, 0.6f, 0.4f, 1}, {0.35f, 0.375f, 0.075f, 1}});
         ASSERT_EQ(entriesOf(st, &e), 6u);
-        EXPECT_COLOR(e[5].shadow, 0.45f, 0.225f, 0.325f, 1); // the shared shadowed light
-        EXPECT_COLOR(e[0].shadow, 0.5f, 0.25f, 0.75f, 0.5f); // as the occluder left it
+        expectColor(e[5].shadow, 0.45f, 0.225f, 0.325f, 1, 1e-6f); // the shared shadowed light
+        expectColor(e[0].shadow, 0.5f, 0.25f, 0.75f, 0.5f, 1e-6f); // as the occluder left it
         s.ctx.end_state(st);
     }
     // Blocked (opaque occluder, or one that gives up with light left in the
@@ -720,7 +707,7 @@ TEST_F(LightLoop, SharedAccumulatedAndLightFilteringShadows)
                                        {0.45f, 0.225f, 0.325f, 1}, {0, 0, 0, 1},
                                        {0.8f, 0.6f, 0.4f, 1}, {0.35f, 0.375f, 0.075f, 1}});
         ASSERT_EQ(entriesOf(st, &e), 6u);
-        EXPECT_COLOR(e[5].shadow, 0.5f, 0.25f, 0.75f, 0.5f); // the averaged transmission
+        expectColor(e[5].shadow, 0.5f, 0.25f, 0.75f, 0.5f, 1e-6f); // the averaged transmission
         EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 1u); // four crossings, one read
         s.ctx.end_state(st);
     }

@@ -3,6 +3,8 @@
 // connections, frame buffers, the shader interface, quasi-random samples,
 // transforms, queries and the state life cycle.
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 #include "runtime_internal.h"
 
 #include <gtest/gtest.h>
@@ -20,19 +22,7 @@
 
 namespace {
 
-class Core : public ::testing::Test {
-protected:
-    void SetUp() override { mirt::reset(); }
-    void TearDown() override { mirt::reset(); }
-};
-
-int count_level(mirt::Level level)
-{
-    int n = 0;
-    for (const auto &m : mirt::messages())
-        n += m.level == level;
-    return n;
-}
+class Core : public RuntimeTest {};
 
 // ------------------------------------------------------------- database
 
@@ -60,7 +50,7 @@ TEST_F(Core, PinsBalanceAndUnknownTagsAreNotPinned)
     mi_db_unpin(t);
     EXPECT_EQ(mirt::db_pin_count(t), 0);
     EXPECT_TRUE(mirt::db_pinned().empty());
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 
     // tag 0 and unknown tags: null, no pin, type none
     type = 5;
@@ -79,12 +69,12 @@ TEST_F(Core, UnbalancedUnpinIsReportedAndNeverNegative)
     mi_db_unpin(t);
     mi_db_unpin(t); // one too many
     EXPECT_EQ(mirt::db_pin_count(t), 0);
-    ASSERT_EQ(count_level(mirt::Level::Error), 1);
+    ASSERT_EQ(countLevel(mirt::Level::Error), 1);
     mi_db_access(t);
     EXPECT_EQ(mirt::db_pin_count(t), 1) << "the extra unpin must not have been banked";
     mi_db_unpin(t);
     mi_db_unpin(0);
-    EXPECT_EQ(count_level(mirt::Level::Error), 2);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 2);
 }
 
 TEST_F(Core, DeletingAPinnedItemIsReported)
@@ -92,7 +82,7 @@ TEST_F(Core, DeletingAPinnedItemIsReported)
     miTag t = mirt::db_create(miSCENE_DATA, 4);
     mi_db_access(t);
     mirt::db_delete(t);
-    EXPECT_EQ(count_level(mirt::Level::Error), 1);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 1);
     EXPECT_EQ(mirt::db_data(t), nullptr);
     EXPECT_EQ(mi_db_type(t), miSCENE_NONE);
     EXPECT_EQ(mirt::db_total_pins(), 0);
@@ -156,7 +146,7 @@ TEST_F(Core, ConcurrentAccessKeepsExactCounts)
     EXPECT_EQ(mirt::db_pin_count(t), 0);
     EXPECT_EQ(mirt::db_access_count(t), uint64_t(kThreads) * kIters);
     EXPECT_EQ(std::set<miTag>(made.begin(), made.end()).size(), made.size());
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
 // ------------------------------------------------------------- memory
@@ -205,7 +195,7 @@ TEST_F(Core, ReleaseOfAForeignPointerIsReported)
     // a pointer never handed out by the allocator (inside a live allocation)
     alignas(16) unsigned char fake[64] = {};
     mi_mem_int_release("SDK/coreTestD", 4, fake + 32);
-    EXPECT_EQ(count_level(mirt::Level::Error), 1);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 1);
     EXPECT_EQ(mirt::mem_live_bytes("SDK/coreTestD"), 8);
     mi_mem_int_release("SDK/coreTestD", 5, keep);
     EXPECT_EQ(mirt::mem_live_bytes("SDK/coreTestD"), 0);
@@ -246,7 +236,7 @@ TEST_F(Core, BlockPoolAccountsElementsAndDeleteFreesEverything)
     mi_mem_blkdelete(blk); // 99 elements still out
     EXPECT_EQ(mirt::mem_live_bytes(tag), 0);
     EXPECT_EQ(mirt::mem_events().size(), 1u) << "element traffic is not listed";
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
 TEST_F(Core, BlockPoolSharedBetweenThreads)
@@ -465,7 +455,7 @@ TEST_F(Core, ShaderStateCopiesReplacesAndRemoves)
     EXPECT_EQ(mi_shaderstate_get(s2, "other", nullptr), nullptr);
     // bad input is refused with a message
     EXPECT_FALSE(mi_shaderstate_set(s2, "x", nullptr, 8, 2));
-    EXPECT_EQ(count_level(mirt::Level::Error), 1);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 1);
     ctx.end_state(s2);
     ctx.end_state(s);
 }
@@ -531,7 +521,7 @@ TEST_F(Core, ShaderStateTableManyKeysRemovalsAndReusedKeyBuffers)
     EXPECT_EQ(*static_cast<int *>(mi_shaderstate_get(s, "key1", nullptr)), 1);
     EXPECT_EQ(*static_cast<int *>(mi_shaderstate_get(s, "", nullptr)), 2);
     ctx.end_state(s);
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
 // Two render threads use the same key pointers on their own eye states, set
@@ -563,7 +553,7 @@ TEST_F(Core, ShaderStateSameKeysFromTwoThreads)
     for (auto &x : th)
         x.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
 // ------------------------------------------------------------- shader calls
@@ -645,7 +635,7 @@ TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
     mirt::connect(src1, 0, src2);
     mirt::connect(mat, 2, src2);
     mirt::connect(mat, 36, src2);
-    EXPECT_EQ(count_level(mirt::Level::Error), 3);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 3);
     EXPECT_EQ(mirt::function(src1)->has_connections, 0);
     ctx.end_state(s);
 }
@@ -747,7 +737,7 @@ TEST_F(Core, StateLifeCycleRunsStateShadersInOrder)
     EXPECT_EQ(g_ops.returns[5], miTRUE);
     EXPECT_EQ(g_ops.states[0], s);
     EXPECT_EQ(g_ops.states[1], other);
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
 TEST_F(Core, ChildStatesCopyTheParentAndOwnTheirStorage)
@@ -992,12 +982,6 @@ TEST_F(Core, SamplesAreStratifiedAndDecorrelated)
 
 // ------------------------------------------------------------- transforms
 
-void expectVec(const miVector &v, float x, float y, float z)
-{
-    EXPECT_FLOAT_EQ(v.x, x);
-    EXPECT_FLOAT_EQ(v.y, y);
-    EXPECT_FLOAT_EQ(v.z, z);
-}
 
 TEST_F(Core, TransformsUseRowVectors)
 {
@@ -1005,24 +989,24 @@ TEST_F(Core, TransformsUseRowVectors)
     const miMatrix m = {2, 1, 0, 0, 0, 3, 0, 0, 0, 0, 4, 0, 1, 2, 3, 1};
     miVector p{1, 1, 1}, r;
     mi_point_transform(&r, &p, m);
-    expectVec(r, 3, 6, 7); // x' = 2+1, y' = 1+3+2, z' = 4+3
+    expectVec(r, 3, 6, 7, kUlps); // x' = 2+1, y' = 1+3+2, z' = 4+3
     mi_vector_transform(&r, &p, m);
-    expectVec(r, 2, 4, 4);
+    expectVec(r, 2, 4, 4, kUlps);
     mi_vector_transform_T(&r, &p, m);
-    expectVec(r, 3, 3, 4); // rows of m dotted with v
+    expectVec(r, 3, 3, 4, kUlps); // rows of m dotted with v
     // in place
     miVector q{1, 0, 0};
     mi_point_transform(&q, &q, m);
-    expectVec(q, 3, 3, 3);
+    expectVec(q, 3, 3, 3, kUlps);
     // projective: w = 2 divides
     const miMatrix proj = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 0, 1};
     miVector pz{2, 4, 1};
     mi_point_transform(&r, &pz, proj);
-    expectVec(r, 1, 2, 0.5f);
+    expectVec(r, 1, 2, 0.5f, kUlps);
     // w = 0 is left undivided
     miVector pw{2, 4, -1};
     mi_point_transform(&r, &pw, proj);
-    expectVec(r, 2, 4, -1);
+    expectVec(r, 2, 4, -1, kUlps);
 }
 
 TEST_F(Core, ObjectAndCameraSpaces)
@@ -1039,13 +1023,13 @@ TEST_F(Core, ObjectAndCameraSpaces)
     s->instance = inst;
     miVector x{1, 0, 0}, r;
     mi_vector_from_object(s, &r, &x);
-    expectVec(r, 0, 1, 0);
+    expectVec(r, 0, 1, 0, kUlps);
     mi_vector_to_object(s, &r, &r);
-    expectVec(r, 1, 0, 0);
+    expectVec(r, 1, 0, 0, kUlps);
 
     // camera: identity until moved; vectors ignore the translation
     mi_vector_to_camera(s, &r, &x);
-    expectVec(r, 1, 0, 0);
+    expectVec(r, 1, 0, 0, kUlps);
     ctx.set_camera_transform(l2g);
     const auto *ci = static_cast<const miInstance *>(mirt::db_data(ctx.camera_instance()));
     EXPECT_EQ(ci->local_to_global[12], 5.0f);
@@ -1063,10 +1047,10 @@ TEST_F(Core, ObjectAndCameraSpaces)
         }
     ctx.set_camera_transform(l2g);
     mi_vector_from_camera(s, &r, &x);
-    expectVec(r, 0, 1, 0);
+    expectVec(r, 0, 1, 0, kUlps);
     miVector y{0, 1, 0};
     mi_vector_to_camera(s, &r, &y);
-    expectVec(r, 1, 0, 0);
+    expectVec(r, 1, 0, 0, kUlps);
     EXPECT_EQ(mirt::db_total_pins(), 0) << "transforms do not pin";
     ctx.end_state(s);
 }
@@ -1129,7 +1113,7 @@ TEST_F(Core, QueriesAnswerFromTheContext)
     mi_lock(reinterpret_cast<miLock>(l1));
     mi_unlock(reinterpret_cast<miLock>(l1));
     mi_lock(nullptr);
-    EXPECT_EQ(count_level(mirt::Level::Error), 3);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 3);
     EXPECT_NE(*l1, nullptr) << "the lock variable is untouched";
     mi_lock(*l1);
     mi_unlock(*l1);
@@ -1146,7 +1130,7 @@ TEST_F(Core, ResetRefusesWhileARenderIsAlive)
         mirt::reset();
         EXPECT_NE(mirt::db_data(keep), nullptr);
         EXPECT_NE(mirt::db_data(ctx.options_tag()), nullptr);
-        EXPECT_EQ(count_level(mirt::Level::Error), 1);
+        EXPECT_EQ(countLevel(mirt::Level::Error), 1);
     }
     mirt::reset();
     EXPECT_EQ(mirt::db_data(keep), nullptr);
@@ -1198,7 +1182,7 @@ TEST_F(Core, BadInputIsReportedNotObeyed)
     g_ops = OpLog();
     int errors = 0;
     auto newErrors = [&] {
-        int now = count_level(mirt::Level::Error);
+        int now = countLevel(mirt::Level::Error);
         int d = now - errors;
         errors = now;
         return d;
@@ -1310,7 +1294,7 @@ TEST_F(Core, RenderThreadsKeepTheirStatesApart)
             EXPECT_EQ(c.g, float(y));
             EXPECT_EQ(c.b, float(y % kThreads));
         }
-    EXPECT_EQ(count_level(mirt::Level::Error), 0);
+    EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 // final gathering, eye rays and the geometric queries.
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 #include "vecmath.h"
 
 #include <gtest/gtest.h>
@@ -37,12 +39,6 @@ template <class T> T at(const void *p, size_t off)
 using mirt::dot;
 using mirt::length;
 
-void expectVec(const miVector &v, float x, float y, float z, float tol = 1e-5f)
-{
-    EXPECT_NEAR(v.x, x, tol);
-    EXPECT_NEAR(v.y, y, tol);
-    EXPECT_NEAR(v.z, z, tol);
-}
 
 /* Rows are the images of the axes, the last row the translation. */
 void setMatrix(InstanceDesc &d, miVector x, miVector y, miVector z, miVector t)
@@ -78,15 +74,7 @@ miBoolean constColor(void *result, miState *, void *params)
 }
 
 /* The whole suite runs on a clean database; every pin must be given back. */
-class Trace : public ::testing::Test {
-protected:
-    void SetUp() override { mirt::reset(); }
-    void TearDown() override
-    {
-        EXPECT_EQ(mirt::db_total_pins(), 0) << "database pins left after the test";
-        mirt::reset();
-    }
-};
+class Trace : public RuntimeTest {};
 
 // ================================================================ records
 
@@ -449,9 +437,9 @@ miBoolean envShader(void *result, miState *s, void *params)
 
 class Mirrors : public Trace {
 protected:
-    void SetUp() override
+    void prepare() override
     {
-        Trace::SetUp();
+        Trace::prepare();
         g_log = RayLog();
         mat = mirt::make_function(miSHADER_MATERIAL, mirrorMaterial, nullptr, 0, 16, false, "mirror");
         env = colorShader(miSHADER_ENVIRONMENT, envShader, {0.1f, 0.2f, 0.3f, 1}, "env");
@@ -465,10 +453,10 @@ protected:
         ctx->set_scene(&scene);
         ctx->set_environment(env);
     }
-    void TearDown() override
+    void finish() override
     {
         ctx.reset();
-        Trace::TearDown();
+        Trace::finish();
     }
     miColor shade(miState *st)
     {
@@ -479,7 +467,6 @@ protected:
     miTag mat = 0, env = 0;
     GeometryTags bottom, top;
     MeshScene scene;
-    std::unique_ptr<Context> ctx;
 };
 
 TEST_F(Mirrors, ReflectionStopsAtTheReflectionDepth)
@@ -707,20 +694,20 @@ miBoolean shadowingLight(void *result, miState *s, void *params)
 
 class Shadows : public Trace {
 protected:
-    void SetUp() override
+    void prepare() override
     {
-        Trace::SetUp();
+        Trace::prepare();
         g_shadow.clear();
         ctx.reset(new Context);
         ctx->set_scene(&scene);
         light = ctx->add_point_light({0, 0, 5}, colorShader(miSHADER_LIGHT, shadowingLight, {1, 1, 1, 1}, "l"));
     }
-    void TearDown() override
+    void finish() override
     {
         ctx.reset();
         for (auto &g : geo)
             mirt::delete_instance(g);
-        Trace::TearDown();
+        Trace::finish();
     }
     GeometryTags &occluder(float z, miTag shadow)
     {
@@ -755,7 +742,6 @@ protected:
     }
     std::vector<GeometryTags> geo;
     MeshScene scene;
-    std::unique_ptr<Context> ctx;
     miTag light = 0;
 };
 
@@ -906,24 +892,23 @@ miBoolean recordingLight(void *result, miState *s, void *params)
 
 class Lights : public Trace {
 protected:
-    void SetUp() override
+    void prepare() override
     {
-        Trace::SetUp();
+        Trace::prepare();
         g_light.clear();
         g_lightCalls = 0;
         ctx.reset(new Context);
     }
-    void TearDown() override
+    void finish() override
     {
         ctx.reset();
-        Trace::TearDown();
+        Trace::finish();
     }
     miTag shader(miColor c, bool refuseOdd = false)
     {
         LightParams p{c, refuseOdd ? 1 : 0};
         return mirt::make_function(miSHADER_LIGHT, recordingLight, &p, sizeof p, 16, false, "light");
     }
-    std::unique_ptr<Context> ctx;
 };
 
 TEST_F(Lights, PointLightGivesOneSampleWithDirectionAndCosine)

@@ -2,6 +2,7 @@
 // bracketing scan, the four interpolation kinds, concurrent lookups.
 #include "DruxShaderSDK.h"
 #include "runtime.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -20,31 +21,24 @@ template <class E, int N> struct ArrayParam {
     E e[N];
 };
 
-class Ramps : public ::testing::Test {
+class Ramps : public RuntimeTest {
 protected:
-    mirt::Context ctx;
     miState *state = nullptr;
-    void SetUp() override { state = ctx.begin_state(0); }
-    void TearDown() override { ctx.end_state(state); }
+    Ramps() : RuntimeTest(8, 8) {}
+    void prepare() override { state = beginState(); }
 
-    Ramp scalar(std::initializer_list<RampScalarEntry> keys)
+    // A ramp of kind 0 (scalar) or 1 (colour) built from these keys.
+    template <class E, int N> Ramp build(std::initializer_list<E> keys, int kind)
     {
-        ArrayParam<RampScalarEntry, 64> p;
-        for (const RampScalarEntry &k : keys)
+        ArrayParam<E, N> p;
+        for (const E &k : keys)
             p.e[p.count++] = k;
         Ramp r;
-        ramp_constructor(&r, state, &p, 0);
+        ramp_constructor(&r, state, &p, kind);
         return r;
     }
-    Ramp color(std::initializer_list<RampColorEntry> keys)
-    {
-        ArrayParam<RampColorEntry, 8> p;
-        for (const RampColorEntry &k : keys)
-            p.e[p.count++] = k;
-        Ramp r;
-        ramp_constructor(&r, state, &p, 1);
-        return r;
-    }
+    Ramp scalar(std::initializer_list<RampScalarEntry> keys) { return build<RampScalarEntry, 64>(keys, 0); }
+    Ramp color(std::initializer_list<RampColorEntry> keys) { return build<RampColorEntry, 8>(keys, 1); }
 };
 
 TEST_F(Ramps, LinearUnsortedAndEnds)

@@ -4,6 +4,8 @@
 #include "fbuf_builder.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 #include "vecmath.h"
 
 #include <gtest/gtest.h>
@@ -27,13 +29,9 @@ struct Seen {
 };
 thread_local std::vector<Seen> envCalls, hitCalls, phenCalls;
 
-BaseShaderState *host(miState *s)
-{
-    return static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr));
-}
 Seen seen(miState *s)
 {
-    BaseShaderState *b = host(s);
+    BaseShaderState *b = baseRecord(s);
     PassTypeInfo *t;
     FrameBufferInfo *e;
     getFrameBufferInfo(s, &t, &e);
@@ -61,7 +59,7 @@ miBoolean hitShader(void *result, miState *s, void *)
         e[i].slots[s->reflection_level + s->refraction_level].result = {1, 2, 3, 4};
         e[i].slots[s->reflection_level + s->refraction_level].opacity = {1, 1, 1, 1};
     }
-    host(s)->childResult1 = host(s)->childResult2 = host(s)->childTransmission = {9, 9, 9, 9};
+    baseRecord(s)->childResult1 = baseRecord(s)->childResult2 = baseRecord(s)->childTransmission = {9, 9, 9, 9};
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 0.125f, 1};
     return miTRUE;
 }
@@ -83,21 +81,18 @@ struct Params {
 using mirt::dot;
 using mirt::normalized;
 
-class Reflect : public ::testing::Test {
+class Reflect : public RuntimeTest {
 protected:
-    void SetUp() override
+    Reflect() : RuntimeTest(4, 4) {}
+    void prepare() override
     {
-        mirt::reset();
         envCalls.clear(), hitCalls.clear(), phenCalls.clear();
-        ctx = std::make_unique<mirt::Context>(4, 4);
         fbtest::FbufBuilder b;
         b.add("beauty", 0);
         b.add("specular", 5);
         b.add("refl", 34);
         fbtest::install(*ctx, b);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, envShader, nullptr, 0, 16, false, "env"));
-        st = ctx->begin_state();
-        ctx->begin_sample(st, 1, 2);
         BaseShaderState init{};
         init.minContribution = 0.01f;
         init.fullSampleContribution = 0.001f;
@@ -105,8 +100,8 @@ protected:
         init.pathWeight = {1, 1, 1, 0.5f};
         init.childResult1 = {0.1f, 0, 0, 0}, init.childResult2 = {0, 0.2f, 0, 0};
         init.childTransmission = {0, 0, 0.3f, 0};
-        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
-        bss = host(st);
+        st = beginSample(1, 2, init);
+        bss = baseRecord(st);
         Params def{{0, 0, 0, 0}, 10, 0.0f, 10, 1};
         material = mirt::make_function(miSHADER_MATERIAL, hitShader, &def, sizeof def, 16, true, "host");
         st->shader = mirt::function(material);
@@ -116,12 +111,6 @@ protected:
         st->dir = normalized({1, 0, -1});
         st->normal = st->normal_geom = N = {0, 0, 1};
         dotnd = dot(N, st->dir);
-    }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
     }
     // Reflection with the host record checked to be restored afterwards.
     miColor reflect(miColor col, float weight = 1, float gain = 1, int noTrace = 1, float scale = 1)
@@ -142,7 +131,6 @@ protected:
     miVector mirror() const { return {st->dir.x - 2 * dotnd * N.x, st->dir.y - 2 * dotnd * N.y, st->dir.z - 2 * dotnd * N.z}; }
     PassSlot &slot(int e, int d = 0) { return entries[e].slots[d]; }
 
-    std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
     Params *p = nullptr;
@@ -154,12 +142,6 @@ protected:
     float dotnd = 0;
 };
 
-void expectVec(const miVector &a, const miVector &b, float tol = 1e-6f)
-{
-    EXPECT_NEAR(a.x, b.x, tol);
-    EXPECT_NEAR(a.y, b.y, tol);
-    EXPECT_NEAR(a.z, b.z, tol);
-}
 
 TEST_F(Reflect, EarlyExitsAndStrictCutOff)
 {
@@ -183,7 +165,7 @@ TEST_F(Reflect, EnvironmentFallbackFollowsDepthLimits)
 {
     miColor r = reflect({1, 1, 1, 1});
     ASSERT_EQ(envCalls.size(), 1u);
-    expectVec(envCalls[0].dir, mirror());
+    expectVec(envCalls[0].dir, mirror(), 1e-6f);
     EXPECT_EQ(envCalls[0].refl, 1) << "traced one reflection level deeper";
     EXPECT_FLOAT_EQ(r.r, envColor(mirror()).r);
     EXPECT_FLOAT_EQ(r.b, envColor(mirror()).b);
@@ -198,7 +180,7 @@ TEST_F(Reflect, EnvironmentFallbackFollowsDepthLimits)
         ASSERT_EQ(envCalls.size(), 1u);
         EXPECT_EQ(envCalls[0].state, st);
         EXPECT_EQ(envCalls[0].type, int(miRAY_ENVIRONMENT));
-        expectVec(envCalls[0].dir, mirror());
+        expectVec(envCalls[0].dir, mirror(), 1e-6f);
     }
     st->refraction_level = 0;
     envCalls.clear();
@@ -214,7 +196,7 @@ TEST_F(Reflect, SampleDirectionBelowSurfaceIsLifted)
     reflect({1, 1, 1, 1});
     ASSERT_EQ(envCalls.size(), 1u);
     const float l = std::sqrt(1.0001f);
-    expectVec(envCalls[0].dir, {1 / l, 0, 0.01f / l});
+    expectVec(envCalls[0].dir, {1 / l, 0, 0.01f / l}, 1e-6f);
 }
 
 TEST_F(Reflect, BlurSampleCount)
@@ -246,7 +228,7 @@ TEST_F(Reflect, NoBlurMeansOneSampleAlongTheMirror)
         envCalls.clear();
         reflect({1, 1, 1, 1});
         ASSERT_EQ(envCalls.size(), 1u) << why;
-        expectVec(envCalls[0].dir, mirror());
+        expectVec(envCalls[0].dir, mirror(), 1e-6f);
         EXPECT_FLOAT_EQ(envCalls[0].pathWeight.r, 1.0f) << why;
     };
     p->blur = 0;

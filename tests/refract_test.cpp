@@ -5,6 +5,8 @@
 #include "fbuf_builder.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -25,10 +27,6 @@ struct Seen {
 thread_local std::vector<Seen> envCalls, hitCalls;
 thread_local bool envSetsTransmission = false, envWritesSlot = false;
 
-BaseShaderState *host(miState *s)
-{
-    return static_cast<BaseShaderState *>(mi_shaderstate_get(s, KELU_BASE_STATE_KEY, nullptr));
-}
 miColor envColor(const miVector &d) { return {d.x + 2, d.y + 3, d.z + 4, 1}; }
 
 PassSlot &slotOf(miState *s, int entry)
@@ -45,7 +43,7 @@ void writeSlots(miState *s, const miColor &c)
 }
 Seen seen(miState *s)
 {
-    return {s, s->dir, s->type, s->refraction_level, host(s)->childResult1, host(s)->childResult2,
+    return {s, s->dir, s->type, s->refraction_level, baseRecord(s)->childResult1, baseRecord(s)->childResult2,
             slotOf(s, 0).opacity.r};
 }
 miBoolean envShader(void *result, miState *s, void *)
@@ -53,7 +51,7 @@ miBoolean envShader(void *result, miState *s, void *)
     envCalls.push_back(seen(s));
     const float k = float(envCalls.size());
     if (envSetsTransmission)
-        host(s)->childTransmission = {0.1f * k, 0.2f * k, 0.3f * k, 1};
+        baseRecord(s)->childTransmission = {0.1f * k, 0.2f * k, 0.3f * k, 1};
     if (envWritesSlot)
         writeSlots(s, {5, 5, 5, 5});
     *static_cast<miColor *>(result) = envColor(s->dir);
@@ -63,8 +61,8 @@ miBoolean hitShader(void *result, miState *s, void *)
 {
     hitCalls.push_back(seen(s));
     writeSlots(s, {1, 2, 3, 4});
-    host(s)->childResult1 = host(s)->childResult2 = {9, 9, 9, 9};
-    host(s)->childTransmission = {0.5f, 0.5f, 0.5f, 0.5f};
+    baseRecord(s)->childResult1 = baseRecord(s)->childResult2 = {9, 9, 9, 9};
+    baseRecord(s)->childTransmission = {0.5f, 0.5f, 0.5f, 0.5f};
     *static_cast<miColor *>(result) = {0.5f, 0.25f, 0.125f, 1};
     return miTRUE;
 }
@@ -77,35 +75,19 @@ struct Params {
     int chromatic;
 };
 
-void expectVec(const miVector &a, float x, float y, float z, float tol = 1e-6f)
-{
-    EXPECT_NEAR(a.x, x, tol);
-    EXPECT_NEAR(a.y, y, tol);
-    EXPECT_NEAR(a.z, z, tol);
-}
-void expectColor(const miColor &c, float r, float g, float b, float a)
-{
-    EXPECT_FLOAT_EQ(c.r, r);
-    EXPECT_FLOAT_EQ(c.g, g);
-    EXPECT_FLOAT_EQ(c.b, b);
-    EXPECT_FLOAT_EQ(c.a, a);
-}
 
-class Refract : public ::testing::Test {
+class Refract : public RuntimeTest {
 protected:
-    void SetUp() override
+    Refract() : RuntimeTest(4, 4) {}
+    void prepare() override
     {
-        mirt::reset();
         envCalls.clear(), hitCalls.clear();
         envSetsTransmission = envWritesSlot = false;
-        ctx = std::make_unique<mirt::Context>(4, 4);
         fbtest::FbufBuilder b;
         b.add("beauty", 0);
         b.add("specular", 5);
         fbtest::install(*ctx, b);
         ctx->set_environment(mirt::make_function(miSHADER_ENVIRONMENT, envShader, nullptr, 0, 16, false, "env"));
-        st = ctx->begin_state();
-        ctx->begin_sample(st, 0, 0);
         BaseShaderState init{};
         init.minContribution = 0.01f;
         init.fullSampleContribution = 0.001f;
@@ -113,8 +95,8 @@ protected:
         init.pathWeight = {1, 1, 1, 1};
         init.childResult1 = {0.1f, 0, 0, 0}, init.childResult2 = {0, 0.2f, 0, 0};
         init.childTransmission = {0, 0, 0.3f, 0};
-        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
-        bss = host(st);
+        st = beginSample(0, 0, init);
+        bss = baseRecord(st);
         Params def{0, 1.5f, 0, 10, 1, 0, 0, 0, 0};
         material = mirt::make_function(miSHADER_MATERIAL, hitShader, &def, sizeof def, 16, true, "host");
         st->shader = mirt::function(material);
@@ -122,12 +104,6 @@ protected:
         ASSERT_EQ(getFrameBufferInfo(st, &types, &entries), 2u);
         incidence(0.70710677f, -0.70710677f);
         st->normal = st->normal_geom = N = {0, 0, 1};
-    }
-    void TearDown() override
-    {
-        ctx->end_state(st);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
     }
     void incidence(float x, float z)
     {
@@ -153,7 +129,6 @@ protected:
     }
     PassSlot &slot(int e, int d = 0) { return entries[e].slots[d]; }
 
-    std::unique_ptr<mirt::Context> ctx;
     miState *st = nullptr;
     BaseShaderState *bss = nullptr;
     Params *p = nullptr;
@@ -189,7 +164,7 @@ TEST_F(Refract, EnteringAndLeavingRays)
     const miColor r = refract({0.5f, 0.5f, 0.5f, 1}); // n_state 1 -> ior 1.5, eta = 1/1.5
     ASSERT_EQ(envCalls.size(), 1u);
     const float sinT = 0.70710677f / 1.5f;
-    expectVec(envCalls[0].dir, sinT, 0, -std::sqrt(1 - sinT * sinT));
+    expectVec(envCalls[0].dir, sinT, 0, -std::sqrt(1 - sinT * sinT), 1e-6f);
     EXPECT_EQ(envCalls[0].refr, 1) << "environment traced one refraction level deeper";
     EXPECT_FLOAT_EQ(st->ior, 1.5f) << "the index is left set";
     EXPECT_FLOAT_EQ(r.g, 0.5f * envColor(envCalls[0].dir).g);
@@ -199,7 +174,7 @@ TEST_F(Refract, EnteringAndLeavingRays)
     envCalls.clear();
     incidence(0.6f, -0.8f);
     refract();
-    expectVec(envCalls[0].dir, 0.9f, 0, -std::sqrt(0.19f));
+    expectVec(envCalls[0].dir, 0.9f, 0, -std::sqrt(0.19f), 1e-6f);
     EXPECT_FLOAT_EQ(st->ior, 1.0f);
 
     // 1 - 2.25 * 0.64 < 0: total internal reflection along the mirror, the

@@ -4,6 +4,8 @@
 #include "DruxShaderSDK.h"
 #include "geometry.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 #include "sss_params.h"
 
 #include <gtest/gtest.h>
@@ -57,7 +59,7 @@ ScatterCache **gHead = nullptr; // list head used by the material shader
 miBoolean probeLight(void *result, miState *state, void *params)
 {
     const LightParams *p = static_cast<const LightParams *>(params);
-    if (auto *b = static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr)))
+    if (BaseShaderState *b = baseRecord(state))
         b->lightData.addConstant = p->addConstant, b->lightData.addLambert = p->addLambert;
     {
         std::lock_guard<std::mutex> lk(probe.mu);
@@ -127,13 +129,6 @@ int64_t allocatedAt(int line)
     return -1;
 }
 
-void expectRGB(const miColor &c, float r, float g, float b, float tol = 1e-5f)
-{
-    EXPECT_NEAR(c.r, r, tol * std::max(1.0f, std::fabs(r)));
-    EXPECT_NEAR(c.g, g, tol * std::max(1.0f, std::fabs(g)));
-    EXPECT_NEAR(c.b, b, tol * std::max(1.0f, std::fabs(b)));
-    EXPECT_EQ(c.a, 0.0f);
-}
 
 // Runs fn on another thread; a lookup that deadlocks ends the program
 // instead of hanging the suite.
@@ -148,13 +143,12 @@ void withinSeconds(int seconds, const std::function<void()> &fn)
     }
 }
 
-class Scatter : public ::testing::Test {
+class Scatter : public RuntimeTest {
 protected:
-    void SetUp() override
+    Scatter() : RuntimeTest(8, 8) {}
+    void prepare() override
     {
-        mirt::reset();
         probe.clear();
-        ctx = std::make_unique<mirt::Context>(8, 8);
         ctx->options().trace = miTRUE;
         ctx->options().trace_depth = ctx->options().reflection_depth = ctx->options().refraction_depth = 4;
         SssParams def{};
@@ -168,14 +162,9 @@ protected:
         gHead = &head;
         st = newState(0);
     }
-    void TearDown() override
+    void finish() override
     {
         destroy_scatter(nullptr, &head);
-        for (miState *s : states)
-            ctx->end_state(s);
-        ctx.reset();
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-        EXPECT_EQ(mirt::mem_live_bytes(kTag), 0);
         // The runtime reports a lock taken twice by one thread or deleted
         // while held: a path that forgot to unlock.
         for (const mirt::Message &m : mirt::messages())
@@ -183,15 +172,12 @@ protected:
     }
     miState *newState(int thread)
     {
-        miState *s = ctx->begin_state(thread);
-        ctx->begin_sample(s, 0, 0);
-        s->qmc_offset = 0; // the same points whichever pixel triggers a scan
         BaseShaderState init{};
         init.pathWeight = {1, 1, 1, 1};
-        mi_shaderstate_set(s, KELU_BASE_STATE_KEY, &init, sizeof init, 2);
+        miState *s = beginSample(0, 0, init, thread);
+        s->qmc_offset = 0; // the same points whichever pixel triggers a scan
         s->shader = mirt::function(material);
         s->org = {0, 0, 10};
-        states.push_back(s);
         return s;
     }
     LightParams *light(miVector at, miColor c, int addConstant, int addLambert)
@@ -211,6 +197,7 @@ protected:
         miColor r{-1, -1, -1, -1};
         sssMaterial(&r, s, p);
         s->instance = keep, s->point = keepP;
+        EXPECT_EQ(r.a, 0.0f);
         return r;
     }
     void connectColour() { mirt::connect(material, offsetof(SssParams, color), colourFn); }
@@ -221,6 +208,7 @@ protected:
         s->point = P;
         miColor r{-1, -1, -1, -1};
         sssMaterial(&r, s, p);
+        EXPECT_EQ(r.a, 0.0f); // a scattering result carries no alpha
         return r;
     }
     void reset()
@@ -229,8 +217,6 @@ protected:
         probe.points.clear(), probe.normals.clear(), probe.lightCalls = 0;
     }
 
-    std::unique_ptr<mirt::Context> ctx;
-    std::vector<miState *> states;
     miState *st = nullptr;
     miTag material = 0, colourFn = 0;
     SssParams *p = nullptr;
@@ -855,7 +841,7 @@ TEST_F(Scatter, IndirectOnlyInBaseMode6)
     int32_t w[17] = {KELU_MAGIC, 0, 0, 0, 0, 1, 7};
     const mirt::GeometryTags g = triangles({rightTri(0, 0, 1, 1)}, 1 << 30, 0, {}, mirt::db_create_userdata(w, sizeof w, 0));
     light({0, 0, 100}, {1, 1, 1, 1}, 1, 0);
-    static_cast<BaseShaderState *>(mi_shaderstate_get(st, KELU_BASE_STATE_KEY, nullptr))->mode = 6;
+    baseRecord(st)->mode = 6;
     p->color = {0.5f, 1, 1, 1}, p->diffuse = 0.5f, p->irradianceTint = {1, 2, 4, 1};
     mirt::connect(material, offsetof(SssParams, irradiance), colourFn);
     probe.colour = [](miState *) { return miColor{0.2f, 0.1f, 0.4f, 1}; };

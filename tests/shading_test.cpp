@@ -2,6 +2,8 @@
 // secondary-ray states.
 #include "DruxShaderSDK.h"
 #include "runtime.h"
+#include "expect_values.h"
+#include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -18,16 +20,11 @@ miVector unit(double x, double y, double z)
     return miVector{float(x / l), float(y / l), float(z / l)};
 }
 
-class Shading : public ::testing::Test {
+class Shading : public RuntimeTest {
 protected:
-    mirt::Context ctx;
     miState *state = nullptr;
-    void SetUp() override { state = ctx.begin_state(0); }
-    void TearDown() override
-    {
-        ctx.end_state(state);
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-    }
+    Shading() : RuntimeTest(8, 8) {}
+    void prepare() override { state = beginState(); }
     // The ray arrives along -view (view points from the surface to the eye).
     void look(miVector view, int type = miRAY_EYE)
     {
@@ -187,9 +184,9 @@ class AreaLightDir : public Shading {
 protected:
     miTag light = 0;
     // Light square: internal x, y in [-2, 2] at z = 5; local = ((x, y) / 2, z - 5).
-    void SetUp() override
+    void prepare() override
     {
-        Shading::SetUp();
+        Shading::prepare();
         light = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
         miInstance *inst = static_cast<miInstance *>(mirt::db_data(light));
         const miMatrix g2l = {0.5f, 0, 0, 0, 0, 0.5f, 0, 0, 0, 0, 1, 0, 0, 0, -5, 1};
@@ -197,20 +194,14 @@ protected:
         std::copy(g2l, g2l + 16, inst->global_to_local);
         std::copy(l2g, l2g + 16, inst->local_to_global);
     }
-    void TearDown() override
+    void finish() override
     {
         mirt::db_delete(light);
-        Shading::TearDown();
+        Shading::finish();
     }
 };
 const miVector kLight[4] = {{2, 2, 5}, {-2, 2, 5}, {-2, -2, 5}, {2, -2, 5}};
 
-void expectVec(miVector v, miVector w)
-{
-    EXPECT_FLOAT_EQ(v.x, w.x);
-    EXPECT_FLOAT_EQ(v.y, w.y);
-    EXPECT_FLOAT_EQ(v.z, w.z);
-}
 
 TEST_F(AreaLightDir, MirrorHitReturnsMirrorDirection)
 {
@@ -219,7 +210,7 @@ TEST_F(AreaLightDir, MirrorHitReturnsMirrorDirection)
     const miVector far[4] = {{0, 40, 5}, {1, 40, 5}, {1, 41, 5}, {0, 41, 5}};
     miVector out{9, 9, 9};
     arealight_max_phong_spec_dir(&o, &r, far, light, &out);
-    expectVec(out, unit(0.1, 0.2, 1.0));
+    expectVec(out, unit(0.1, 0.2, 1.0), kUlps);
     // Outside the square, behind the point, or with |local z| < 1e-5 (here a
     // crossing at local x = 0.6 just above the point): no hit.
     const miVector edgeHit{0.41f, 0, 1}, away{0.1f, 0.2f, -1}, grazing{1, 0, 4e-6f};
@@ -237,12 +228,12 @@ TEST_F(AreaLightDir, EdgeSearch)
     miVector out{9, 9, 9};
     // Mirror ray misses (local x = 1.5); the x = 2 edge's midpoint is closest to r.
     arealight_max_phong_spec_dir(&o, &r, kLight, light, &out);
-    expectVec(out, unit(2, 0, 5));
+    expectVec(out, unit(2, 0, 5), kUlps);
     // Pointing away: every edge's stationary point is its midpoint, with equal
     // cosines; the first edge wins the tie.
     const miVector down{0, 0, -1};
     arealight_max_phong_spec_dir(&o, &down, kLight, light, &out);
-    expectVec(out, unit(0, 2, 5));
+    expectVec(out, unit(0, 2, 5), kUlps);
     // A collapsed edge (two equal corners) is searched with its zero vector.
     const miVector tri[4] = {{2, 2, 5}, {2, 2, 5}, {-2, -2, 5}, {2, -2, 5}};
     arealight_max_phong_spec_dir(&o, &down, tri, light, &out);
