@@ -1,31 +1,26 @@
 #include "render.h"
 
 #include "builtin_shaders.h"
-#include "contact_sheet.h"
 #include "data_passes.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "meshes.h"
 #include "runtime.h"
 #include "shader_loader.h"
+#include "shader_trace.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 
 namespace druxhost {
 
@@ -141,12 +136,6 @@ size_t countMessages(mirt::Level level)
     return n;
 }
 
-/* Runs the shaders' exit functions on every way out of a render. */
-struct ExitGuard {
-    mirt::ShaderLibraries &libs;
-    ~ExitGuard() { libs.exit_all(nullptr); }
-};
-
 /* The shaders of the built-in commands, resolved in the linked libraries. */
 struct Builtins {
     const BuiltinShaders *table = nullptr;
@@ -219,13 +208,470 @@ const Image *RenderResult::pass(const std::string &name) const
     return nullptr;
 }
 
-RenderResult render(const SceneDesc &s, const RenderOptions &ro)
-{
-    validate(s);
-    const auto setupStart = std::chrono::steady_clock::now();
-    const size_t errorsBefore = countMessages(mirt::Level::Error);
-    const size_t warningsBefore = countMessages(mirt::Level::Warning);
+namespace {
 
+/* One render: the stages that set up the render context, the tiles, the
+   teardown.  Members are declared so that they are destroyed in the right
+   order: the exit functions run first (destructor), then the context, the
+   ray-tracing scene and the database items, then the shader libraries, and
+   last the scattering-cache lists the materials point into. */
+class RenderSession {
+public:
+    RenderSession(const SceneDesc &s, const RenderOptions &ro, RenderResult &out)
+        : s_(s), ro_(ro), out_(out), layout_(layoutPasses(s)), fbIndex_(s.passes.size(), 0)
+    {
+    }
+    ~RenderSession()
+    {
+        if (initialised_)
+            libs_.exit_all(nullptr);
+    }
+    RenderSession(const RenderSession &) = delete;
+    RenderSession &operator=(const RenderSession &) = delete;
+
+    /* Every stage up to and including the shaders' init functions. */
+    void setUp(ShaderTracer *tracer = nullptr)
+    {
+        tracer_ = tracer;
+        linkShaders();
+        ctx_.reset(new mirt::Context(s_.width, s_.height));
+        ctx_->record_irradiance_calls(false); /* no lock or list growth per gather */
+        setOptions();
+        setCamera();
+        setFrameBuffers();
+        makeShaders();
+        makeGeometry();
+        makeLights();
+        initShaders();
+    }
+    void renderTiles();
+    /* Renders sample `k` of pixel (x, y) alone on a state of its own; the
+       main colour and every pass's value of that one sample. */
+    void shadeOne(int x, int y, int k, miColor &main, std::vector<miColor> &passes);
+    /* The shaders' exit functions (the materials free their scattering caches). */
+    void tearDown()
+    {
+        libs_.exit_all(nullptr);
+        initialised_ = false;
+    }
+    const std::string &fatal() const { return fatal_; }
+
+private:
+    /* Per-thread buffers of a pixel. */
+    struct PixelScratch {
+        std::vector<miColor> passSum;
+        CryptoPixel objectPx, materialPx;
+        PixelScratch(size_t passes, int samples) : passSum(passes), objectPx(samples), materialPx(samples) {}
+    };
+
+    void linkShaders();
+    void setOptions();
+    void setCamera();
+    void setFrameBuffers();
+    miTag builtinFn(int type, const mirt::LoadedShader *sh, const void *block, int size, bool connectable,
+                    const std::string &name, const std::string &instance);
+    void makeShaders();
+    void makeMaterials(const std::map<std::string, miTag> &textureFn);
+    void makeGeometry();
+    void makeLights();
+    miTag makeLight(const LightDesc &l, miTag param);
+    void initShaders();
+    void worker(int thread);
+    void renderTile(miState *st, int tile, PixelScratch &px);
+    miColor shadeSample(miState *st, int x, int y, int k, CryptoPixel *objectPx, CryptoPixel *materialPx);
+    void shadePixel(miState *st, int x, int y, PixelScratch &px);
+    void noteFatal(const std::string &text);
+    void waitForWorkers(int threads);
+
+    const SceneDesc &s_;
+    const RenderOptions &ro_;
+    RenderResult &out_;
+    const PassLayout layout_;
+    CryptoTags cryptoTags_;
+    std::vector<std::unique_ptr<ScatterCache *>> scatterLists_; /* outlive the materials */
+    mirt::ShaderLibraries libs_; /* outlives every database item made for the render */
+    Items items_;
+    Builtins builtin_;
+    mirt::MeshScene scene_; /* the render's one ray-tracing scene */
+    std::unique_ptr<mirt::Context> ctx_;
+    std::unique_ptr<Camera> camera_;
+    std::vector<int> fbIndex_;
+    std::map<std::string, miTag> materialFn_, shadowFn_;
+    ShaderTracer *tracer_ = nullptr;
+    bool initialised_ = false;
+    BaseShaderState base_{};
+    float invSamples_ = 1.0f;
+    int tilesX_ = 0, tiles_ = 0;
+
+    /* the tile loop's shared state */
+    std::atomic<int> nextTile_{0};
+    std::atomic<long> tilesDone_{0};
+    std::mutex mu_;
+    std::condition_variable cv_;
+    int finished_ = 0;
+    bool release_ = false;
+    std::string fatal_;
+};
+
+/* Shader libraries and shader instances, before any state. */
+void RenderSession::linkShaders()
+{
+    const std::vector<std::string> folders = shaderSearchPath(s_, ro_);
+    int line = 0;
+    try {
+        if (s_.links.empty())
+            libs_.link("libdruxhostshaders.so", folders);
+        for (const LinkDesc &k : s_.links) {
+            line = k.line;
+            libs_.link(k.file, folders);
+        }
+        line = 0;
+        builtin_ = resolveBuiltins(libs_);
+        for (const ShaderDesc &d : s_.shaders) {
+            line = d.line;
+            libs_.instantiate(d.name, d.function, d.values, items_.tags);
+        }
+    } catch (const mirt::LoadError &e) {
+        throw SceneError(line, e.what());
+    }
+}
+
+void RenderSession::setOptions()
+{
+    miOptions &o = ctx_->options();
+    o.trace = s_.options.trace ? miTRUE : miFALSE;
+    o.reflection_depth = s_.options.reflectionDepth;
+    o.refraction_depth = s_.options.refractionDepth;
+    o.trace_depth = s_.options.traceDepth;
+    o.finalgather = s_.options.finalgather ? 1 : 0;
+    o.finalgather_rays = s_.options.fgRays;
+}
+
+void RenderSession::setCamera()
+{
+    camera_.reset(new Camera(s_.camera, s_.width, s_.height));
+    const Matrix toWorld = camera_->toWorld();
+    ctx_->set_camera_transform(toWorld.data());
+    ctx_->camera().focal = 1.0f;
+    ctx_->camera().aperture = 2.0f * camera_->tanX;
+    ctx_->camera().aspect = static_cast<float>(s_.width) / static_cast<float>(s_.height);
+}
+
+/* Frame buffers, the exporter's block and the state shaders. */
+void RenderSession::setFrameBuffers()
+{
+    for (int pi : layout_.entryPass)
+        fbIndex_[size_t(pi)] = ctx_->add_framebuffer(s_.passes[size_t(pi)].name);
+    for (int pi : layout_.constantPass)
+        fbIndex_[size_t(pi)] = ctx_->add_framebuffer(s_.passes[size_t(pi)].name);
+    if (s_.passes.empty())
+        return;
+    const std::vector<uint32_t> words = buildFbufBlock(
+        s_, layout_, [&](const std::string &name) { return items_.keep(mirt::db_create_string(name.c_str())); });
+    const miTag block = items_.keep(mirt::db_create_userdata(words.data(), words.size() * 4, 0));
+    static_cast<miUserdata *>(mirt::db_data(block))->parameter_size = static_cast<int>(words.size() * 4);
+    ctx_->attach_camera_userdata(block);
+    ctx_->add_state_shader(items_.keep(mirt::make_function(miSHADER_STATE, asShader(&druxFrameBufferState), nullptr,
+                                                           0, 0, false, "druxFrameBufferState")));
+    for (size_t k = 0; k < layout_.constantPass.size(); ++k) {
+        druxFrameBufferInit_params prm;
+        prm.nonMaterialPass = static_cast<int>(k);
+        prm.initColor = s_.passes[size_t(layout_.constantPass[k])].constant;
+        ctx_->add_state_shader(items_.keep(mirt::make_function(
+            miSHADER_STATE, asShader(&druxFrameBufferInit), &prm, sizeof prm, 0, false, "druxFrameBufferInit")));
+    }
+}
+
+/* A built-in command's shader: its block from the library's builder,
+   registered with the loader so that its init and exit run. */
+miTag RenderSession::builtinFn(int type, const mirt::LoadedShader *sh, const void *block, int size,
+                               bool connectable, const std::string &name, const std::string &instance)
+{
+    const miTag fn =
+        items_.keep(mirt::make_function(type, sh->fn, block, size, sizeof(miColor), connectable, name.c_str()));
+    libs_.add_instance(instance, *sh, fn);
+    if (tracer_)
+        tracer_->watch(fn, instance);
+    return fn;
+}
+
+void RenderSession::makeShaders()
+{
+    const BuiltinShaders &bt = *builtin_.table;
+    const EnvironmentParams envp = bt.environmentParams(s_.environment);
+    ctx_->set_environment(builtinFn(miSHADER_ENVIRONMENT, builtin_.environment, &envp, sizeof envp, false,
+                                    builtin_.environment->name, "environment:"));
+    std::map<std::string, miTag> textureFn;
+    for (const TextureDesc &t : s_.textures) {
+        const TextureParams tp = bt.textureParams(t);
+        textureFn[t.name] =
+            builtinFn(miSHADER_TEXTURE, builtin_.texture, &tp, sizeof tp, false, t.name, "texture:" + t.name);
+    }
+    makeMaterials(textureFn);
+}
+
+void RenderSession::makeMaterials(const std::map<std::string, miTag> &textureFn)
+{
+    const BuiltinShaders &bt = *builtin_.table;
+    for (const MaterialDesc &m : s_.materials) {
+        miTag fn;
+        if (!m.shader.empty()) {
+            fn = libs_.instance(m.shader);
+            if (tracer_)
+                tracer_->watch(fn, "material:" + m.name + " (" + m.shader + ")");
+        } else {
+            scatterLists_.emplace_back(new ScatterCache *(nullptr));
+            const MaterialParams mp = bt.materialParams(m, scatterLists_.back().get());
+            fn = builtinFn(miSHADER_MATERIAL, builtin_.material, &mp, sizeof mp, true, m.name, "material:" + m.name);
+            if (!m.texture.empty())
+                mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
+        }
+        materialFn_[m.name] = fn;
+        /* every surface has a shadow shader, so that it shadows the passes
+           (an opaque one with transparency 0) */
+        ShadowParams sp;
+        sp.transparency = miColor{m.transparency.r, m.transparency.g, m.transparency.b, 1.0f};
+        shadowFn_[m.name] = builtinFn(miSHADER_SHADOW, builtin_.shadow, &sp, sizeof sp, false,
+                                      builtin_.shadow->name, "shadow:" + m.name);
+    }
+}
+
+void RenderSession::makeGeometry()
+{
+    std::map<std::string, mirt::Mesh> meshes;
+    for (const MeshDesc &m : s_.meshes)
+        meshes[m.name] = buildMesh(m);
+    for (const InstanceDesc &i : s_.instances) {
+        mirt::InstanceDesc d;
+        const Matrix m = i.matrix();
+        std::copy(m.begin(), m.end(), d.local_to_global);
+        d.material = materialFn_.at(i.material);
+        d.shadow = shadowFn_.at(i.material);
+        const std::string mask = occluderMask(s_, layout_, i);
+        if (!mask.empty()) {
+            const miTag text = items_.keep(mirt::db_create_string(mask.c_str()));
+            d.param = items_.keep(mirt::db_create_data(&text, sizeof text));
+        }
+        const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
+        items_.geometry.push_back(g);
+        cryptoTags_.add(g.instance, static_cast<int>(&i - s_.instances.data()),
+                        static_cast<int>(s_.material(i.material) - s_.materials.data()));
+        scene_.add(g);
+    }
+    scene_.build();
+    cryptoTags_.seal();
+    ctx_->set_scene(&scene_);
+    out_.stats.triangles = scene_.triangle_count();
+}
+
+miTag RenderSession::makeLight(const LightDesc &l, miTag param)
+{
+    const BuiltinShaders &bt = *builtin_.table;
+    const std::string instance = "light:" + l.name;
+    if (l.kind == LightKind::Point) {
+        const PointLightParams lp = bt.pointLightParams(l);
+        return ctx_->add_point_light(
+            l.position, builtinFn(miSHADER_LIGHT, builtin_.pointLight, &lp, sizeof lp, false, l.name, instance),
+            param);
+    }
+    if (l.kind == LightKind::Rect) {
+        const RectLightParams lp = bt.rectLightParams(l);
+        return ctx_->add_rect_light(
+            l.position, l.u, l.v, l.samples,
+            builtinFn(miSHADER_LIGHT, builtin_.rectLight, &lp, sizeof lp, false, l.name, instance), param);
+    }
+    const PlainLightParams lp = bt.plainLightParams(l);
+    return ctx_->add_point_light(
+        l.position, builtinFn(miSHADER_LIGHT, builtin_.plainLight, &lp, sizeof lp, false, l.name, instance), param);
+}
+
+void RenderSession::makeLights()
+{
+    for (const LightDesc &l : s_.lights) {
+        miTag param = 0;
+        const std::string mask = lightMask(s_, layout_, l);
+        if (!mask.empty()) {
+            const miTag text = items_.keep(mirt::db_create_string(mask.c_str()));
+            param = items_.keep(mirt::db_create_data(&text, sizeof text));
+        }
+        const miTag inst = makeLight(l, param);
+        if (!l.shadow) {
+            const miInstance *li = static_cast<const miInstance *>(mirt::db_data(inst));
+            static_cast<miLight *>(mirt::db_data(li->item))->shadow = miFALSE;
+        }
+    }
+}
+
+/* Shader initialisation, on a state of its own.  The state shader resolves
+   frame-buffer names at a state's first sample begin and need not release
+   the slot block of a state that never had one, so this state runs one
+   sample begin first (outside the image: nothing is written). */
+void RenderSession::initShaders()
+{
+    miState *init = ctx_->begin_state(0);
+    ctx_->begin_sample(init, -1, -1, 0);
+    libs_.init_all(init);
+    ctx_->end_state(init);
+    initialised_ = true;
+    base_ = baseState(s_.options);
+    invSamples_ = 1.0f / static_cast<float>(s_.samples);
+}
+
+/* Traces and shades sample k of pixel (x, y); the frame buffers hold the
+   sample's pass values until the caller takes them. */
+miColor RenderSession::shadeSample(miState *st, int x, int y, int k, CryptoPixel *objectPx, CryptoPixel *materialPx)
+{
+    ctx_->begin_sample(st, x, y, k);
+    double jx, jy;
+    jitter(x, y, k, s_.samples, jx, jy);
+    const miVector dir = camera_->ray(x + jx, y + jy);
+    miColor c;
+    const miBoolean ok = ctx_->shade_eye(st, camera_->origin, dir, &c);
+    int hitInstance = -1, hitMaterial = -1;
+    cryptoTags_.find(st->instance, hitInstance, hitMaterial);
+    if (objectPx)
+        objectPx->add(hitInstance, 1.0f);
+    if (materialPx)
+        materialPx->add(hitMaterial, 1.0f);
+    ctx_->end_sample(st, ok);
+    return c;
+}
+
+void RenderSession::shadePixel(miState *st, int x, int y, PixelScratch &px)
+{
+    miColor sum{0, 0, 0, 0};
+    for (size_t p = 0; p < s_.passes.size(); ++p)
+        px.passSum[p] = pixelFilterStart(s_.passes[p].role);
+    px.objectPx.clear();
+    px.materialPx.clear();
+    for (int k = 0; k < s_.samples; ++k) {
+        const miColor c = shadeSample(st, x, y, k, &px.objectPx, &px.materialPx);
+        sum.r += c.r;
+        sum.g += c.g;
+        sum.b += c.b;
+        sum.a += c.a;
+        for (size_t p = 0; p < s_.passes.size(); ++p) {
+            if (!fbIndex_[p])
+                continue;
+            pixelFilterAdd(s_.passes[p].role, px.passSum[p], ctx_->fb_pixel(fbIndex_[p], x, y));
+            ctx_->set_fb_pixel(fbIndex_[p], x, y, miColor{0, 0, 0, 0});
+        }
+    }
+    const float inv = invSamples_;
+    out_.main.set(x, y, miColor{sum.r * inv, sum.g * inv, sum.b * inv, sum.a * inv});
+    px.objectPx.write(out_.mattes[0], x, y);
+    px.materialPx.write(out_.mattes[1], x, y);
+    for (size_t p = 0; p < s_.passes.size(); ++p)
+        out_.passes[p].set(x, y, pixelFilterEnd(s_.passes[p].role, px.passSum[p], inv));
+}
+
+void RenderSession::shadeOne(int x, int y, int k, miColor &main, std::vector<miColor> &passes)
+{
+    miState *st = ctx_->begin_state(0);
+    mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base_, sizeof base_, 2);
+    main = shadeSample(st, x, y, k, nullptr, nullptr);
+    passes.assign(s_.passes.size(), miColor{0, 0, 0, 0});
+    for (size_t p = 0; p < s_.passes.size(); ++p) {
+        miColor acc = pixelFilterStart(s_.passes[p].role);
+        if (fbIndex_[p])
+            pixelFilterAdd(s_.passes[p].role, acc, ctx_->fb_pixel(fbIndex_[p], x, y));
+        passes[p] = pixelFilterEnd(s_.passes[p].role, acc, 1.0f);
+    }
+    ctx_->end_state(st);
+}
+
+void RenderSession::renderTile(miState *st, int tile, PixelScratch &px)
+{
+    const int ts = std::max(1, ro_.tileSize);
+    const int x0 = (tile % tilesX_) * ts, y0 = (tile / tilesX_) * ts;
+    const int x1 = std::min(x0 + ts, s_.width), y1 = std::min(y0 + ts, s_.height);
+    for (int y = y0; y < y1; ++y)
+        for (int x = x0; x < x1; ++x)
+            shadePixel(st, x, y, px);
+}
+
+void RenderSession::noteFatal(const std::string &text)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    if (fatal_.empty())
+        fatal_ = text;
+    nextTile_.store(tiles_);
+}
+
+void RenderSession::worker(int thread)
+{
+    miState *st = nullptr;
+    PixelScratch px(s_.passes.size(), s_.samples);
+    try {
+        for (int tile; (tile = nextTile_.fetch_add(1)) < tiles_;) {
+            if (!st) {
+                st = ctx_->begin_state(thread);
+                mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base_, sizeof base_, 2);
+            }
+            renderTile(st, tile, px);
+            tilesDone_.fetch_add(1);
+        }
+    } catch (const mirt::FatalError &e) {
+        noteFatal(e.text);
+    } catch (const std::exception &e) {
+        noteFatal(e.what());
+    }
+    /* wait until the controller has looked at the memory in use */
+    {
+        std::unique_lock<std::mutex> lk(mu_);
+        ++finished_;
+        cv_.notify_all();
+        cv_.wait(lk, [&] { return release_; });
+    }
+    if (st)
+        ctx_->end_state(st);
+}
+
+/* Reports progress until every worker is done, then notes the memory in use
+   while their states are still alive and lets them end. */
+void RenderSession::waitForWorkers(int threads)
+{
+    std::unique_lock<std::mutex> lk(mu_);
+    while (finished_ < threads) {
+        cv_.wait_for(lk, std::chrono::milliseconds(100));
+        if (ro_.progress) {
+            const double f = double(tilesDone_.load()) / tiles_;
+            lk.unlock();
+            ro_.progress(f);
+            lk.lock();
+        }
+    }
+    for (const std::string &tag : libraryMemoryTags())
+        out_.stats.memory.push_back(TagMemory{tag, mirt::mem_live_bytes(tag), 0});
+    release_ = true;
+    cv_.notify_all();
+}
+
+void RenderSession::renderTiles()
+{
+    const int ts = std::max(1, ro_.tileSize);
+    tilesX_ = (s_.width + ts - 1) / ts;
+    tiles_ = tilesX_ * ((s_.height + ts - 1) / ts);
+    int threads = ro_.threads > 0 ? ro_.threads : static_cast<int>(std::thread::hardware_concurrency());
+    threads = std::max(1, std::min(threads, tiles_));
+    out_.stats.threads = threads;
+
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t)
+        pool.emplace_back(&RenderSession::worker, this, t);
+    waitForWorkers(threads);
+    out_.stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    for (std::thread &t : pool)
+        t.join();
+    if (ro_.progress)
+        ro_.progress(1.0);
+    out_.stats.eyeSamples =
+        static_cast<uint64_t>(s_.width) * static_cast<uint64_t>(s_.height) * static_cast<uint64_t>(s_.samples);
+}
+
+RenderResult emptyResult(const SceneDesc &s)
+{
     RenderResult out;
     out.main = Image(s.width, s.height);
     for (const PassDesc &p : s.passes) {
@@ -233,331 +679,34 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.passRoles.push_back(p.role);
         out.passes.emplace_back(s.width, s.height);
     }
-    const PassLayout layout = layoutPasses(s);
-    {
-        std::vector<std::string> instanceNames, materialNames;
-        for (const InstanceDesc &i : s.instances)
-            instanceNames.push_back(i.name);
-        for (const MaterialDesc &m : s.materials)
-            materialNames.push_back(m.name);
-        out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, s.width, s.height));
-        out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, s.width, s.height));
-    }
-    CryptoTags cryptoTags;
-    std::vector<std::unique_ptr<ScatterCache *>> scatterLists; /* outlive the materials */
+    std::vector<std::string> instanceNames, materialNames;
+    for (const InstanceDesc &i : s.instances)
+        instanceNames.push_back(i.name);
+    for (const MaterialDesc &m : s.materials)
+        materialNames.push_back(m.name);
+    out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, s.width, s.height));
+    out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, s.width, s.height));
+    return out;
+}
+
+} // namespace
+
+RenderResult render(const SceneDesc &s, const RenderOptions &ro)
+{
+    validate(s);
+    const auto setupStart = std::chrono::steady_clock::now();
+    const size_t errorsBefore = countMessages(mirt::Level::Error);
+    const size_t warningsBefore = countMessages(mirt::Level::Warning);
+    RenderResult out = emptyResult(s);
     std::string fatal;
-    /* outlives every database item made for the render: unloaded last */
-    mirt::ShaderLibraries libs;
-
     {
-        Items items;
-
-        /* ---- shader libraries and shader instances, before any state */
-        Builtins builtin;
-        {
-            const std::vector<std::string> folders = shaderSearchPath(s, ro);
-            int line = 0;
-            try {
-                if (s.links.empty())
-                    libs.link("libdruxhostshaders.so", folders);
-                for (const LinkDesc &k : s.links) {
-                    line = k.line;
-                    libs.link(k.file, folders);
-                }
-                line = 0;
-                builtin = resolveBuiltins(libs);
-                for (const ShaderDesc &d : s.shaders) {
-                    line = d.line;
-                    libs.instantiate(d.name, d.function, d.values, items.tags);
-                }
-            } catch (const mirt::LoadError &e) {
-                throw SceneError(line, e.what());
-            }
-        }
-        const BuiltinShaders &bt = *builtin.table;
-
-        mirt::MeshScene scene; /* the render's one ray-tracing scene */
-        mirt::Context ctx(s.width, s.height);
-        ctx.record_irradiance_calls(false); /* no lock or list growth per gather */
-
-        /* ---- options */
-        miOptions &o = ctx.options();
-        o.trace = s.options.trace ? miTRUE : miFALSE;
-        o.reflection_depth = s.options.reflectionDepth;
-        o.refraction_depth = s.options.refractionDepth;
-        o.trace_depth = s.options.traceDepth;
-        o.finalgather = s.options.finalgather ? 1 : 0;
-        o.finalgather_rays = s.options.fgRays;
-
-        /* ---- camera */
-        const Camera camera(s.camera, s.width, s.height);
-        const Matrix toWorld = camera.toWorld();
-        ctx.set_camera_transform(toWorld.data());
-        ctx.camera().focal = 1.0f;
-        ctx.camera().aperture = 2.0f * camera.tanX;
-        ctx.camera().aspect = static_cast<float>(s.width) / static_cast<float>(s.height);
-
-        /* ---- frame buffers, the exporter's block and the state shaders */
-        std::vector<int> fbIndex(s.passes.size(), 0);
-        for (int pi : layout.entryPass)
-            fbIndex[size_t(pi)] = ctx.add_framebuffer(s.passes[size_t(pi)].name);
-        for (int pi : layout.constantPass)
-            fbIndex[size_t(pi)] = ctx.add_framebuffer(s.passes[size_t(pi)].name);
-        if (!s.passes.empty()) {
-            const std::vector<uint32_t> words = buildFbufBlock(
-                s, layout, [&](const std::string &name) { return items.keep(mirt::db_create_string(name.c_str())); });
-            const miTag block = items.keep(mirt::db_create_userdata(words.data(), words.size() * 4, 0));
-            static_cast<miUserdata *>(mirt::db_data(block))->parameter_size = static_cast<int>(words.size() * 4);
-            ctx.attach_camera_userdata(block);
-            ctx.add_state_shader(items.keep(mirt::make_function(miSHADER_STATE, asShader(&druxFrameBufferState),
-                                                                nullptr, 0, 0, false, "druxFrameBufferState")));
-            for (size_t k = 0; k < layout.constantPass.size(); ++k) {
-                druxFrameBufferInit_params prm;
-                prm.nonMaterialPass = static_cast<int>(k);
-                prm.initColor = s.passes[size_t(layout.constantPass[k])].constant;
-                ctx.add_state_shader(items.keep(mirt::make_function(miSHADER_STATE, asShader(&druxFrameBufferInit),
-                                                                    &prm, sizeof prm, 0, false,
-                                                                    "druxFrameBufferInit")));
-            }
-        }
-
-        /* ---- shaders */
-        /* A built-in command's shader: its block from the library's builder,
-           registered with the loader so that its init and exit run. */
-        auto builtinFn = [&](int type, const mirt::LoadedShader *sh, const void *block, int size, bool connectable,
-                             const std::string &name, const std::string &instance) {
-            const miTag fn =
-                items.keep(mirt::make_function(type, sh->fn, block, size, sizeof(miColor), connectable, name.c_str()));
-            libs.add_instance(instance, *sh, fn);
-            return fn;
-        };
-        const EnvironmentParams envp = bt.environmentParams(s.environment);
-        ctx.set_environment(builtinFn(miSHADER_ENVIRONMENT, builtin.environment, &envp, sizeof envp, false,
-                                      builtin.environment->name, "environment:"));
-        std::map<std::string, miTag> textureFn;
-        for (const TextureDesc &t : s.textures) {
-            const TextureParams tp = bt.textureParams(t);
-            textureFn[t.name] =
-                builtinFn(miSHADER_TEXTURE, builtin.texture, &tp, sizeof tp, false, t.name, "texture:" + t.name);
-        }
-        std::map<std::string, miTag> materialFn, shadowFn;
-        for (const MaterialDesc &m : s.materials) {
-            miTag fn;
-            if (!m.shader.empty()) {
-                fn = libs.instance(m.shader);
-            } else {
-                scatterLists.emplace_back(new ScatterCache *(nullptr));
-                const MaterialParams mp = bt.materialParams(m, scatterLists.back().get());
-                fn = builtinFn(miSHADER_MATERIAL, builtin.material, &mp, sizeof mp, true, m.name,
-                               "material:" + m.name);
-                if (!m.texture.empty())
-                    mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
-            }
-            materialFn[m.name] = fn;
-            /* every surface has a shadow shader, so that it shadows the
-               passes (an opaque one with transparency 0) */
-            ShadowParams sp;
-            sp.transparency = miColor{m.transparency.r, m.transparency.g, m.transparency.b, 1.0f};
-            shadowFn[m.name] = builtinFn(miSHADER_SHADOW, builtin.shadow, &sp, sizeof sp, false,
-                                         builtin.shadow->name, "shadow:" + m.name);
-        }
-
-        /* ---- geometry */
-        std::map<std::string, mirt::Mesh> meshes;
-        for (const MeshDesc &m : s.meshes)
-            meshes[m.name] = buildMesh(m);
-        for (const InstanceDesc &i : s.instances) {
-            mirt::InstanceDesc d;
-            const Matrix m = i.matrix();
-            std::copy(m.begin(), m.end(), d.local_to_global);
-            d.material = materialFn.at(i.material);
-            d.shadow = shadowFn.at(i.material);
-            const std::string mask = occluderMask(s, layout, i);
-            if (!mask.empty()) {
-                const miTag text = items.keep(mirt::db_create_string(mask.c_str()));
-                d.param = items.keep(mirt::db_create_data(&text, sizeof text));
-            }
-            const mirt::GeometryTags g = mirt::build_instance(meshes.at(i.mesh), d);
-            items.geometry.push_back(g);
-            cryptoTags.add(g.instance, static_cast<int>(&i - s.instances.data()),
-                           static_cast<int>(s.material(i.material) - s.materials.data()));
-            scene.add(g);
-        }
-        scene.build();
-        cryptoTags.seal();
-        ctx.set_scene(&scene);
-        out.stats.triangles = scene.triangle_count();
-
-        /* ---- lights */
-        for (const LightDesc &l : s.lights) {
-            miTag param = 0;
-            const std::string mask = lightMask(s, layout, l);
-            if (!mask.empty()) {
-                const miTag text = items.keep(mirt::db_create_string(mask.c_str()));
-                param = items.keep(mirt::db_create_data(&text, sizeof text));
-            }
-            miTag inst = 0;
-            if (l.kind == LightKind::Point) {
-                const PointLightParams lp = bt.pointLightParams(l);
-                inst = ctx.add_point_light(l.position,
-                                           builtinFn(miSHADER_LIGHT, builtin.pointLight, &lp, sizeof lp, false,
-                                                     l.name, "light:" + l.name),
-                                           param);
-            } else if (l.kind == LightKind::Rect) {
-                const RectLightParams lp = bt.rectLightParams(l);
-                inst = ctx.add_rect_light(l.position, l.u, l.v, l.samples,
-                                          builtinFn(miSHADER_LIGHT, builtin.rectLight, &lp, sizeof lp, false, l.name,
-                                                    "light:" + l.name),
-                                          param);
-            } else {
-                const PlainLightParams lp = bt.plainLightParams(l);
-                inst = ctx.add_point_light(l.position,
-                                           builtinFn(miSHADER_LIGHT, builtin.plainLight, &lp, sizeof lp, false,
-                                                     l.name, "light:" + l.name),
-                                           param);
-            }
-            if (!l.shadow) {
-                const miInstance *li = static_cast<const miInstance *>(mirt::db_data(inst));
-                static_cast<miLight *>(mirt::db_data(li->item))->shadow = miFALSE;
-            }
-        }
-
-        /* ---- shader initialisation, on a state of its own.  The state
-           shader resolves frame-buffer names at a state's first sample begin
-           and need not release the slot block of a state that never had one,
-           so this state runs one sample begin first (outside the image:
-           nothing is written). */
-        {
-            miState *init = ctx.begin_state(0);
-            ctx.begin_sample(init, -1, -1, 0);
-            libs.init_all(init);
-            ctx.end_state(init);
-        }
-        ExitGuard exitGuard{libs};
+        RenderSession session(s, ro, out);
+        session.setUp();
         out.stats.setupSeconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - setupStart).count();
-
-        /* ---- sampling */
-        const int ts = std::max(1, ro.tileSize);
-        const int tilesX = (s.width + ts - 1) / ts, tilesY = (s.height + ts - 1) / ts;
-        const int tiles = tilesX * tilesY;
-        int threads = ro.threads > 0 ? ro.threads : static_cast<int>(std::thread::hardware_concurrency());
-        threads = std::max(1, std::min(threads, tiles));
-        out.stats.threads = threads;
-        const BaseShaderState base = baseState(s.options);
-        const float invSamples = 1.0f / static_cast<float>(s.samples);
-
-        std::atomic<int> nextTile{0};
-        std::atomic<long> tilesDone{0};
-        std::mutex mu;
-        std::condition_variable cv;
-        int finished = 0;
-        bool release = false;
-
-        auto worker = [&](int thread) {
-            miState *st = nullptr;
-            std::vector<miColor> passSum(s.passes.size());
-            CryptoPixel objectPx(s.samples), materialPx(s.samples);
-            try {
-                for (int tile; (tile = nextTile.fetch_add(1)) < tiles;) {
-                    if (!st) {
-                        st = ctx.begin_state(thread);
-                        mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base, sizeof base, 2);
-                    }
-                    const int x0 = (tile % tilesX) * ts, y0 = (tile / tilesX) * ts;
-                    const int x1 = std::min(x0 + ts, s.width), y1 = std::min(y0 + ts, s.height);
-                    for (int y = y0; y < y1; ++y)
-                        for (int x = x0; x < x1; ++x) {
-                            miColor sum{0, 0, 0, 0};
-                            for (size_t p = 0; p < s.passes.size(); ++p)
-                                passSum[p] = pixelFilterStart(s.passes[p].role);
-                            objectPx.clear();
-                            materialPx.clear();
-                            for (int k = 0; k < s.samples; ++k) {
-                                ctx.begin_sample(st, x, y, k);
-                                double jx, jy;
-                                jitter(x, y, k, s.samples, jx, jy);
-                                const miVector dir = camera.ray(x + jx, y + jy);
-                                miColor c;
-                                const miBoolean ok = ctx.shade_eye(st, camera.origin, dir, &c);
-                                int hitInstance = -1, hitMaterial = -1;
-                                cryptoTags.find(st->instance, hitInstance, hitMaterial);
-                                objectPx.add(hitInstance, 1.0f);
-                                materialPx.add(hitMaterial, 1.0f);
-                                ctx.end_sample(st, ok);
-                                sum.r += c.r;
-                                sum.g += c.g;
-                                sum.b += c.b;
-                                sum.a += c.a;
-                                for (size_t p = 0; p < s.passes.size(); ++p) {
-                                    if (!fbIndex[p])
-                                        continue;
-                                    pixelFilterAdd(s.passes[p].role, passSum[p], ctx.fb_pixel(fbIndex[p], x, y));
-                                    ctx.set_fb_pixel(fbIndex[p], x, y, miColor{0, 0, 0, 0});
-                                }
-                            }
-                            out.main.set(x, y, miColor{sum.r * invSamples, sum.g * invSamples, sum.b * invSamples,
-                                                       sum.a * invSamples});
-                            objectPx.write(out.mattes[0], x, y);
-                            materialPx.write(out.mattes[1], x, y);
-                            for (size_t p = 0; p < s.passes.size(); ++p)
-                                out.passes[p].set(x, y, pixelFilterEnd(s.passes[p].role, passSum[p], invSamples));
-                        }
-                    tilesDone.fetch_add(1);
-                }
-            } catch (const mirt::FatalError &e) {
-                std::lock_guard<std::mutex> lk(mu);
-                if (fatal.empty())
-                    fatal = e.text;
-                nextTile.store(tiles);
-            } catch (const std::exception &e) {
-                std::lock_guard<std::mutex> lk(mu);
-                if (fatal.empty())
-                    fatal = e.what();
-                nextTile.store(tiles);
-            }
-            /* wait until the controller has looked at the memory in use */
-            {
-                std::unique_lock<std::mutex> lk(mu);
-                ++finished;
-                cv.notify_all();
-                cv.wait(lk, [&] { return release; });
-            }
-            if (st)
-                ctx.end_state(st);
-        };
-
-        const auto start = std::chrono::steady_clock::now();
-        std::vector<std::thread> pool;
-        for (int t = 0; t < threads; ++t)
-            pool.emplace_back(worker, t);
-        {
-            std::unique_lock<std::mutex> lk(mu);
-            while (finished < threads) {
-                cv.wait_for(lk, std::chrono::milliseconds(100));
-                if (ro.progress) {
-                    const double f = double(tilesDone.load()) / tiles;
-                    lk.unlock();
-                    ro.progress(f);
-                    lk.lock();
-                }
-            }
-            out.stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            for (const std::string &tag : libraryMemoryTags())
-                out.stats.memory.push_back(TagMemory{tag, mirt::mem_live_bytes(tag), 0});
-            release = true;
-            cv.notify_all();
-        }
-        for (std::thread &t : pool)
-            t.join();
-        if (ro.progress)
-            ro.progress(1.0);
-        out.stats.eyeSamples = static_cast<uint64_t>(s.width) * static_cast<uint64_t>(s.height) *
-                               static_cast<uint64_t>(s.samples);
-
-        /* ---- the shaders' exit functions (the materials free their
-           scattering caches) */
-        libs.exit_all(nullptr);
+        session.renderTiles();
+        session.tearDown();
+        fatal = session.fatal();
     }
     for (TagMemory &m : out.stats.memory)
         m.after = mirt::mem_live_bytes(m.tag);
@@ -569,96 +718,26 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     return out;
 }
 
-std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames)
+PixelSample debugPixel(const SceneDesc &s, int x, int y, int sample, const RenderOptions &ro)
 {
-    std::vector<std::string> names{"render.exr", "main.png"};
-    for (const std::string &p : passNames)
-        names.push_back(p + ".png");
-    names.push_back("contact.png");
-    return names;
-}
-
-std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir)
-{
-    const std::vector<std::string> names = outputFileNames(r.passNames);
-    std::vector<std::string> files;
-    std::vector<Layer> layers;
-    layers.push_back(Layer{"", &r.main});
-    bool zWritten = false;
-    for (size_t i = 0; i < r.passes.size(); ++i) {
-        /* the first depth pass is the file's Z channel, any other <name>.Z */
-        const bool depth = r.passRoles[i] == PassRole::Depth;
-        layers.push_back(Layer{depth && !zWritten ? std::string() : r.passNames[i], &r.passes[i], depth});
-        zWritten = zWritten || depth;
-    }
-    std::vector<std::pair<std::string, std::string>> attributes;
-    for (const CryptoMatte &m : r.mattes) {
-        for (size_t l = 0; l < m.layers.size(); ++l)
-            layers.push_back(Layer{m.layerName(static_cast<int>(l)), &m.layers[l]});
-        for (const auto &a : m.attributes())
-            attributes.push_back(a);
-    }
-    files.push_back(dir + "/" + names[0]);
-    writeExr(files.back(), layers, attributes);
-    files.push_back(dir + "/" + names[1]);
-    writePng(files.back(), r.main);
-    for (size_t i = 0; i < r.passes.size(); ++i) {
-        files.push_back(dir + "/" + names[2 + i]);
-        writePng(files.back(), displayImage(r.passRoles[i], r.passes[i]));
-    }
-    files.push_back(dir + "/" + names.back());
-    writePng(files.back(), makeContactSheet(contactTiles(r)).image);
-    return files;
-}
-
-std::string probeOutputs(const std::string &dir, const std::vector<std::string> &files)
-{
-    for (const std::string &name : files) {
-        const std::string path = dir + "/" + name;
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd >= 0) {
-            ::close(fd);
-            if (::unlink(path.c_str()) != 0)
-                return "cannot remove the test file " + path + ": " + std::strerror(errno);
-            continue;
-        }
-        if (errno == EEXIST) { /* an earlier render's file: may it be replaced? */
-            const int old = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-            if (old >= 0) {
-                ::close(old);
-                continue;
-            }
-        }
-        return "cannot write " + path + ": " + std::strerror(errno);
-    }
-    return "";
-}
-
-WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &dir)
-{
-    WrittenOutputs out;
-    try {
-        out.files = writeOutputs(r, dir);
-        out.dir = dir;
-        return out;
-    } catch (const std::exception &e) {
-        out.failure = e.what();
-    }
-    std::error_code ec;
-    const std::filesystem::path tmp = std::filesystem::temp_directory_path(ec);
-    if (ec)
-        throw std::runtime_error(out.failure + "; no temporary directory for the images: " + ec.message());
-    const std::string base = (tmp / ("druxrender-" + std::to_string(::getpid()) + "-")).string();
-    for (int k = 0; k < 1000 && out.dir.empty(); ++k)
-        if (::mkdir((base + std::to_string(k)).c_str(), 0777) == 0)
-            out.dir = base + std::to_string(k);
-    if (out.dir.empty())
-        throw std::runtime_error(out.failure + "; cannot create a folder under " + tmp.string() + " either: " +
-                                 std::strerror(errno));
-    try {
-        out.files = writeOutputs(r, out.dir);
-    } catch (const std::exception &e) {
-        throw std::runtime_error(out.failure + "; writing to " + out.dir + " failed too: " + e.what());
+    validate(s);
+    if (x < 0 || y < 0 || x >= s.width || y >= s.height || sample < 0 || sample >= s.samples)
+        throw std::runtime_error("pixel " + std::to_string(x) + "," + std::to_string(y) + " sample " +
+                                 std::to_string(sample) + " lies outside the " + std::to_string(s.width) + " x " +
+                                 std::to_string(s.height) + " image of " + std::to_string(s.samples) + " samples");
+    PixelSample out;
+    out.passNames.clear();
+    for (const PassDesc &p : s.passes)
+        out.passNames.push_back(p.name);
+    RenderResult scratch = emptyResult(s);
+    ShaderTracer tracer;
+    {
+        RenderSession session(s, ro, scratch);
+        session.setUp(&tracer);
+        tracer.start(&out.trace);
+        session.shadeOne(x, y, sample, out.main, out.passes);
+        tracer.stop();
+        session.tearDown();
     }
     return out;
 }

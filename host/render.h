@@ -87,6 +87,24 @@ const std::vector<std::string> &libraryMemoryTags();
    and std::runtime_error when the renderer reports a fatal error. */
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 
+/* One pixel sample rendered alone: its main colour, every pass's value of
+   that sample (scene order) and the shader calls it ran, one line each,
+   indented by nesting: "<kind>:<name> -> <returned> (r g b a)". */
+struct PixelSample {
+    miColor main{0, 0, 0, 0};
+    std::vector<std::string> passNames;
+    std::vector<miColor> passes;
+    std::vector<std::string> trace;
+};
+
+/* Sets the scene up as render() does and renders sample `sample` of pixel
+   (x, y) with the same sub-pixel position.  Sampling depends only on pixel
+   and sample, so this replays that sample of a full render.  Throws as
+   render() does, and std::runtime_error for a pixel or sample outside the
+   image. */
+PixelSample debugPixel(const SceneDesc &scene, int x, int y, int sample,
+                       const RenderOptions &options = RenderOptions());
+
 /* Writes <dir>/render.exr (main image as the default layer, one layer per
    pass, the ID mattes' layers and header attributes), <dir>/<name>.png for
    the main image ("main") and every pass, and <dir>/contact.png with all of
