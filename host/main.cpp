@@ -4,7 +4,7 @@
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
  *              [--resolution WxH] [--no-progress] [--quiet]
  *              [--shader-path DIRS] [--image-stats FILE] [--version]
- *              [--print-default-scene] [--help]
+ *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
  * DIR/render.exr (every pass as a layer), a PNG preview per pass and the
@@ -12,6 +12,10 @@
  * progress bar on a terminal and ends with a summary: time, samples per
  * second, time per megasample, the library's memory per tag and database
  * pins.
+ *
+ * --debug-pixel renders sample S (default 0) of pixel (X, Y) alone, prints
+ * the shader calls it ran and the sample's main colour and pass values, and
+ * writes no files.
  *
  * Before rendering it checks that every output file can be written (exit 2
  * otherwise); when writing still fails after the render, the images go to a
@@ -53,6 +57,8 @@ void usage(std::ostream &o)
          "                         after the scene file's folder (also DRUX_SHADER_PATH)\n"
          "  --version              print the version and exit\n"
          "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
+         "  --debug-pixel X,Y[,S]  render sample S (default 0) of pixel X,Y alone and print the\n"
+         "                         shader calls it ran and its pass values (no files written)\n"
          "  --help                 this text\n";
 }
 
@@ -65,6 +71,57 @@ bool parseInt(const char *s, int &v)
         return false;
     v = static_cast<int>(x);
     return true;
+}
+
+/* "X,Y" or "X,Y,S", each a number from 0 */
+bool parseDebugPixel(const std::string &text, int v[3])
+{
+    v[2] = 0;
+    const char *c = text.c_str();
+    for (int k = 0; k < 3; ++k) {
+        char *end = nullptr;
+        errno = 0;
+        const long x = std::strtol(c, &end, 10);
+        if (end == c || errno || x < 0 || x > 1000000 || (*c < '0' || *c > '9'))
+            return false;
+        v[k] = static_cast<int>(x);
+        if (!*end)
+            return k >= 1;
+        if (*end != ',' || k == 2)
+            return false;
+        c = end + 1;
+    }
+    return false;
+}
+
+void printColor(const char *label, const miColor &c)
+{
+    std::printf("  %-20s %.9g %.9g %.9g %.9g\n", label, double(c.r), double(c.g), double(c.b), double(c.a));
+}
+
+int runDebugPixel(const SceneDesc &scene, const std::string &sceneName, const int px[3], const RenderOptions &ro)
+{
+    PixelSample ps;
+    try {
+        ps = debugPixel(scene, px[0], px[1], px[2], ro);
+    } catch (const SceneError &e) {
+        std::cerr << "druxrender: " << sceneName;
+        if (e.line() > 0)
+            std::cerr << ":" << e.line();
+        std::cerr << ": " << e.what() << "\n";
+        return 2;
+    } catch (const std::exception &e) {
+        std::cerr << "druxrender: " << e.what() << "\n";
+        return 1;
+    }
+    std::printf("pixel %d,%d sample %d\nshader calls\n", px[0], px[1], px[2]);
+    for (const std::string &line : ps.trace)
+        std::printf("  %s\n", line.c_str());
+    std::printf("values\n");
+    printColor("main", ps.main);
+    for (size_t p = 0; p < ps.passes.size(); ++p)
+        printColor(ps.passNames[p].c_str(), ps.passes[p]);
+    return 0;
 }
 
 bool makeDir(const std::string &dir)
@@ -111,6 +168,7 @@ int main(int argc, char **argv)
     std::string scenePath, outDir = "out", statsPath;
     std::vector<std::string> shaderPath;
     int threads = 0, samples = 0, width = 0, height = 0;
+    int debugPx[3] = {-1, -1, 0};
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -165,6 +223,11 @@ int main(int argc, char **argv)
             std::cout << "# The built-in scene of druxrender (druxrender --print-default-scene)\n"
                       << writeScene(defaultScene());
             return 0;
+        } else if (a == "--debug-pixel") {
+            if (!parseDebugPixel(value("X,Y[,S]"), debugPx)) {
+                std::cerr << "druxrender: --debug-pixel needs X,Y or X,Y,S (numbers from 0)\n";
+                return 2;
+            }
         } else if (a == "--help" || a == "-h") {
             usage(std::cout);
             return 0;
@@ -195,6 +258,11 @@ int main(int argc, char **argv)
             std::cerr << ":" << e.line();
         std::cerr << ": " << e.what() << "\n";
         return 2;
+    }
+    if (debugPx[0] >= 0) {
+        RenderOptions ro;
+        ro.shaderPath = shaderPath;
+        return runDebugPixel(scene, scenePath.empty() ? std::string("built-in scene") : scenePath, debugPx, ro);
     }
     if (!makeDir(outDir)) {
         std::cerr << "druxrender: cannot create the output directory " << outDir << ": " << std::strerror(errno)

@@ -1,0 +1,105 @@
+/*
+ * Replaying one pixel sample: debugPixel gives exactly the values the full
+ * render computed for that sample, and its trace names the shaders the
+ * sample ran (material and lights on a surface, the environment alone on
+ * the background).
+ */
+#include "render.h"
+#include "runtime_fixture.h"
+#include "scene.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+using namespace druxhost;
+
+namespace {
+
+class DebugPixel : public RuntimeTest {};
+
+SceneDesc smallDefault(int samples)
+{
+    SceneDesc s = defaultScene();
+    s.width = 48;
+    s.height = 36;
+    s.samples = samples;
+    return s;
+}
+
+bool sameBits(const miColor &a, const miColor &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+bool traceHas(const std::vector<std::string> &trace, const std::string &prefix)
+{
+    for (const std::string &line : trace)
+        if (line.find_first_not_of(' ') != std::string::npos &&
+            line.compare(line.find_first_not_of(' '), prefix.size(), prefix) == 0)
+            return true;
+    return false;
+}
+
+/* With one sample a pixel is its sample: every pass and the main colour
+   agree bit for bit; a covered pixel's trace starts at its material and
+   calls lights, a background pixel runs the environment only. */
+TEST_F(DebugPixel, ReplaysTheRenderedSampleAndNamesItsShaders)
+{
+    const SceneDesc s = smallDefault(1);
+    const RenderResult full = render(s);
+    const Image *coverage = full.pass("coverage");
+    ASSERT_NE(coverage, nullptr);
+    int surfaces = 0, backgrounds = 0;
+    for (int y = 2; y < s.height; y += 5)
+        for (int x = 3; x < s.width; x += 7) {
+            const PixelSample ps = debugPixel(s, x, y, 0);
+            SCOPED_TRACE("pixel " + std::to_string(x) + "," + std::to_string(y));
+            EXPECT_TRUE(sameBits(ps.main, full.main.at(x, y)));
+            ASSERT_EQ(ps.passes.size(), full.passes.size());
+            for (size_t p = 0; p < ps.passes.size(); ++p)
+                EXPECT_TRUE(sameBits(ps.passes[p], full.passes[p].at(x, y))) << full.passNames[p];
+            ASSERT_FALSE(ps.trace.empty());
+            if (coverage->at(x, y).r > 0) {
+                ++surfaces;
+                bool named = false;
+                for (const MaterialDesc &m : s.materials)
+                    named = named || ps.trace.front().rfind("material:" + m.name + " ", 0) == 0;
+                EXPECT_TRUE(named) << ps.trace.front();
+                EXPECT_TRUE(traceHas(ps.trace, "light:" + s.lights.front().name)) << ps.trace.size();
+            } else {
+                ++backgrounds;
+                ASSERT_EQ(ps.trace.size(), 1u);
+                EXPECT_EQ(ps.trace.front().rfind("environment:", 0), 0u) << ps.trace.front();
+            }
+        }
+    EXPECT_GT(surfaces, 0);
+    EXPECT_GT(backgrounds, 0);
+}
+
+/* Sample S is the render's sample S: two replayed samples average to the
+   rendered pixel (the same float operations in the same order). */
+TEST_F(DebugPixel, SamplesAverageToThePixel)
+{
+    const SceneDesc s = smallDefault(2);
+    const RenderResult full = render(s);
+    int differ = 0;
+    for (int y = 1; y < s.height; y += 6)
+        for (int x = 2; x < s.width; x += 9) {
+            const miColor a = debugPixel(s, x, y, 0).main, b = debugPixel(s, x, y, 1).main;
+            const miColor mean{(0.0f + a.r + b.r) * 0.5f, (0.0f + a.g + b.g) * 0.5f, (0.0f + a.b + b.b) * 0.5f,
+                               (0.0f + a.a + b.a) * 0.5f};
+            EXPECT_TRUE(sameBits(mean, full.main.at(x, y))) << x << "," << y;
+            differ += !sameBits(a, b);
+        }
+    EXPECT_GT(differ, 0); /* the two samples lie at different sub-pixel positions */
+}
+
+TEST_F(DebugPixel, RejectsPixelsAndSamplesOutsideTheImage)
+{
+    const SceneDesc s = smallDefault(2);
+    EXPECT_THROW(debugPixel(s, s.width, 0, 0), std::runtime_error);
+    EXPECT_THROW(debugPixel(s, 0, -1, 0), std::runtime_error);
+    EXPECT_THROW(debugPixel(s, 0, 0, 2), std::runtime_error);
+}
+
+} // namespace
