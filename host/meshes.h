@@ -10,11 +10,6 @@
 
 namespace druxhost {
 
-/* Box of the given full sizes centred at the origin: 12 triangles, flat
-   per-face normals and a unit square of texture space on every face. */
-mirt::Mesh makeBox(float sx, float sy, float sz);
-/* Torus around the z axis: ring radius R, tube radius r. */
-mirt::Mesh makeTorus(float R, float r, int segments, int rings);
 /* Smooth vertex normals from the faces: at every vertex, the unit normals
    of the triangles around it weighted by the triangle's angle there.
    Vertices at the same position share one normal (seams and poles of

@@ -69,9 +69,14 @@ inline bool intersect_triangle(const miVector &a, const miVector &b, const miVec
     return t > tmin && t < tmax;
 }
 
-/* Simple meshes. */
+/* Simple meshes (meshes.cpp). */
 MI_API Mesh make_plane(float size_x, float size_y, int nx, int ny);   /* z = 0, normal +z */
 MI_API Mesh make_sphere(float radius, int segments, int rings);
+/* Box of the given full sizes centred at the origin: 12 triangles, flat
+   per-face normals and a unit square of texture space on every face. */
+MI_API Mesh make_box(float sx, float sy, float sz);
+/* Torus around the z axis: ring radius R, tube radius r. */
+MI_API Mesh make_torus(float R, float r, int segments, int rings);
 
 /*
  * The triangles of instances, traced with Embree: one scene for all of them,

@@ -740,8 +740,8 @@ TEST(HostRayCasting, SceneFindsWhatTheExactTestFinds)
     plane.triangles_per_box = 5; /* several boxes */
     add(plane, identity());
     add(mirt::make_sphere(0.8f, 20, 10), multiply(scaling({1, 1.5f, 1}), translation({-1, 0.5f, 1})));
-    add(makeTorus(0.7f, 0.25f, 24, 12), multiply(rotation(0, 60), translation({1.2f, 0, 1})), 2);
-    add(makeBox(0.6f, 0.6f, 0.6f), multiply(rotation(2, 30), translation({0, -1.5f, 0.3f})));
+    add(mirt::make_torus(0.7f, 0.25f, 24, 12), multiply(rotation(0, 60), translation({1.2f, 0, 1})), 2);
+    add(mirt::make_box(0.6f, 0.6f, 0.6f), multiply(rotation(2, 30), translation({0, -1.5f, 0.3f})));
     scene.build();
     EXPECT_EQ(scene.triangle_count(), 18u + 20u * 10u * 2u - 2u * 20u + 24u * 12u * 2u + 12u);
 
