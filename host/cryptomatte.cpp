@@ -1,5 +1,7 @@
 #include "cryptomatte.h"
 
+#include "vecmath.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -10,15 +12,7 @@ namespace {
 
 uint32_t rotl32(uint32_t x, int r) { return (x << r) | (x >> (32 - r)); }
 
-uint32_t fmix32(uint32_t h)
-{
-    h ^= h >> 16;
-    h *= 0x85ebca6bu;
-    h ^= h >> 13;
-    h *= 0xc2b2ae35u;
-    h ^= h >> 16;
-    return h;
-}
+uint32_t fmix32(uint32_t h) { return mirt::mix32(h, 0x85ebca6bu, 13, 0xc2b2ae35u); }
 
 std::string hex8(uint32_t v)
 {

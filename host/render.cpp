@@ -9,34 +9,6 @@ namespace druxhost {
 
 namespace {
 
-uint32_t hash32(uint32_t x)
-{
-    x ^= x >> 16;
-    x *= 0x7feb352dU;
-    x ^= x >> 15;
-    x *= 0x846ca68bU;
-    x ^= x >> 16;
-    return x;
-}
-
-/* Sub-pixel position of sample s of pixel (x, y): a Halton point, rotated per
-   pixel; the pixel centre for a single sample. */
-void jitter(int x, int y, int s, int samples, double &jx, double &jy)
-{
-    if (samples <= 1) {
-        jx = jy = 0.5;
-        return;
-    }
-    const uint32_t h = hash32(static_cast<uint32_t>(x) * 0x9E3779B1u ^ hash32(static_cast<uint32_t>(y) + 0x632BE5ABu));
-    const double rx = (h & 0xFFFF) / 65536.0, ry = (h >> 16) / 65536.0;
-    jx = radical_inverse(static_cast<uint32_t>(s), 2) + rx;
-    jy = radical_inverse(static_cast<uint32_t>(s), 3) + ry;
-    if (jx >= 1.0)
-        jx -= 1.0;
-    if (jy >= 1.0)
-        jy -= 1.0;
-}
-
 size_t countMessages(mirt::Level level)
 {
     size_t n = 0;
@@ -80,7 +52,7 @@ miColor RenderSession::shadeSample(miState *st, int x, int y, int k, CryptoPixel
 {
     ctx_->begin_sample(st, x, y, k);
     double jx, jy;
-    jitter(x, y, k, s_.samples, jx, jy);
+    mirt::pixel_jitter(x, y, k, s_.samples, jx, jy);
     const miVector dir = camera_->ray(x + jx, y + jy);
     miColor c;
     const miBoolean ok = ctx_->shade_eye(st, camera_->origin, dir, &c);
