@@ -9,6 +9,24 @@
 
 namespace mirt {
 
+namespace {
+
+/* Two triangles per cell of a grid of (rows + 1) x (cols + 1) vertices
+   stored row by row: (a, b, c) and (a, c, d), a the cell's first corner, c
+   the opposite one, b one step to the next row (`row_first`) or column. */
+void add_grid_triangles(Mesh &m, int rows, int cols, bool row_first)
+{
+    for (int r = 0; r < rows; ++r)
+        for (int k = 0; k < cols; ++k) {
+            const int a = r * (cols + 1) + k, next_row = a + cols + 1, next_col = a + 1;
+            const int b = row_first ? next_row : next_col, d = row_first ? next_col : next_row;
+            m.tris.push_back({a, b, next_row + 1});
+            m.tris.push_back({a, next_row + 1, d});
+        }
+}
+
+} // namespace
+
 Mesh make_plane(float size_x, float size_y, int nx, int ny)
 {
     nx = std::max(nx, 1);
@@ -21,13 +39,8 @@ Mesh make_plane(float size_x, float size_y, int nx, int ny)
             m.N.push_back({0.0f, 0.0f, 1.0f});
             m.uv.push_back({u, v, 0.0f});
         }
-    auto at = [&](int i, int j) { return j * (nx + 1) + i; };
     /* counter-clockwise seen from +z: (b - a) x (c - a) points along +z */
-    for (int j = 0; j < ny; ++j)
-        for (int i = 0; i < nx; ++i) {
-            m.tris.push_back({at(i, j), at(i + 1, j), at(i + 1, j + 1)});
-            m.tris.push_back({at(i, j), at(i + 1, j + 1), at(i, j + 1)});
-        }
+    add_grid_triangles(m, ny, nx, false);
     return m;
 }
 
@@ -120,13 +133,8 @@ Mesh make_torus(float R, float r, int segments, int rings)
             m.uv.push_back({float(i) / segments, float(j) / rings, 0});
         }
     }
-    auto at = [&](int i, int j) { return i * (rings + 1) + j; };
-    for (int i = 0; i < segments; ++i)
-        for (int j = 0; j < rings; ++j) {
-            /* outward: (b - a) x (c - a) along the normal */
-            m.tris.push_back({at(i, j), at(i + 1, j), at(i + 1, j + 1)});
-            m.tris.push_back({at(i, j), at(i + 1, j + 1), at(i, j + 1)});
-        }
+    /* outward: (b - a) x (c - a) along the normal */
+    add_grid_triangles(m, segments, rings, true);
     return m;
 }
 
