@@ -33,6 +33,7 @@
 #include <algorithm>
 #include <vector>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -163,13 +164,25 @@ void drawBar(double f)
 
 } // namespace
 
-int main(int argc, char **argv)
-{
+namespace {
+
+struct Args {
     std::string scenePath, outDir = "out", statsPath;
     std::vector<std::string> shaderPath;
     int threads = 0, samples = 0, width = 0, height = 0;
     int debugPx[3] = {-1, -1, 0};
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
+    std::string sceneName() const { return scenePath.empty() ? std::string("built-in scene") : scenePath; }
+};
+
+/* -1: go on; otherwise the exit status. */
+int parseArgs(int argc, char **argv, Args &args)
+{
+    std::string &scenePath = args.scenePath, &outDir = args.outDir, &statsPath = args.statsPath;
+    std::vector<std::string> &shaderPath = args.shaderPath;
+    int &threads = args.threads, &samples = args.samples, &width = args.width, &height = args.height;
+    int *debugPx = args.debugPx;
+    bool &progress = args.progress, &quiet = args.quiet;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         auto value = [&](const char *what) -> const char * {
@@ -237,116 +250,155 @@ int main(int argc, char **argv)
             return 2;
         }
     }
+    return -1;
+}
 
-    SceneDesc scene;
+/* Reports a scene error with the file and line it came from. */
+void reportSceneError(const Args &args, const SceneError &e)
+{
+    std::cerr << "druxrender: " << args.sceneName();
+    if (e.line() > 0)
+        std::cerr << ":" << e.line();
+    std::cerr << ": " << e.what() << "\n";
+}
+
+/* The scene to render with the command line's overrides: false (reported)
+   when it cannot be read or is invalid. */
+bool sceneFor(const Args &args, SceneDesc &scene)
+{
     try {
-        scene = scenePath.empty() ? defaultScene() : loadScene(scenePath);
+        scene = args.scenePath.empty() ? defaultScene() : loadScene(args.scenePath);
         /* values from the command line have no line in the scene file */
-        if (samples) {
-            scene.samples = samples;
+        if (args.samples) {
+            scene.samples = args.samples;
             scene.samplesLine = 0;
         }
-        if (width) {
-            scene.width = width;
-            scene.height = height;
+        if (args.width) {
+            scene.width = args.width;
+            scene.height = args.height;
             scene.resolutionLine = 0;
         }
         validate(scene);
     } catch (const SceneError &e) {
-        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath);
-        if (e.line() > 0)
-            std::cerr << ":" << e.line();
-        std::cerr << ": " << e.what() << "\n";
-        return 2;
+        reportSceneError(args, e);
+        return false;
     }
-    if (debugPx[0] >= 0) {
-        RenderOptions ro;
-        ro.shaderPath = shaderPath;
-        return runDebugPixel(scene, scenePath.empty() ? std::string("built-in scene") : scenePath, debugPx, ro);
+    return true;
+}
+
+/* The output folder exists and every file can be written there: refuse now
+   rather than lose the render at the end. */
+bool outputsWritable(const Args &args, const SceneDesc &scene)
+{
+    if (!makeDir(args.outDir)) {
+        std::cerr << "druxrender: cannot create the output directory " << args.outDir << ": "
+                  << std::strerror(errno) << "\n";
+        return false;
     }
-    if (!makeDir(outDir)) {
-        std::cerr << "druxrender: cannot create the output directory " << outDir << ": " << std::strerror(errno)
-                  << "\n";
-        return 2;
-    }
-    /* Refuse now rather than lose the render at the end. */
     std::vector<std::string> passNames;
     for (const PassDesc &p : scene.passes)
         passNames.push_back(p.name);
-    const std::string unwritable = probeOutputs(outDir, outputFileNames(passNames));
+    const std::string unwritable = probeOutputs(args.outDir, outputFileNames(passNames));
     if (!unwritable.empty()) {
         std::cerr << "druxrender: " << unwritable << "; nothing rendered\n";
-        return 2;
+        return false;
     }
+    return true;
+}
 
+void writeStatsFile(const RenderResult &result, const std::string &path)
+{
+    const std::string text = formatStats(imageStats(result));
+    FILE *f = std::fopen(path.c_str(), "w");
+    bool ok = f != nullptr;
+    if (f) {
+        ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+        ok = std::fclose(f) == 0 && ok;
+    }
+    if (!ok)
+        throw std::runtime_error("cannot write " + path);
+}
+
+void printSummary(const RenderStats &st, const WrittenOutputs &written)
+{
+    std::printf("render summary\n");
+    std::printf("  scene set-up         %.3f s (%zu triangles)\n", st.setupSeconds, st.triangles);
+    std::printf("  wall time            %.3f s on %d thread%s\n", st.seconds, st.threads, st.threads == 1 ? "" : "s");
+    std::printf("  eye samples          %llu (%.3f megasamples)\n", static_cast<unsigned long long>(st.eyeSamples),
+                st.eyeSamples * 1e-6);
+    std::printf("  samples per second   %.0f\n", st.samplesPerSecond());
+    std::printf("  time per megasample  %.3f s\n", st.secondsPerMegasample());
+    std::printf("  library memory       %-26s %14s %14s\n", "tag", "at last sample", "after render");
+    for (const TagMemory &m : st.memory)
+        std::printf("                       %-26s %14s %14s\n", m.tag.c_str(), bytes(m.atEnd).c_str(),
+                    bytes(m.after).c_str());
+    std::printf("  database pins left   %ld\n", st.pinsAfter);
+    std::printf("  messages             %zu error(s), %zu warning(s)\n", st.errors, st.warnings);
+    std::printf("  files                %zu written to %s (render.exr, main.png, one PNG per pass, contact.png)\n",
+                written.files.size(), written.dir.c_str());
+}
+
+/* Renders, writes the images (and the statistics); the exit status. */
+int renderAndWrite(const Args &args, const SceneDesc &scene)
+{
     mirt::set_echo_messages(true);
     RenderOptions ro;
-    ro.threads = threads;
-    ro.shaderPath = shaderPath;
-    if (progress)
+    ro.threads = args.threads;
+    ro.shaderPath = args.shaderPath;
+    if (args.progress)
         ro.progress = drawBar;
-    if (!quiet)
-        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath) << ", "
-                  << scene.width << " x " << scene.height << ", " << scene.samples
-                  << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
+    if (!args.quiet)
+        std::cerr << "druxrender: " << args.sceneName() << ", " << scene.width << " x " << scene.height << ", "
+                  << scene.samples << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
                   << scene.passes.size() << " passes\n";
     RenderResult result;
     WrittenOutputs written;
     try {
         result = render(scene, ro);
-        if (progress)
+        if (args.progress)
             std::fprintf(stderr, "\n");
-        written = writeOutputsOrFallback(result, outDir);
-        if (!statsPath.empty()) {
-            const std::string text = formatStats(imageStats(result));
-            FILE *f = std::fopen(statsPath.c_str(), "w");
-            bool ok = f != nullptr;
-            if (f) {
-                ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-                ok = std::fclose(f) == 0 && ok;
-            }
-            if (!ok)
-                throw std::runtime_error("cannot write " + statsPath);
-        }
+        written = writeOutputsOrFallback(result, args.outDir);
+        if (!args.statsPath.empty())
+            writeStatsFile(result, args.statsPath);
     } catch (const SceneError &e) {
         /* a shader library or shader instance of the scene */
-        if (progress)
+        if (args.progress)
             std::fprintf(stderr, "\n");
-        std::cerr << "druxrender: " << (scenePath.empty() ? std::string("built-in scene") : scenePath);
-        if (e.line() > 0)
-            std::cerr << ":" << e.line();
-        std::cerr << ": " << e.what() << "\n";
+        reportSceneError(args, e);
         return 2;
     } catch (const std::exception &e) {
-        if (progress)
+        if (args.progress)
             std::fprintf(stderr, "\n");
         std::cerr << "druxrender: " << e.what() << "\n";
         return 1;
     }
-    const std::vector<std::string> &files = written.files;
     if (!written.failure.empty())
-        std::cerr << "druxrender: cannot write the images to " << outDir << " (" << written.failure
+        std::cerr << "druxrender: cannot write the images to " << args.outDir << " (" << written.failure
                   << "); they were written to " << written.dir << " instead\n";
-    if (!quiet) {
-        const RenderStats &st = result.stats;
-        std::printf("render summary\n");
-        std::printf("  scene set-up         %.3f s (%zu triangles)\n", st.setupSeconds, st.triangles);
-        std::printf("  wall time            %.3f s on %d thread%s\n", st.seconds, st.threads,
-                    st.threads == 1 ? "" : "s");
-        std::printf("  eye samples          %llu (%.3f megasamples)\n",
-                    static_cast<unsigned long long>(st.eyeSamples), st.eyeSamples * 1e-6);
-        std::printf("  samples per second   %.0f\n", st.samplesPerSecond());
-        std::printf("  time per megasample  %.3f s\n", st.secondsPerMegasample());
-        std::printf("  library memory       %-26s %14s %14s\n", "tag", "at last sample", "after render");
-        for (const TagMemory &m : st.memory)
-            std::printf("                       %-26s %14s %14s\n", m.tag.c_str(), bytes(m.atEnd).c_str(),
-                        bytes(m.after).c_str());
-        std::printf("  database pins left   %ld\n", st.pinsAfter);
-        std::printf("  messages             %zu error(s), %zu warning(s)\n", st.errors, st.warnings);
-        std::printf("  files                %zu written to %s (render.exr, main.png, one PNG per pass, contact.png)\n",
-                    files.size(), written.dir.c_str());
-    }
+    if (!args.quiet)
+        printSummary(result.stats, written);
     if (!written.failure.empty())
         return 3;
     return result.stats.errors ? 1 : 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Args args;
+    const int status = parseArgs(argc, argv, args);
+    if (status >= 0)
+        return status;
+    SceneDesc scene;
+    if (!sceneFor(args, scene))
+        return 2;
+    if (args.debugPx[0] >= 0) {
+        RenderOptions ro;
+        ro.shaderPath = args.shaderPath;
+        return runDebugPixel(scene, args.sceneName(), args.debugPx, ro);
+    }
+    if (!outputsWritable(args, scene))
+        return 2;
+    return renderAndWrite(args, scene);
 }
