@@ -10,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -101,5 +104,38 @@ TEST_F(DebugPixel, RejectsPixelsAndSamplesOutsideTheImage)
     EXPECT_THROW(debugPixel(s, 0, -1, 0), std::runtime_error);
     EXPECT_THROW(debugPixel(s, 0, 0, 2), std::runtime_error);
 }
+
+#ifdef DRUXRENDER_PATH
+/* The command line prints the trace and the sample's values with every
+   float's digits: a covered pixel names its material, and the printed main
+   colour is the full render's pixel. */
+TEST_F(DebugPixel, CommandLinePrintsTraceAndValues)
+{
+    const SceneDesc s = smallDefault(1);
+    const RenderResult full = render(s);
+    int x = -1, y = s.height / 2;
+    for (int i = 0; i < s.width && x < 0; ++i)
+        if (full.pass("coverage")->at(i, y).r > 0)
+            x = i;
+    ASSERT_GE(x, 0);
+    const std::string cmd = std::string(DRUXRENDER_PATH) + " --resolution 48x36 --samples 1 --debug-pixel " +
+                            std::to_string(x) + "," + std::to_string(y) + " 2>&1";
+    FILE *p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string text;
+    char buf[4096];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;)
+        text.append(buf, n);
+    ASSERT_EQ(pclose(p), 0) << text;
+    EXPECT_NE(text.find("\n  material:"), std::string::npos) << text;
+    EXPECT_NE(text.find("light:"), std::string::npos) << text;
+    const size_t at = text.find("\n  main ");
+    ASSERT_NE(at, std::string::npos) << text;
+    std::istringstream values(text.substr(at + 7));
+    miColor c;
+    values >> c.r >> c.g >> c.b >> c.a;
+    EXPECT_TRUE(sameBits(c, full.main.at(x, y))) << text.substr(at);
+}
+#endif
 
 } // namespace
