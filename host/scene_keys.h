@@ -335,6 +335,32 @@ template <class D, class P, size_t N> std::string checkKeys(const Key<D, P> (&ke
     return std::string();
 }
 
+/* Words of the kind choices and the numbers of the primitive meshes, shared
+   by the reader and the writer of the scene format. */
+const char *const kRampKinds[] = {"none", "linear", "smooth", "spline", nullptr};
+const char *const kLightKinds[] = {"point", "rect", "plain", nullptr};
+
+const char *const kMeshKinds[] = {"plane", "sphere", "box", "torus", "triangles", "obj", nullptr};
+
+/* The numbers after the kind of a primitive mesh (plane, sphere, box,
+   torus): the fields a, b, c (numbers) and n, m (whole numbers) in order. */
+struct MeshArgs {
+    const char *fields;
+    const char *what[4];
+};
+const MeshArgs kMeshArgs[] = {
+    {"abnm", {"plane size x", "plane size y", "plane divisions x", "plane divisions y"}},
+    {"anm", {"sphere radius", "sphere segments", "sphere rings", nullptr}},
+    {"abc", {"box size x", "box size y", "box size z", nullptr}},
+    {"abnm", {"torus radius", "torus tube radius", "torus segments", "torus rings"}},
+};
+template <class M> auto meshNumber(M &m, char f) -> decltype(&m.a)
+{
+    return f == 'a' ? &m.a : f == 'b' ? &m.b : f == 'c' ? &m.c : nullptr;
+}
+template <class M> auto meshCount(M &m, char f) -> decltype(&m.n) { return f == 'n' ? &m.n : &m.m; }
+
+
 } // namespace druxhost
 
 #endif
