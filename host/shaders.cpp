@@ -198,6 +198,38 @@ miColor skyColor(const EnvironmentParams &p, const miVector &dir)
 
 namespace {
 
+constexpr miUint kMaxListedEntries = 64;
+
+/* The diffuse (cd) and specular (cs) weights with which a pass of role
+   `role` takes the light samples; false: it takes none. */
+bool lightWeights(PassRole role, float &cd, float &cs)
+{
+    cd = 1.0f;
+    cs = 1.0f;
+    switch (role) {
+    case PassRole::Diffuse:
+        cs = 0.0f;
+        return true;
+    case PassRole::Specular:
+        cd = 0.0f;
+        return true;
+    case PassRole::Reflection:
+    case PassRole::Refraction:
+    case PassRole::Indirect:
+    case PassRole::Scatter:
+    case PassRole::Background:
+    case PassRole::Constant:
+    case PassRole::Depth:
+    case PassRole::Normal:
+    case PassRole::Position:
+    case PassRole::Albedo:
+    case PassRole::Coverage:
+        return false;
+    default: /* beauty, shadow, light groups, passes of other exporters */
+        return true;
+    }
+}
+
 /* What the stages of one hostMaterial call share. */
 struct MaterialCall {
     miState *state;
@@ -211,6 +243,12 @@ struct MaterialCall {
     bool gatherRay;
     miVector N, R; /* shading normal (after bump) and mirror direction */
     float dotND;
+    /* The entries that take the light samples, with their diffuse and
+       specular weights (1 or 0), found once per call; lit < 0: too many
+       entries to list, the light loop goes by role on every sample. */
+    int lit;
+    unsigned char litIndex[kMaxListedEntries];
+    float litCd[kMaxListedEntries], litCs[kMaxListedEntries];
 };
 
 /* What the light loop and the secondary rays bring. */
@@ -234,6 +272,16 @@ MaterialCall beginMaterial(miState *state, MaterialParams *p, miUint n, PassType
         c.en.e[i].slots[c.en.depth].slotFlags = 0;
         if (c.beauty < 0 && roleOf(c.en.e[i]) == PassRole::Beauty)
             c.beauty = static_cast<int>(i);
+    }
+    c.lit = c.en.n <= kMaxListedEntries ? 0 : -1;
+    for (miUint i = 0; c.lit >= 0 && i < c.en.n; ++i) {
+        float cd, cs;
+        if (!lightWeights(roleOf(c.en.e[i]), cd, cs))
+            continue;
+        c.litIndex[c.lit] = static_cast<unsigned char>(i);
+        c.litCd[c.lit] = cd;
+        c.litCs[c.lit] = cs;
+        ++c.lit;
     }
     c.bs = bs;
     c.dcol = param(state, &p->diffuse);
@@ -280,30 +328,21 @@ void bumpNormal(miState *state, MaterialParams *p)
 void addSampleToPasses(const MaterialCall &c, float wd, float ws)
 {
     FrameBufferInfo *e = c.en.e;
-    for (miUint i = 0; i < c.en.n; ++i) {
-        float cd = 1.0f, cs = 1.0f;
-        switch (roleOf(e[i])) {
-        case PassRole::Diffuse:
-            cs = 0.0f;
-            break;
-        case PassRole::Specular:
-            cd = 0.0f;
-            break;
-        case PassRole::Reflection:
-        case PassRole::Refraction:
-        case PassRole::Indirect:
-        case PassRole::Scatter:
-        case PassRole::Background:
-        case PassRole::Constant:
-        case PassRole::Depth:
-        case PassRole::Normal:
-        case PassRole::Position:
-        case PassRole::Albedo:
-        case PassRole::Coverage:
-            continue;
-        default: /* beauty, shadow, light groups, passes of other exporters */
-            break;
+    if (c.lit >= 0) {
+        for (int k = 0; k < c.lit; ++k) {
+            const float cd = c.litCd[k], cs = c.litCs[k];
+            FrameBufferInfo &x = e[c.litIndex[k]];
+            const miColor &Li = x.light;
+            x.lightSum.r += c.opaque[0] * (cd * wd * c.dcol.r + cs * ws * c.scol.r) * Li.r;
+            x.lightSum.g += c.opaque[1] * (cd * wd * c.dcol.g + cs * ws * c.scol.g) * Li.g;
+            x.lightSum.b += c.opaque[2] * (cd * wd * c.dcol.b + cs * ws * c.scol.b) * Li.b;
         }
+        return;
+    }
+    for (miUint i = 0; i < c.en.n; ++i) {
+        float cd, cs;
+        if (!lightWeights(roleOf(e[i]), cd, cs))
+            continue;
         const miColor &Li = e[i].light;
         e[i].lightSum.r += c.opaque[0] * (cd * wd * c.dcol.r + cs * ws * c.scol.r) * Li.r;
         e[i].lightSum.g += c.opaque[1] * (cd * wd * c.dcol.g + cs * ws * c.scol.g) * Li.g;
