@@ -4,7 +4,7 @@
  * lights.
  *
  * Rays are traced against the Context's Scene.  A traced ray gets a child
- * state from child_state (runtime.cpp): the parent's 352 bytes with the
+ * state from child_state (shaderstate.cpp): the parent's 352 bytes with the
  * child's own list storage.  The child is filled with the hit (or marked as a
  * miss) and handed to the hit instance's material, or to the environment
  * shader when the ray leaves the scene.
