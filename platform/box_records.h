@@ -6,7 +6,7 @@
 #ifndef MI_BOX_RECORDS_H
 #define MI_BOX_RECORDS_H
 
-#include "runtime.h"
+#include "runtime_internal.h"
 
 #include <cstring>
 
@@ -34,11 +34,6 @@ inline const unsigned char *item(miTag tag, int type, size_t min_size)
     if (!tag || mi_db_type(tag) != type || db_size(tag) < min_size)
         return nullptr;
     return static_cast<const unsigned char *>(db_data(tag));
-}
-
-inline const miInstance *instance_rec(miTag tag)
-{
-    return reinterpret_cast<const miInstance *>(item(tag, miSCENE_INSTANCE, sizeof(miInstance)));
 }
 
 /* Visit the box records of an instance the way a renderer finds them: object

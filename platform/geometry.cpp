@@ -52,7 +52,7 @@ bool geom_instance_has_triangles(miTag instance);
    object without readable vertices falls back to its own bounding box. */
 bool geom_instance_bounds(miTag instance, miVector &lo, miVector &hi)
 {
-    const miInstance *inst = instance_rec(instance);
+    const miInstance *inst = instance_record(instance);
     if (!inst)
         return false;
     const float inf = std::numeric_limits<float>::infinity();
@@ -89,7 +89,7 @@ bool geom_instance_bounds(miTag instance, miVector &lo, miVector &hi)
 
 bool geom_instance_has_triangles(miTag instance)
 {
-    const miInstance *inst = instance_rec(instance);
+    const miInstance *inst = instance_record(instance);
     if (!inst)
         return false;
     bool any = false;

@@ -127,7 +127,7 @@ void MeshScene::add(const GeometryTags &tags)
 {
     if (!impl_)
         impl_.reset(new Impl);
-    const miInstance *inst = instance_rec(tags.instance);
+    const miInstance *inst = instance_record(tags.instance);
     if (!inst) {
         log_message(Level::Error, "MeshScene::add: " + std::to_string(tags.instance) + " is not an instance");
         return;

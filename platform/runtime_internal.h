@@ -1,7 +1,8 @@
 /*
  * Internals of the runtime shared between its source files (one per
  * subsystem: database, memory, messages, locks_random, shaderstate,
- * shadercall, framebuffer, sampling, query, context; trace and geometry).
+ * shadercall, framebuffer, sampling, query, context; trace, lights,
+ * geometry and meshscene).
  * Not seen by shader libraries or tests.
  *
  * States: every state the runtime makes lives in a StateFrame (the 352-byte
@@ -277,6 +278,24 @@ struct Item {
 
 /* The item of `tag` or null; takes no lock. */
 Item *find_locked(miTag tag);
+
+/* The instance record of `tag` (no pin), or null. */
+inline const miInstance *instance_record(miTag tag)
+{
+    return static_cast<const miInstance *>(typed_record(tag, miSCENE_INSTANCE, sizeof(miInstance)));
+}
+
+/* The light record of a light instance, or null. */
+inline const miLight *light_record(const miInstance *inst)
+{
+    return inst ? static_cast<const miLight *>(typed_record(inst->item, miSCENE_LIGHT, sizeof(miLight))) : nullptr;
+}
+
+/* ---- tracing */
+
+/* Call a colour-returning shader into `out` through a buffer large enough
+   for the shader's declared result (trace.cpp). */
+miBoolean call_color(miTag fn, miColor *out, miState *state);
 
 /* ---- locks and random numbers */
 

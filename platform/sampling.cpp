@@ -14,14 +14,6 @@ using namespace rt;
 
 namespace {
 
-const miInstance *instance_record(miTag tag)
-{
-    Item *it = find_locked(tag);
-    if (!it || it->type != miSCENE_INSTANCE || it->size < sizeof(miInstance))
-        return nullptr;
-    return static_cast<const miInstance *>(it->data);
-}
-
 constexpr int kPrimeCount = 64;
 const unsigned kPrimes[kPrimeCount] = {
     2,   3,   5,   7,   11,  13,  17,  19,  23,  29,  31,  37,  41,  43,  47,  53,
