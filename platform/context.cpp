@@ -14,21 +14,17 @@ namespace rt {
 
 std::atomic<int> live_contexts{0};
 
-} // namespace rt
-
-namespace {
-
-void set_point_for_camera(miInstance *inst, const miMatrix l2g)
+void set_instance_transform(miInstance *inst, const miMatrix l2g, const char *singular_message)
 {
     std::memcpy(inst->local_to_global, l2g, sizeof(miMatrix));
     if (!invert_matrix(l2g, inst->global_to_local)) {
-        error("camera transform is singular; the inverse is left as identity");
+        log_message(Level::Error, singular_message);
         for (int i = 0; i < 16; ++i)
             inst->global_to_local[i] = (i % 5 == 0) ? 1.0f : 0.0f;
     }
 }
 
-} // namespace
+} // namespace rt
 
 Context::Impl *impl_of(const miState *state)
 {
@@ -128,7 +124,8 @@ int Context::height() const { return impl_->height; }
 
 void Context::set_camera_transform(const miMatrix local_to_global)
 {
-    set_point_for_camera(impl_->camera_inst, local_to_global);
+    set_instance_transform(impl_->camera_inst, local_to_global,
+                           "camera transform is singular; the inverse is left as identity");
 }
 
 void Context::attach_camera_userdata(miTag block)

@@ -103,223 +103,262 @@ bool geom_instance_has_triangles(miTag instance)
 
 /* ================================================================ builder */
 
-GeometryTags build_instance(const Mesh &mesh, const InstanceDesc &desc)
-{
-    GeometryTags tags;
-    const size_t nv = mesh.P.size();
+namespace {
 
-    /* Optional vertex data must match the positions; a mismatch is reported
-       and the data left out rather than read out of range. */
-    bool has_n = !mesh.N.empty();
-    if (has_n && mesh.N.size() != nv) {
+/* The mesh's data as the boxes will hold it: optional vertex data that does
+   not match the positions is reported and left out rather than read out of
+   range; triangles with an index out of range are dropped (with a message),
+   so the ordinals of the remaining ones stay in mesh order. */
+struct CheckedMesh {
+    bool has_n = false, has_uv = false;
+    std::vector<std::array<int, 3>> tris;
+    std::vector<miVector> dpdu, dpdv; /* per vertex, object space (with uv) */
+};
+
+CheckedMesh check_mesh(const Mesh &mesh)
+{
+    CheckedMesh c;
+    const size_t nv = mesh.P.size();
+    c.has_n = !mesh.N.empty();
+    if (c.has_n && mesh.N.size() != nv) {
         log_message(Level::Error, "build_instance: " + std::to_string(mesh.N.size()) + " normals for " +
                                       std::to_string(nv) + " vertices; normals ignored");
-        has_n = false;
+        c.has_n = false;
     }
-    bool has_uv = !mesh.uv.empty();
-    if (has_uv && mesh.uv.size() != nv) {
+    c.has_uv = !mesh.uv.empty();
+    if (c.has_uv && mesh.uv.size() != nv) {
         log_message(Level::Error, "build_instance: " + std::to_string(mesh.uv.size()) +
                                       " texture coordinates for " + std::to_string(nv) +
                                       " vertices; texture coordinates ignored");
-        has_uv = false;
+        c.has_uv = false;
     }
-
-    /* Triangles with an index out of range are dropped (with a message), so
-       the ordinals of the remaining ones stay in mesh order. */
-    std::vector<std::array<int, 3>> tris;
-    tris.reserve(mesh.tris.size());
+    c.tris.reserve(mesh.tris.size());
     size_t dropped = 0;
     for (const auto &t : mesh.tris) {
         bool ok = true;
         for (int i : t)
             ok = ok && i >= 0 && static_cast<size_t>(i) < nv;
         if (ok)
-            tris.push_back(t);
+            c.tris.push_back(t);
         else
             ++dropped;
     }
     if (dropped)
         log_message(Level::Error, "build_instance: " + std::to_string(dropped) +
                                       " triangle(s) with vertex indices out of range dropped");
+    return c;
+}
 
-    /* Per-vertex dP/du, dP/dv in object space, averaged over adjacent triangles. */
-    std::vector<miVector> dpdu, dpdv;
-    if (has_uv) {
-        dpdu.assign(nv, miVector{0, 0, 0});
-        dpdv.assign(nv, miVector{0, 0, 0});
-        std::vector<int> count(nv, 0);
-        for (const auto &t : tris) {
-            const miVector &p0 = mesh.P[t[0]], &p1 = mesh.P[t[1]], &p2 = mesh.P[t[2]];
-            const miVector &t0 = mesh.uv[t[0]], &t1 = mesh.uv[t[1]], &t2 = mesh.uv[t[2]];
-            const double du1 = t1.x - t0.x, dv1 = t1.y - t0.y, du2 = t2.x - t0.x, dv2 = t2.y - t0.y;
-            const double det = du1 * dv2 - du2 * dv1;
-            if (std::fabs(det) < 1e-20)
-                continue; /* no parameterisation on this triangle */
-            const miVector e1 = sub(p1, p0), e2 = sub(p2, p0);
-            const double r = 1.0 / det;
-            const miVector u{float((e1.x * dv2 - e2.x * dv1) * r), float((e1.y * dv2 - e2.y * dv1) * r),
-                             float((e1.z * dv2 - e2.z * dv1) * r)};
-            const miVector v{float((e2.x * du1 - e1.x * du2) * r), float((e2.y * du1 - e1.y * du2) * r),
-                             float((e2.z * du1 - e1.z * du2) * r)};
-            for (int i : t) {
-                dpdu[i] = {dpdu[i].x + u.x, dpdu[i].y + u.y, dpdu[i].z + u.z};
-                dpdv[i] = {dpdv[i].x + v.x, dpdv[i].y + v.y, dpdv[i].z + v.z};
-                ++count[i];
-            }
+/* Per-vertex dP/du, dP/dv in object space, averaged over adjacent triangles. */
+void uv_derivatives(const Mesh &mesh, CheckedMesh &c)
+{
+    const size_t nv = mesh.P.size();
+    c.dpdu.assign(nv, miVector{0, 0, 0});
+    c.dpdv.assign(nv, miVector{0, 0, 0});
+    std::vector<miVector> &dpdu = c.dpdu, &dpdv = c.dpdv;
+    std::vector<int> count(nv, 0);
+    for (const auto &t : c.tris) {
+        const miVector &p0 = mesh.P[t[0]], &p1 = mesh.P[t[1]], &p2 = mesh.P[t[2]];
+        const miVector &t0 = mesh.uv[t[0]], &t1 = mesh.uv[t[1]], &t2 = mesh.uv[t[2]];
+        const double du1 = t1.x - t0.x, dv1 = t1.y - t0.y, du2 = t2.x - t0.x, dv2 = t2.y - t0.y;
+        const double det = du1 * dv2 - du2 * dv1;
+        if (std::fabs(det) < 1e-20)
+            continue; /* no parameterisation on this triangle */
+        const miVector e1 = sub(p1, p0), e2 = sub(p2, p0);
+        const double r = 1.0 / det;
+        const miVector u{float((e1.x * dv2 - e2.x * dv1) * r), float((e1.y * dv2 - e2.y * dv1) * r),
+                         float((e1.z * dv2 - e2.z * dv1) * r)};
+        const miVector v{float((e2.x * du1 - e1.x * du2) * r), float((e2.y * du1 - e1.y * du2) * r),
+                         float((e2.z * du1 - e1.z * du2) * r)};
+        for (int i : t) {
+            dpdu[i] = {dpdu[i].x + u.x, dpdu[i].y + u.y, dpdu[i].z + u.z};
+            dpdv[i] = {dpdv[i].x + v.x, dpdv[i].y + v.y, dpdv[i].z + v.z};
+            ++count[i];
         }
-        for (size_t i = 0; i < nv; ++i)
-            if (count[i] > 1) {
-                const float inv = 1.0f / count[i];
-                dpdu[i] = {dpdu[i].x * inv, dpdu[i].y * inv, dpdu[i].z * inv};
-                dpdv[i] = {dpdv[i].x * inv, dpdv[i].y * inv, dpdv[i].z * inv};
+    }
+    for (size_t i = 0; i < nv; ++i)
+        if (count[i] > 1) {
+            const float inv = 1.0f / count[i];
+            dpdu[i] = {dpdu[i].x * inv, dpdu[i].y * inv, dpdu[i].z * inv};
+            dpdv[i] = {dpdv[i].x * inv, dpdv[i].y * inv, dpdv[i].z * inv};
+        }
+}
+
+/* Vertex record layout (positions in floats). */
+struct VertexLayout {
+    unsigned vsize = 3, normal_pos = 0, tex_pos = 0, deriv_pos = 0, bump_pos = 0;
+};
+
+VertexLayout vertex_layout(const CheckedMesh &c)
+{
+    VertexLayout l;
+    if (c.has_n) {
+        l.normal_pos = l.vsize;
+        l.vsize += 3;
+    }
+    if (c.has_uv) {
+        l.tex_pos = l.vsize;
+        l.deriv_pos = l.vsize + 3;
+        l.bump_pos = l.vsize + 9;
+        l.vsize += 15;
+    }
+    return l;
+}
+
+/* One vertex record of mesh vertex i. */
+void write_vertex(float *r, const Mesh &mesh, const CheckedMesh &c, const VertexLayout &l, int i)
+{
+    r[0] = mesh.P[i].x;
+    r[1] = mesh.P[i].y;
+    r[2] = mesh.P[i].z;
+    if (c.has_n) {
+        r[l.normal_pos] = mesh.N[i].x;
+        r[l.normal_pos + 1] = mesh.N[i].y;
+        r[l.normal_pos + 2] = mesh.N[i].z;
+    }
+    if (c.has_uv) {
+        r[l.tex_pos] = mesh.uv[i].x;
+        r[l.tex_pos + 1] = mesh.uv[i].y;
+        r[l.tex_pos + 2] = 0.0f;
+        const miVector d[4] = {c.dpdu[i], c.dpdv[i], c.dpdu[i], c.dpdv[i]};
+        for (int q = 0; q < 4; ++q) {
+            r[l.deriv_pos + 3 * q] = d[q].x;
+            r[l.deriv_pos + 3 * q + 1] = d[q].y;
+            r[l.deriv_pos + 3 * q + 2] = d[q].z;
+        }
+    }
+}
+
+/* The box of triangles t0..t1 (exclusive).  `remap` (all -1, one per mesh
+   vertex) maps mesh vertices to box vertices while the box is written and is
+   left all -1 again. */
+miTag write_box(const Mesh &mesh, const CheckedMesh &c, const VertexLayout &l, size_t t0, size_t t1,
+                std::vector<int> &remap)
+{
+    /* the vertices this box uses, in order of first use */
+    std::vector<int> verts;
+    for (size_t t = t0; t < t1; ++t)
+        for (int i : c.tris[t])
+            if (remap[i] < 0) {
+                remap[i] = static_cast<int>(verts.size());
+                verts.push_back(i);
             }
-    }
+    const size_t ntri = t1 - t0;
+    const size_t vert_bytes = verts.size() * l.vsize * 4;
+    const size_t tri_off = kBoxHeader + vert_bytes;
+    const size_t tri_bytes = (1 + 3 * ntri) * 4;
+    const size_t texsize_off = tri_off + tri_bytes;
+    const size_t total = texsize_off + (c.has_uv ? 8 : 0);
 
-    /* Vertex record layout. */
-    unsigned vsize = 3;
-    const unsigned normal_pos = has_n ? vsize : 0;
-    if (has_n)
-        vsize += 3;
-    unsigned tex_pos = 0, deriv_pos = 0, bump_pos = 0;
-    if (has_uv) {
-        tex_pos = vsize;
-        deriv_pos = vsize + 3;
-        bump_pos = vsize + 9;
-        vsize += 15;
-    }
+    miTag box = db_create(miSCENE_BOX, total);
+    unsigned char *b = static_cast<unsigned char *>(db_data(box));
+    b[miBOX_NORMAL_BLEND] = mesh.normal_blend;
+    wr<miUint>(b, miBOX_NO_TRIANGLES, static_cast<miUint>(ntri));
+    wr<miUint>(b, miBOX_NO_VERTICES, static_cast<miUint>(verts.size()));
+    wr<miUshort>(b, miBOX_VERTEX_SIZE, static_cast<miUshort>(l.vsize));
+    b[miBOX_NORMAL_POS] = static_cast<miUchar>(l.normal_pos);
+    b[miBOX_DERIV_POS] = static_cast<miUchar>(l.deriv_pos);
+    b[miBOX_BUMP_POS] = static_cast<miUchar>(l.bump_pos);
+    b[miBOX_BUMP_COUNT] = c.has_uv ? 2 : 0;
+    b[miBOX_MOTION_POS] = 0;
+    b[miBOX_MOTION_COUNT] = 0;
+    b[miBOX_TEXTURE_POS] = static_cast<miUchar>(l.tex_pos);
+    b[miBOX_TEXTURE_COUNT] = c.has_uv ? 1 : 0;
+    wr<miUint>(b, miBOX_TRIANGLES, static_cast<miUint>(tri_off));
+    wr<miUint>(b, miBOX_TEXSIZES, c.has_uv ? static_cast<miUint>(texsize_off) : 0u);
 
-    /* Split into boxes of at most triangles_per_box triangles, in order.  An
-       object of type 2 holds exactly one box, so it keeps all triangles in one. */
+    float *vf = reinterpret_cast<float *>(b + kBoxHeader);
+    for (size_t k = 0; k < verts.size(); ++k)
+        write_vertex(vf + k * l.vsize, mesh, c, l, verts[k]);
+    wr<miUint>(b, tri_off, static_cast<miUint>(ntri));
+    for (size_t t = 0; t < ntri; ++t)
+        for (int k = 0; k < 3; ++k)
+            wr<miUint>(b, tri_off + (1 + 3 * t + k) * 4, static_cast<miUint>(remap[c.tris[t0 + t][k]]));
+    if (c.has_uv) {
+        wr<miUint>(b, texsize_off, 0u);
+        wr<miUint>(b, texsize_off + 4, 3u);
+    }
+    for (int i : verts)
+        remap[i] = -1;
+    return box;
+}
+
+/* Split into boxes of at most triangles_per_box triangles, in order.  An
+   object of type 2 holds exactly one box, so it keeps all triangles in one. */
+std::vector<miTag> write_boxes(const Mesh &mesh, const CheckedMesh &c, int object_type)
+{
+    const VertexLayout l = vertex_layout(c);
     size_t per_box = mesh.triangles_per_box > 0 ? static_cast<size_t>(mesh.triangles_per_box) : 0;
     if (per_box == 0) {
         log_message(Level::Error, "build_instance: triangles_per_box " +
                                       std::to_string(mesh.triangles_per_box) + " is not positive; one box made");
-        per_box = std::max<size_t>(tris.size(), 1);
+        per_box = std::max<size_t>(c.tris.size(), 1);
     }
-    if (desc.object_type == 2)
-        per_box = std::max<size_t>(tris.size(), 1);
-    size_t nboxes = (tris.size() + per_box - 1) / per_box;
-    if (nboxes == 0 && desc.object_type == 2)
+    if (object_type == 2)
+        per_box = std::max<size_t>(c.tris.size(), 1);
+    size_t nboxes = (c.tris.size() + per_box - 1) / per_box;
+    if (nboxes == 0 && object_type == 2)
         nboxes = 1; /* the object's entry always names a box, possibly empty */
-
-    std::vector<int> remap(nv, -1);
+    std::vector<int> remap(mesh.P.size(), -1);
+    std::vector<miTag> boxes;
     for (size_t bi = 0; bi < nboxes; ++bi) {
-        const size_t t0 = bi * per_box, t1 = std::min(tris.size(), t0 + per_box);
-        /* the vertices this box uses, in order of first use */
-        std::vector<int> verts;
-        for (size_t t = t0; t < t1; ++t)
-            for (int i : tris[t])
-                if (remap[i] < 0) {
-                    remap[i] = static_cast<int>(verts.size());
-                    verts.push_back(i);
-                }
-        const size_t ntri = t1 - t0;
-        const size_t vert_bytes = verts.size() * vsize * 4;
-        const size_t tri_off = kBoxHeader + vert_bytes;
-        const size_t tri_bytes = (1 + 3 * ntri) * 4;
-        const size_t texsize_off = tri_off + tri_bytes;
-        const size_t total = texsize_off + (has_uv ? 8 : 0);
-
-        miTag box = db_create(miSCENE_BOX, total);
-        unsigned char *b = static_cast<unsigned char *>(db_data(box));
-        b[miBOX_NORMAL_BLEND] = mesh.normal_blend;
-        wr<miUint>(b, miBOX_NO_TRIANGLES, static_cast<miUint>(ntri));
-        wr<miUint>(b, miBOX_NO_VERTICES, static_cast<miUint>(verts.size()));
-        wr<miUshort>(b, miBOX_VERTEX_SIZE, static_cast<miUshort>(vsize));
-        b[miBOX_NORMAL_POS] = static_cast<miUchar>(normal_pos);
-        b[miBOX_DERIV_POS] = static_cast<miUchar>(deriv_pos);
-        b[miBOX_BUMP_POS] = static_cast<miUchar>(bump_pos);
-        b[miBOX_BUMP_COUNT] = has_uv ? 2 : 0;
-        b[miBOX_MOTION_POS] = 0;
-        b[miBOX_MOTION_COUNT] = 0;
-        b[miBOX_TEXTURE_POS] = static_cast<miUchar>(tex_pos);
-        b[miBOX_TEXTURE_COUNT] = has_uv ? 1 : 0;
-        wr<miUint>(b, miBOX_TRIANGLES, static_cast<miUint>(tri_off));
-        wr<miUint>(b, miBOX_TEXSIZES, has_uv ? static_cast<miUint>(texsize_off) : 0u);
-
-        float *vf = reinterpret_cast<float *>(b + kBoxHeader);
-        for (size_t k = 0; k < verts.size(); ++k) {
-            float *r = vf + k * vsize;
-            const int i = verts[k];
-            r[0] = mesh.P[i].x;
-            r[1] = mesh.P[i].y;
-            r[2] = mesh.P[i].z;
-            if (has_n) {
-                r[normal_pos] = mesh.N[i].x;
-                r[normal_pos + 1] = mesh.N[i].y;
-                r[normal_pos + 2] = mesh.N[i].z;
-            }
-            if (has_uv) {
-                r[tex_pos] = mesh.uv[i].x;
-                r[tex_pos + 1] = mesh.uv[i].y;
-                r[tex_pos + 2] = 0.0f;
-                const miVector d[4] = {dpdu[i], dpdv[i], dpdu[i], dpdv[i]};
-                for (int q = 0; q < 4; ++q) {
-                    r[deriv_pos + 3 * q] = d[q].x;
-                    r[deriv_pos + 3 * q + 1] = d[q].y;
-                    r[deriv_pos + 3 * q + 2] = d[q].z;
-                }
-            }
-        }
-        wr<miUint>(b, tri_off, static_cast<miUint>(ntri));
-        for (size_t t = 0; t < ntri; ++t)
-            for (int c = 0; c < 3; ++c)
-                wr<miUint>(b, tri_off + (1 + 3 * t + c) * 4, static_cast<miUint>(remap[tris[t0 + t][c]]));
-        if (has_uv) {
-            wr<miUint>(b, texsize_off, 0u);
-            wr<miUint>(b, texsize_off + 4, 3u);
-        }
-        for (int i : verts)
-            remap[i] = -1;
-        tags.boxes.push_back(box);
+        const size_t t0 = bi * per_box, t1 = std::min(c.tris.size(), t0 + per_box);
+        boxes.push_back(write_box(mesh, c, l, t0, t1, remap));
     }
+    return boxes;
+}
 
-    /* Geometry list: every box, in order. */
-    tags.geolist = db_create(miSCENE_GEOLIST, miGEOLIST_ENTRIES + tags.boxes.size() * miGEOLIST_ENTRY_SIZE);
-    {
-        unsigned char *g = static_cast<unsigned char *>(db_data(tags.geolist));
-        wr<int>(g, 0, static_cast<int>(tags.boxes.size()));
-        for (size_t i = 0; i < tags.boxes.size(); ++i)
-            wr<miTag>(g, miGEOLIST_ENTRIES + i * miGEOLIST_ENTRY_SIZE + miGEOLIST_ENTRY_BOX, tags.boxes[i]);
-    }
+/* Geometry list: every box, in order. */
+miTag write_geolist(const std::vector<miTag> &boxes)
+{
+    miTag tag = db_create(miSCENE_GEOLIST, miGEOLIST_ENTRIES + boxes.size() * miGEOLIST_ENTRY_SIZE);
+    unsigned char *g = static_cast<unsigned char *>(db_data(tag));
+    wr<int>(g, 0, static_cast<int>(boxes.size()));
+    for (size_t i = 0; i < boxes.size(); ++i)
+        wr<miTag>(g, miGEOLIST_ENTRIES + i * miGEOLIST_ENTRY_SIZE + miGEOLIST_ENTRY_BOX, boxes[i]);
+    return tag;
+}
 
-    /* Object. */
-    tags.object = db_create(miSCENE_OBJECT, sizeof(miObject));
-    {
-        miObject *o = static_cast<miObject *>(db_data(tags.object));
-        o->userdata = desc.userdata;
-        o->visible = 1;
-        o->type = desc.object_type;
-        if (nv) {
-            o->bbox_min = o->bbox_max = mesh.P[0];
-            for (const miVector &p : mesh.P) {
-                o->bbox_min = {std::min(o->bbox_min.x, p.x), std::min(o->bbox_min.y, p.y),
-                               std::min(o->bbox_min.z, p.z)};
-                o->bbox_max = {std::max(o->bbox_max.x, p.x), std::max(o->bbox_max.y, p.y),
-                               std::max(o->bbox_max.z, p.z)};
-            }
+miTag write_object(const Mesh &mesh, const InstanceDesc &desc, const std::vector<miTag> &boxes)
+{
+    miTag tag = db_create(miSCENE_OBJECT, sizeof(miObject));
+    miObject *o = static_cast<miObject *>(db_data(tag));
+    o->userdata = desc.userdata;
+    o->visible = 1;
+    o->type = desc.object_type;
+    if (!mesh.P.empty()) {
+        o->bbox_min = o->bbox_max = mesh.P[0];
+        for (const miVector &p : mesh.P) {
+            o->bbox_min = {std::min(o->bbox_min.x, p.x), std::min(o->bbox_min.y, p.y), std::min(o->bbox_min.z, p.z)};
+            o->bbox_max = {std::max(o->bbox_max.x, p.x), std::max(o->bbox_max.y, p.y), std::max(o->bbox_max.z, p.z)};
         }
-        if (desc.object_type == 2 && !tags.boxes.empty())
-            o->box_entry[0] = tags.boxes[0];
     }
+    if (desc.object_type == 2 && !boxes.empty())
+        o->box_entry[0] = boxes[0];
+    return tag;
+}
 
-    /* Instance. */
+} // namespace
+
+GeometryTags build_instance(const Mesh &mesh, const InstanceDesc &desc)
+{
+    GeometryTags tags;
+    CheckedMesh checked = check_mesh(mesh);
+    if (checked.has_uv)
+        uv_derivatives(mesh, checked);
+    tags.boxes = write_boxes(mesh, checked, desc.object_type);
+    tags.geolist = write_geolist(tags.boxes);
+    tags.object = write_object(mesh, desc, tags.boxes);
+
     tags.instance = db_create(miSCENE_INSTANCE, sizeof(miInstance));
-    {
-        miInstance *in = static_cast<miInstance *>(db_data(tags.instance));
-        std::memcpy(in->local_to_global, desc.local_to_global, sizeof(miMatrix));
-        if (!invert_matrix(desc.local_to_global, in->global_to_local)) {
-            log_message(Level::Error, "build_instance: the instance transform is singular; its inverse is "
-                                      "left as identity");
-            for (int i = 0; i < 16; ++i)
-                in->global_to_local[i] = (i % 5 == 0) ? 1.0f : 0.0f;
-        }
-        in->material = desc.material;
-        in->shadow = desc.shadow;
-        in->item = tags.object;
-        in->param = desc.param;
-        in->geolist = tags.geolist;
-    }
+    miInstance *in = static_cast<miInstance *>(db_data(tags.instance));
+    set_instance_transform(in, desc.local_to_global,
+                           "build_instance: the instance transform is singular; its inverse is left as identity");
+    in->material = desc.material;
+    in->shadow = desc.shadow;
+    in->item = tags.object;
+    in->param = desc.param;
+    in->geolist = tags.geolist;
     return tags;
 }
 

@@ -46,12 +46,7 @@ miTag make_light(Context::Impl &m, const miLight &light, const miMatrix l2g, miT
     miInstance *inst = static_cast<miInstance *>(db_data(itag));
     inst->item = ltag;
     inst->param = param;
-    std::memcpy(inst->local_to_global, l2g, sizeof(miMatrix));
-    if (!invert_matrix(l2g, inst->global_to_local)) {
-        error("light transform is singular; its inverse is left as identity");
-        for (int i = 0; i < 16; ++i)
-            inst->global_to_local[i] = (i % 5 == 0) ? 1.0f : 0.0f;
-    }
+    rt::set_instance_transform(inst, l2g, "light transform is singular; its inverse is left as identity");
     m.owned_items.push_back(ltag);
     m.owned_items.push_back(itag);
     m.lights.push_back(itag);

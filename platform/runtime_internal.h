@@ -291,6 +291,11 @@ inline const miLight *light_record(const miInstance *inst)
     return inst ? static_cast<const miLight *>(typed_record(inst->item, miSCENE_LIGHT, sizeof(miLight))) : nullptr;
 }
 
+/* Set an instance's local-to-global matrix and its inverse; a singular
+   matrix logs `singular_message` as an error and leaves the inverse the
+   identity (context.cpp). */
+void set_instance_transform(miInstance *inst, const miMatrix l2g, const char *singular_message);
+
 /* ---- tracing */
 
 /* Call a colour-returning shader into `out` through a buffer large enough
