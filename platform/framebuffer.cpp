@@ -57,35 +57,19 @@ public:
 
     bool get(const char *name, int *value) const override
     {
-        const auto *o = find(name);
-        if (!o || !value)
-            return false;
-        *value = o->value;
-        return true;
+        return fetch(name, value, [](const Option &o) { return o.value; });
     }
     bool get(const char *name, bool *value) const override
     {
-        const auto *o = find(name);
-        if (!o || !value)
-            return false;
-        *value = o->value != 0;
-        return true;
+        return fetch(name, value, [](const Option &o) { return o.value != 0; });
     }
     bool get(const char *name, float *value) const override
     {
-        const auto *o = find(name);
-        if (!o || !value)
-            return false;
-        *value = static_cast<float>(o->value);
-        return true;
+        return fetch(name, value, [](const Option &o) { return static_cast<float>(o.value); });
     }
     bool get(const char *name, const char **value) const override
     {
-        const auto *o = find(name);
-        if (!o || !value)
-            return false;
-        *value = o->text.c_str();
-        return true;
+        return fetch(name, value, [](const Option &o) { return o.text.c_str(); });
     }
     void release() override
     {
@@ -94,7 +78,16 @@ public:
     }
 
 private:
-    const Context::Impl::StringOption *find(const char *name) const
+    using Option = Context::Impl::StringOption;
+    template <class T, class F> bool fetch(const char *name, T *value, F &&convert) const
+    {
+        const Option *o = find(name);
+        if (!o || !value)
+            return false;
+        *value = convert(*o);
+        return true;
+    }
+    const Option *find(const char *name) const
     {
         if (!name)
             return nullptr;
@@ -106,17 +99,24 @@ private:
     Context::Impl *impl_;
 };
 
+/* A new handle on the Context behind a frame-buffer-set or string-options
+   item, counted as outstanding until released; null for another item. */
+template <class Handle> Handle *hand_out(miTag tag, int type)
+{
+    Context::Impl *impl = impl_from_item(tag, type);
+    if (!impl)
+        return nullptr;
+    outstanding_handles.fetch_add(1);
+    return new Handle(impl);
+}
+
 class InterfaceImpl : public mi::shader::Interface {
 public:
     ~InterfaceImpl() override = default;
 
     mi::shader::Framebuffer *accessFramebuffer(miTag buffertag) override
     {
-        Context::Impl *impl = impl_from_item(buffertag, miSCENE_FBSET);
-        if (!impl)
-            return nullptr;
-        outstanding_handles.fetch_add(1);
-        return new FramebufferImpl(impl);
+        return hand_out<FramebufferImpl>(buffertag, miSCENE_FBSET);
     }
     void releaseFramebuffer(mi::shader::Framebuffer *fb, miTag) override
     {
@@ -127,11 +127,7 @@ public:
     }
     mi::shader::Options *getOptions(miTag string_options) override
     {
-        Context::Impl *impl = impl_from_item(string_options, miSCENE_STRINGOPTS);
-        if (!impl)
-            return nullptr;
-        outstanding_handles.fetch_add(1);
-        return new OptionsImpl(impl);
+        return hand_out<OptionsImpl>(string_options, miSCENE_STRINGOPTS);
     }
     void release() override
     {
@@ -221,26 +217,29 @@ static miColor *fb_slot(miState *state, int buffer)
     return &impl->fb_pixels[static_cast<size_t>(buffer - 1)][static_cast<size_t>(y) * impl->width + x];
 }
 
-miBoolean mi_fb_put(miState *state, int buffer, void *data)
+/* Copy one colour into (put) or out of the current pixel of a buffer. */
+static miBoolean fb_copy(miState *state, int buffer, void *data, bool put)
 {
     if (!data)
         return miFALSE;
     miColor *slot = fb_slot(state, buffer);
     if (!slot)
         return miFALSE;
-    std::memcpy(slot, data, sizeof(miColor));
+    if (put)
+        std::memcpy(slot, data, sizeof(miColor));
+    else
+        std::memcpy(data, slot, sizeof(miColor));
     return miTRUE;
+}
+
+miBoolean mi_fb_put(miState *state, int buffer, void *data)
+{
+    return fb_copy(state, buffer, data, true);
 }
 
 miBoolean mi_fb_get(miState *state, int buffer, void *data)
 {
-    if (!data)
-        return miFALSE;
-    miColor *slot = fb_slot(state, buffer);
-    if (!slot)
-        return miFALSE;
-    std::memcpy(data, slot, sizeof(miColor));
-    return miTRUE;
+    return fb_copy(state, buffer, data, false);
 }
 
 } // extern "C"

@@ -53,6 +53,37 @@ miTag make_light(Context::Impl &m, const miLight &light, const miMatrix l2g, miT
     return itag;
 }
 
+/* The light state of sample k of a light for `state`: a point on the light
+   (its origin, or a quasi-random point of an area light's rectangle) and the
+   direction and distance to it. */
+miState *light_child(miState *state, miTag light_inst, const miInstance *inst, const miLight *light, int k)
+{
+    miVector local = light->origin;
+    if (light->area == 1) {
+        double uv[2] = {0.5, 0.5};
+        int idx = k;
+        mi_sample(uv, &idx, state, 2, nullptr);
+        const float su = float(2.0 * uv[0] - 1.0), sv = float(2.0 * uv[1] - 1.0);
+        local = {local.x + su * light->edge_u.x + sv * light->edge_v.x,
+                 local.y + su * light->edge_u.y + sv * light->edge_v.y,
+                 local.z + su * light->edge_u.z + sv * light->edge_v.z};
+    }
+    miVector pos;
+    mi_point_transform(&pos, &local, inst->local_to_global);
+
+    miState *c = child_state(state);
+    c->type = miRAY_LIGHT;
+    c->light_instance = light_inst;
+    c->org = state->point;
+    c->point = pos;
+    const miVector d = {pos.x - c->org.x, pos.y - c->org.y, pos.z - c->org.z};
+    c->dist = std::sqrt(double(d.x) * d.x + double(d.y) * d.y + double(d.z) * d.z);
+    c->dir = normalized(d);
+    c->normal = state->normal;
+    c->dot_nd = dot(c->dir, state->normal);
+    return c;
+}
+
 } // namespace
 
 const std::vector<miTag> &Context::lights() const { return impl_->lights; }
@@ -138,29 +169,7 @@ miBoolean mi_sample_light(miColor *color, miVector *dir, miScalar *dot_nl, miSta
     }
     while (it->next < it->count) {
         const int k = it->next++;
-        miVector local = light->origin;
-        if (light->area == 1) {
-            double uv[2] = {0.5, 0.5};
-            int idx = k;
-            mi_sample(uv, &idx, state, 2, nullptr);
-            const float su = float(2.0 * uv[0] - 1.0), sv = float(2.0 * uv[1] - 1.0);
-            local = {local.x + su * light->edge_u.x + sv * light->edge_v.x,
-                     local.y + su * light->edge_u.y + sv * light->edge_v.y,
-                     local.z + su * light->edge_u.z + sv * light->edge_v.z};
-        }
-        miVector pos;
-        mi_point_transform(&pos, &local, inst->local_to_global);
-
-        miState *c = child_state(state);
-        c->type = miRAY_LIGHT;
-        c->light_instance = light_inst;
-        c->org = state->point;
-        c->point = pos;
-        const miVector d = {pos.x - c->org.x, pos.y - c->org.y, pos.z - c->org.z};
-        c->dist = std::sqrt(double(d.x) * d.x + double(d.y) * d.y + double(d.z) * d.z);
-        c->dir = normalized(d);
-        c->normal = state->normal;
-        c->dot_nd = dot(c->dir, state->normal);
+        miState *c = light_child(state, light_inst, inst, light, k);
         miColor col;
         /* the shader may run nested loops (other states): `it` may move */
         const miState *key_state = state;

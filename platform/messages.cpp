@@ -65,6 +65,14 @@ std::string vformat(const char *fmt, va_list ap)
     return out;
 }
 
+/* Format and log a message; returns its text. */
+std::string vlog(Level level, const char *fmt, va_list ap)
+{
+    std::string s = vformat(fmt, ap);
+    log_message(level, s);
+    return s;
+}
+
 } // namespace
 
 namespace rt {
@@ -74,9 +82,8 @@ void error(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string s = vformat(fmt, ap);
+    vlog(Level::Error, fmt, ap);
     va_end(ap);
-    log_message(Level::Error, s);
 }
 
 } // namespace rt
@@ -121,9 +128,8 @@ void mi_fatal(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string s = vformat(fmt, ap);
+    std::string s = vlog(Level::Fatal, fmt, ap);
     va_end(ap);
-    log_message(Level::Fatal, s);
     throw FatalError{s};
 }
 
@@ -131,27 +137,24 @@ void mi_error(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string s = vformat(fmt, ap);
+    vlog(Level::Error, fmt, ap);
     va_end(ap);
-    log_message(Level::Error, s);
 }
 
 void mi_warning(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string s = vformat(fmt, ap);
+    vlog(Level::Warning, fmt, ap);
     va_end(ap);
-    log_message(Level::Warning, s);
 }
 
 void mi_info(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string s = vformat(fmt, ap);
+    vlog(Level::Info, fmt, ap);
     va_end(ap);
-    log_message(Level::Info, s);
 }
 
 } // extern "C"

@@ -126,6 +126,21 @@ miBoolean mi_sample(double *sample, int *instance, miState *state, miUshort dime
     return miTRUE;
 }
 
+/* r = v times the 3x3 part of m read with strides: (4, 1) for the matrix,
+   (1, 4) for its transpose.  A null matrix is the identity. */
+static void linear3(miVector *r, const miVector *v, const miScalar *m, int si, int sj)
+{
+    if (!r || !v)
+        return;
+    if (!m) {
+        *r = *v;
+        return;
+    }
+    const float x = v->x, y = v->y, z = v->z;
+    *r = miVector{x * m[0] + y * m[si] + z * m[2 * si], x * m[sj] + y * m[si + sj] + z * m[2 * si + sj],
+                  x * m[2 * sj] + y * m[si + 2 * sj] + z * m[2 * si + 2 * sj]};
+}
+
 /* ---- transforms (row vectors: p' = p * M); a null matrix is the identity */
 
 void mi_point_transform(miVector *r, const miVector *v, const miScalar *m)
@@ -151,28 +166,12 @@ void mi_point_transform(miVector *r, const miVector *v, const miScalar *m)
 
 void mi_vector_transform(miVector *r, const miVector *v, const miScalar *m)
 {
-    if (!r || !v)
-        return;
-    if (!m) {
-        *r = *v;
-        return;
-    }
-    const float x = v->x, y = v->y, z = v->z;
-    *r = miVector{x * m[0] + y * m[4] + z * m[8], x * m[1] + y * m[5] + z * m[9],
-                  x * m[2] + y * m[6] + z * m[10]};
+    linear3(r, v, m, 4, 1);
 }
 
 void mi_vector_transform_T(miVector *r, const miVector *v, const miScalar *m)
 {
-    if (!r || !v)
-        return;
-    if (!m) {
-        *r = *v;
-        return;
-    }
-    const float x = v->x, y = v->y, z = v->z;
-    *r = miVector{x * m[0] + y * m[1] + z * m[2], x * m[4] + y * m[5] + z * m[6],
-                  x * m[8] + y * m[9] + z * m[10]};
+    linear3(r, v, m, 1, 4);
 }
 
 static void instance_vector(miTag inst, bool to_local, miVector *r, const miVector *v)
