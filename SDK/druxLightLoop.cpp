@@ -43,6 +43,7 @@
  */
 #include "druxInternal.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -86,7 +87,14 @@ struct MaskCacheEntry {
     miUint generation;
     miUint length; /* 0: the instance has no mask */
     char text[kCachedMaskChars + 1];
+    /* The contribution bits of entries 0..63 (bit i: entry i), decoded once
+       when the text is cached. */
+    uint64_t low;
 };
+
+/* Bit i of the result: entry i (< 64) contributes to a non-empty mask
+   `text` of `length` characters; digits past the text contribute nothing. */
+uint64_t lowContributionBits(const char *text, size_t length);
 struct MaskCache {
     const void *store;  /* shader-state store of the open sample's eye state; null: closed */
     miUint generation;
@@ -117,7 +125,10 @@ public:
     MaskText(const MaskText &) = delete;
     MaskText &operator=(const MaskText &) = delete;
 
-    /* Looks up the mask of `instance`; returns it, or null for no mask. */
+    /* Looks up the mask of `instance`; returns it, or null for no mask.  A
+       text from the thread's cache is read in place: nothing between open
+       and close of one object writes the cache (no renderer call, no other
+       mask opened on the thread). */
     const char *open(miState *state, miTag instance)
     {
         close();
@@ -125,9 +136,9 @@ public:
         if (cached && cached->tag == instance && cached->generation == tlsMaskCache.generation) {
             if (cached->length == 0)
                 return nullptr;
-            std::memcpy(copy_, cached->text, cached->length + 1);
-            text_ = copy_;
+            text_ = cached->text;
             length_ = cached->length;
+            low_ = &cached->low;
             return text_;
         }
         lookUp(state, instance);
@@ -135,19 +146,27 @@ public:
             cached->tag = instance;
             cached->generation = tlsMaskCache.generation;
             cached->length = static_cast<miUint>(text_ ? length_ : 0);
-            if (text_)
+            if (text_) {
                 std::memcpy(cached->text, text_, length_ + 1);
+                cached->low = lowContributionBits(text_, length_);
+            }
         }
         return text_;
     }
 
     const char *text() const { return text_; }
 
+    /* The decoded bits of entries 0..63 when the text came from the cache,
+       else null. */
+    const uint64_t *lowBits() const { return low_; }
+
     /* contributesToPass for an opened mask, without re-scanning the text. */
     bool contributes(miUint index) const
     {
         if (!text_)
             return true;
+        if (low_ && index < 64)
+            return (*low_ >> index) & 1u;
         return (digit(index >> 2) >> (index & 3u)) & 1u;
     }
 
@@ -237,13 +256,22 @@ private:
         tag_ = 0;
         text_ = nullptr;
         length_ = 0;
+        low_ = nullptr;
     }
 
     miTag tag_ = 0;
     const char *text_ = nullptr;
     size_t length_ = 0;
-    char copy_[kCachedMaskChars + 1];
+    const uint64_t *low_ = nullptr;
 };
+
+uint64_t lowContributionBits(const char *text, size_t length)
+{
+    uint64_t bits = 0;
+    for (size_t k = 0; k < 16 && k < length; ++k)
+        bits |= static_cast<uint64_t>(MaskText::digitBits(text[k]) & 0xFu) << (4 * k);
+    return bits;
+}
 
 inline miColor colorOr(const miColor *c, const miColor &fallback) { return c ? *c : fallback; }
 
@@ -300,6 +328,13 @@ inline void setContributions(miUint n, FrameBufferInfo *entries, const MaskText 
     if (!mask.text()) {
         for (miUint i = 0; i < n; ++i)
             entries[i].flags |= kBit;
+        return;
+    }
+    if (mask.lowBits() && n <= 64) {
+        /* the cached mask's bits, decoded when it was read */
+        const uint64_t bits = *mask.lowBits();
+        for (miUint i = 0; i < n; ++i)
+            entries[i].flags = (entries[i].flags & ~kBit) | (static_cast<miUint>((bits >> i) & 1u) * kBit);
         return;
     }
     for (miUint first = 0; first < n; first += 4) {

@@ -48,10 +48,71 @@ struct Entries {
     int depth = 0;
 };
 
-Entries entriesAtDepth(miState *state)
+/* The frame-buffer info of the material call in progress on this thread.
+   The light and shadow shaders that run under it (from the light loop and
+   the shadow rays it traces) share its shader-state store, and the entries
+   do not change while it runs, so they take the material's info instead of
+   asking the library again on every light sample and occluder.  Another
+   store (or no material running) asks the library. */
+struct FrameBufferInfoCall {
+    const void *store = nullptr; /* null: no material call in progress */
+    miUint n = 0;
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    BaseShaderState *bs = nullptr;
+};
+thread_local FrameBufferInfoCall tlsMaterialInfo;
+
+inline bool sameStore(const miState *state)
+{
+    return tlsMaterialInfo.store && state && static_cast<const void *>(state->shaderstate) == tlsMaterialInfo.store;
+}
+
+/* getFrameBufferInfo, answered from the running material call when it can. */
+miUint frameBufferInfo(miState *state, PassTypeInfo **types, FrameBufferInfo **e)
+{
+    if (sameStore(state)) {
+        *types = tlsMaterialInfo.types;
+        *e = tlsMaterialInfo.e;
+        return tlsMaterialInfo.n;
+    }
+    return getFrameBufferInfo(state, types, e);
+}
+
+/* The host's per-thread record, answered the same way. */
+BaseShaderState *baseState(miState *state)
+{
+    if (sameStore(state))
+        return tlsMaterialInfo.bs;
+    return static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr));
+}
+
+/* Publishes a material call's info for the shaders under it; the previous
+   one (an enclosing material of a reflected or refracted ray) comes back on
+   scope exit. */
+struct MaterialInfoScope {
+    FrameBufferInfoCall saved;
+    MaterialInfoScope(const miState *state, miUint n, PassTypeInfo *types, FrameBufferInfo *e, BaseShaderState *bs)
+        : saved(tlsMaterialInfo)
+    {
+        tlsMaterialInfo.store = state->shaderstate;
+        tlsMaterialInfo.n = n;
+        tlsMaterialInfo.types = types;
+        tlsMaterialInfo.e = e;
+        tlsMaterialInfo.bs = bs;
+    }
+    ~MaterialInfoScope() { tlsMaterialInfo = saved; }
+    MaterialInfoScope(const MaterialInfoScope &) = delete;
+    MaterialInfoScope &operator=(const MaterialInfoScope &) = delete;
+};
+
+/* The entries at the state's depth from info already read (n, types, e). */
+Entries entriesAtDepth(miState *state, miUint n, PassTypeInfo *types, FrameBufferInfo *e)
 {
     Entries r;
-    r.n = getFrameBufferInfo(state, &r.types, &r.e);
+    r.n = n;
+    r.types = types;
+    r.e = e;
     r.depth = state->reflection_level + state->refraction_level;
     const int limit = state->options ? state->options->trace_depth : 0;
     /* every entry has trace-depth limit + 2 slots, as many as the state
@@ -63,6 +124,14 @@ Entries entriesAtDepth(miState *state)
         r.e = nullptr;
     }
     return r;
+}
+
+Entries entriesAtDepth(miState *state)
+{
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = frameBufferInfo(state, &types, &e);
+    return entriesAtDepth(state, n, types, e);
 }
 
 float lightFalloff(const miState *state, int quadratic)
@@ -129,6 +198,38 @@ miColor skyColor(const EnvironmentParams &p, const miVector &dir)
 
 namespace {
 
+constexpr miUint kMaxListedEntries = 64;
+
+/* The diffuse (cd) and specular (cs) weights with which a pass of role
+   `role` takes the light samples; false: it takes none. */
+bool lightWeights(PassRole role, float &cd, float &cs)
+{
+    cd = 1.0f;
+    cs = 1.0f;
+    switch (role) {
+    case PassRole::Diffuse:
+        cs = 0.0f;
+        return true;
+    case PassRole::Specular:
+        cd = 0.0f;
+        return true;
+    case PassRole::Reflection:
+    case PassRole::Refraction:
+    case PassRole::Indirect:
+    case PassRole::Scatter:
+    case PassRole::Background:
+    case PassRole::Constant:
+    case PassRole::Depth:
+    case PassRole::Normal:
+    case PassRole::Position:
+    case PassRole::Albedo:
+    case PassRole::Coverage:
+        return false;
+    default: /* beauty, shadow, light groups, passes of other exporters */
+        return true;
+    }
+}
+
 /* What the stages of one hostMaterial call share. */
 struct MaterialCall {
     miState *state;
@@ -142,6 +243,12 @@ struct MaterialCall {
     bool gatherRay;
     miVector N, R; /* shading normal (after bump) and mirror direction */
     float dotND;
+    /* The entries that take the light samples, with their diffuse and
+       specular weights (1 or 0), found once per call; lit < 0: too many
+       entries to list, the light loop goes by role on every sample. */
+    int lit;
+    unsigned char litIndex[kMaxListedEntries];
+    float litCd[kMaxListedEntries], litCs[kMaxListedEntries];
 };
 
 /* What the light loop and the secondary rays bring. */
@@ -149,13 +256,16 @@ struct MaterialLight {
     miColor diffuse = BLACK, spec = BLACK, indirect = BLACK, refl = BLACK, refr = BLACK, scatter = BLACK;
 };
 
-/* Empties this depth's slots, finds the beauty entry and reads the inputs. */
-MaterialCall beginMaterial(miState *state, MaterialParams *p)
+/* Empties this depth's slots, finds the beauty entry and reads the inputs.
+   The frame-buffer info (n, types, e) and base state bs were read once by
+   the caller. */
+MaterialCall beginMaterial(miState *state, MaterialParams *p, miUint n, PassTypeInfo *types, FrameBufferInfo *e,
+                           BaseShaderState *bs)
 {
     MaterialCall c;
     c.state = state;
     c.p = p;
-    c.en = entriesAtDepth(state);
+    c.en = entriesAtDepth(state, n, types, e);
     c.beauty = -1;
     for (miUint i = 0; i < c.en.n; ++i) {
         c.en.e[i].slots[c.en.depth].accum = BLACK;
@@ -163,7 +273,17 @@ MaterialCall beginMaterial(miState *state, MaterialParams *p)
         if (c.beauty < 0 && roleOf(c.en.e[i]) == PassRole::Beauty)
             c.beauty = static_cast<int>(i);
     }
-    c.bs = static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr));
+    c.lit = c.en.n <= kMaxListedEntries ? 0 : -1;
+    for (miUint i = 0; c.lit >= 0 && i < c.en.n; ++i) {
+        float cd, cs;
+        if (!lightWeights(roleOf(c.en.e[i]), cd, cs))
+            continue;
+        c.litIndex[c.lit] = static_cast<unsigned char>(i);
+        c.litCd[c.lit] = cd;
+        c.litCs[c.lit] = cs;
+        ++c.lit;
+    }
+    c.bs = bs;
     c.dcol = param(state, &p->diffuse);
     c.kd = param(state, &p->kd);
     c.scol = param(state, &p->specular);
@@ -208,30 +328,21 @@ void bumpNormal(miState *state, MaterialParams *p)
 void addSampleToPasses(const MaterialCall &c, float wd, float ws)
 {
     FrameBufferInfo *e = c.en.e;
-    for (miUint i = 0; i < c.en.n; ++i) {
-        float cd = 1.0f, cs = 1.0f;
-        switch (roleOf(e[i])) {
-        case PassRole::Diffuse:
-            cs = 0.0f;
-            break;
-        case PassRole::Specular:
-            cd = 0.0f;
-            break;
-        case PassRole::Reflection:
-        case PassRole::Refraction:
-        case PassRole::Indirect:
-        case PassRole::Scatter:
-        case PassRole::Background:
-        case PassRole::Constant:
-        case PassRole::Depth:
-        case PassRole::Normal:
-        case PassRole::Position:
-        case PassRole::Albedo:
-        case PassRole::Coverage:
-            continue;
-        default: /* beauty, shadow, light groups, passes of other exporters */
-            break;
+    if (c.lit >= 0) {
+        for (int k = 0; k < c.lit; ++k) {
+            const float cd = c.litCd[k], cs = c.litCs[k];
+            FrameBufferInfo &x = e[c.litIndex[k]];
+            const miColor &Li = x.light;
+            x.lightSum.r += c.opaque[0] * (cd * wd * c.dcol.r + cs * ws * c.scol.r) * Li.r;
+            x.lightSum.g += c.opaque[1] * (cd * wd * c.dcol.g + cs * ws * c.scol.g) * Li.g;
+            x.lightSum.b += c.opaque[2] * (cd * wd * c.dcol.b + cs * ws * c.scol.b) * Li.b;
         }
+        return;
+    }
+    for (miUint i = 0; i < c.en.n; ++i) {
+        float cd, cs;
+        if (!lightWeights(roleOf(e[i]), cd, cs))
+            continue;
         const miColor &Li = e[i].light;
         e[i].lightSum.r += c.opaque[0] * (cd * wd * c.dcol.r + cs * ws * c.scol.r) * Li.r;
         e[i].lightSum.g += c.opaque[1] * (cd * wd * c.dcol.g + cs * ws * c.scol.g) * Li.g;
@@ -463,7 +574,12 @@ void hostMaterial_exit(miState *state, void *params)
 miBoolean hostMaterial(void *result, miState *state, void *pv)
 {
     MaterialParams *p = static_cast<MaterialParams *>(pv);
-    MaterialCall c = beginMaterial(state, p);
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = frameBufferInfo(state, &types, &e);
+    BaseShaderState *bs = baseState(state);
+    MaterialInfoScope scope(state, n, types, e, bs);
+    MaterialCall c = beginMaterial(state, p, n, types, e, bs);
     const miVector savedNormal = state->normal;
     const float savedDot = state->dot_nd;
     bumpNormal(state, p);
@@ -494,7 +610,7 @@ miBoolean hostPointLight(void *result, miState *state, void *pv)
 
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
-    const miUint n = getFrameBufferInfo(state, &types, &e);
+    const miUint n = frameBufferInfo(state, &types, &e);
     setupLightContributions(n, e, state);
     miColor filter = WHITE;
     const miBoolean visible = traceShadow(n, e, &filter, &light, &p->shadowColor, p->sharedShadow, state);
@@ -515,12 +631,12 @@ miBoolean hostRectLight(void *result, miState *state, void *pv)
     const miColor light{p->color.r * f, p->color.g * f, p->color.b * f, 1.0f};
 
     /* tell the material (and scattering) what this light is */
-    if (BaseShaderState *bs = static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr)))
+    if (BaseShaderState *bs = baseState(state))
         bs->lightData.corners = p->corners;
 
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
-    const miUint n = getFrameBufferInfo(state, &types, &e);
+    const miUint n = frameBufferInfo(state, &types, &e);
     setupLightContributions(n, e, state);
     miColor t;
     if (p->shadowSamples <= 1) {
@@ -583,7 +699,7 @@ miBoolean hostShadow(void *result, miState *state, void *pv)
     filter->b *= t.b;
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
-    const miUint n = getFrameBufferInfo(state, &types, &e);
+    const miUint n = frameBufferInfo(state, &types, &e);
     applyShadowTransparencyToFrameBuffers(n, e, &t, miFALSE, state);
     return filter->r > 0.0f || filter->g > 0.0f || filter->b > 0.0f ? miTRUE : miFALSE;
 }

@@ -1,6 +1,9 @@
 /*
- * Internals of the runtime shared between its source files (runtime.cpp,
- * trace.cpp, geometry.cpp).  Not seen by shader libraries or tests.
+ * Internals of the runtime shared between its source files (one per
+ * subsystem: database, memory, messages, locks_random, shaderstate,
+ * shadercall, framebuffer, sampling, query, context; trace, lights,
+ * geometry and meshscene).
+ * Not seen by shader libraries or tests.
  *
  * States: every state the runtime makes lives in a StateFrame (the 352-byte
  * state followed by the storage its list pointers refer to).  Frames are owned
@@ -251,5 +254,89 @@ MI_API miFunction *function_record(miTag tag);
 MI_API void *typed_record(miTag tag, int type, size_t min_size);
 
 } // namespace mirt
+
+/* Shared between the runtime's own sources only: hidden from the library's
+   dynamic symbol table. */
+#pragma GCC visibility push(hidden)
+namespace mirt {
+namespace rt {
+
+/* ---- messages */
+
+/* Log an error message (printf format). */
+void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+/* ---- database */
+
+struct Item {
+    int type = 0;
+    size_t size = 0;
+    void *data = nullptr;
+    std::atomic<int> pins{0};
+    std::atomic<uint64_t> accesses{0};
+};
+
+/* The item of `tag` or null; takes no lock. */
+Item *find_locked(miTag tag);
+
+/* The instance record of `tag` (no pin), or null. */
+inline const miInstance *instance_record(miTag tag)
+{
+    return static_cast<const miInstance *>(typed_record(tag, miSCENE_INSTANCE, sizeof(miInstance)));
+}
+
+/* The light record of a light instance, or null. */
+inline const miLight *light_record(const miInstance *inst)
+{
+    return inst ? static_cast<const miLight *>(typed_record(inst->item, miSCENE_LIGHT, sizeof(miLight))) : nullptr;
+}
+
+/* Set an instance's local-to-global matrix and its inverse; a singular
+   matrix logs `singular_message` as an error and leaves the inverse the
+   identity (context.cpp). */
+void set_instance_transform(miInstance *inst, const miMatrix l2g, const char *singular_message);
+
+/* ---- tracing */
+
+/* Call a colour-returning shader into `out` through a buffer large enough
+   for the shader's declared result (trace.cpp). */
+miBoolean call_color(miTag fn, miColor *out, miState *state);
+
+/* ---- locks and random numbers */
+
+/* The lock every state's global_lock points at. */
+miLockRec &global_lock_rec();
+
+/* A 64-bit mix (splitmix64 finaliser) for decorrelation hashes. */
+inline uint64_t mix64(uint64_t z)
+{
+    z += 0x9E3779B97F4A7C15ull;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+
+/* ---- render contexts */
+
+/* Contexts alive (reset keeps the database while any is). */
+extern std::atomic<int> live_contexts;
+
+/* ---- state frames */
+
+/* Point a frame's state lists at the frame's own storage. */
+void init_frame_lists(StateFrame *f);
+
+/* A new frame with a spare frame, both appended to `owned`. */
+StateFrame *new_frame_pair(std::vector<StateFrame *> &owned);
+
+/* Free a shader-state store and every frame it owns. */
+void free_store(miShaderStateStore *store);
+
+/* Free the child frames of states made outside a Context. */
+void free_orphan_frames();
+
+} // namespace rt
+} // namespace mirt
+#pragma GCC visibility pop
 
 #endif /* MI_RUNTIME_INTERNAL_H */

@@ -1,28 +1,117 @@
 /*
  * Shader-state stores: the keyed values every state of one eye state shares
- * (mi_shaderstate_get / mi_shaderstate_set), kept in a KeyTable.
+ * (mi_shaderstate_get / mi_shaderstate_set), kept in a KeyTable; the frames
+ * the states live in, and the child states made for traces.
  */
 #include "runtime_internal.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <new>
 
 namespace mirt {
 
+using namespace rt;
+
 namespace {
-void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void error(const char *fmt, ...)
+
+/* Child frames of states that do not belong to an eye state (hand-made states). */
+struct OrphanFrames {
+    std::mutex mu;
+    std::vector<StateFrame *> frames;
+    std::unordered_map<const miState *, StateFrame *> children;
+};
+
+OrphanFrames &orphan_frames()
 {
-    char buf[512];
-    va_list ap;
-    va_start(ap, fmt);
-    std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    log_message(Level::Error, buf);
+    static OrphanFrames *o = new OrphanFrames;
+    return *o;
 }
+
 } // namespace
+
+namespace rt {
+
+void init_frame_lists(StateFrame *f)
+{
+    f->state.tex_list = f->tex;
+    f->state.bump_x_list = f->bump_x;
+    f->state.bump_y_list = f->bump_y;
+    f->state.derivs = f->derivs;
+}
+
+
+StateFrame *new_frame_pair(std::vector<StateFrame *> &owned)
+{
+    StateFrame *f = new StateFrame();
+    StateFrame *s = new StateFrame();
+    init_frame_lists(s);
+    f->spare_frame = s;
+    owned.push_back(f);
+    owned.push_back(s);
+    return f;
+}
+
+void free_store(miShaderStateStore *store)
+{
+    for (StateFrame *f : store->frames)
+        delete f;
+    delete store;
+}
+
+void free_orphan_frames()
+{
+    OrphanFrames &o = orphan_frames();
+    std::lock_guard<std::mutex> lk(o.mu);
+    for (StateFrame *f : o.frames)
+        delete f;
+    o.frames.clear();
+    o.children.clear();
+}
+
+} // namespace rt
+
+miState *child_state(miState *parent)
+{
+    if (!parent)
+        return nullptr;
+    StateFrame *frame = nullptr;
+    miShaderStateStore *store = parent->shaderstate;
+    if (store) {
+        if (store->last_parent == parent) {
+            frame = store->last_child;
+        } else {
+            auto it = store->children.find(parent);
+            if (it != store->children.end()) {
+                frame = it->second;
+            } else {
+                frame = new_frame_pair(store->frames);
+                store->children.emplace(parent, frame);
+            }
+            store->last_parent = parent;
+            store->last_child = frame;
+        }
+    } else {
+        OrphanFrames &o = orphan_frames();
+        std::lock_guard<std::mutex> lk(o.mu);
+        auto it = o.children.find(parent);
+        if (it != o.children.end()) {
+            frame = it->second;
+        } else {
+            frame = new_frame_pair(o.frames);
+            o.children.emplace(parent, frame);
+        }
+    }
+    frame->made_for = parent;
+    miState *child = &frame->state;
+    std::memcpy(child, parent, sizeof(miState));
+    child->parent = parent;
+    child->child = nullptr;
+    parent->child = child;
+    init_frame_lists(frame);
+    child->spare = &frame->spare_frame->state;
+    return child;
+}
+
 
 KeyTable::~KeyTable()
 {

@@ -1,10 +1,10 @@
 /*
- * Tracing: secondary rays, shadow rays, light sampling, final gathering, eye
- * rays, the geometric queries, and the Context's scene, environment and
- * lights.
+ * Tracing: secondary rays, shadow rays, final gathering, eye rays, the
+ * geometric queries, and the Context's scene and environment.  Lights and
+ * light sampling are in lights.cpp.
  *
  * Rays are traced against the Context's Scene.  A traced ray gets a child
- * state from child_state (runtime.cpp): the parent's 352 bytes with the
+ * state from child_state (shaderstate.cpp): the parent's 352 bytes with the
  * child's own list storage.  The child is filled with the hit (or marked as a
  * miss) and handed to the hit instance's material, or to the environment
  * shader when the ray leaves the scene.
@@ -18,6 +18,10 @@
 #include <limits>
 
 namespace mirt {
+
+using rt::call_color;
+using rt::instance_record;
+using rt::light_record;
 
 /* geometry.cpp */
 bool geom_instance_bounds(miTag instance, miVector &lo, miVector &hi);
@@ -41,17 +45,6 @@ void error(const std::string &text) { log_message(Level::Error, text); }
 
 miVector neg(const miVector &a) { return {-a.x, -a.y, -a.z}; }
 
-const miInstance *instance_rec(miTag tag)
-{
-    return static_cast<const miInstance *>(typed_record(tag, miSCENE_INSTANCE, sizeof(miInstance)));
-}
-
-/* The light record of a light instance, or null. */
-const miLight *light_rec(const miInstance *inst)
-{
-    return inst ? static_cast<const miLight *>(typed_record(inst->item, miSCENE_LIGHT, sizeof(miLight))) : nullptr;
-}
-
 const Scene *scene_of(const miState *state)
 {
     Context::Impl *impl = impl_of(state);
@@ -64,25 +57,6 @@ miTag environment_of(const miState *state)
         return state->environment;
     Context::Impl *impl = impl_of(state);
     return impl ? impl->environment : 0;
-}
-
-/* Call a colour-returning shader into `out` through a buffer large enough
-   for the shader's declared result. */
-miBoolean call_color(miTag fn, miColor *out, miState *state)
-{
-    *out = kBlack;
-    if (!fn)
-        return miFALSE;
-    miFunction *f = function_record(fn);
-    if (f && f->result_size > static_cast<int>(kResultBytes)) {
-        error("shader " + std::string(f->name ? f->name : "?") + " returns " + std::to_string(f->result_size) +
-              " bytes, more than a traced ray can take");
-        return miFALSE;
-    }
-    alignas(16) unsigned char buf[kResultBytes] = {};
-    const miBoolean ok = call_function(fn, buf, state);
-    std::memcpy(out, buf, sizeof(miColor));
-    return ok;
 }
 
 /* Flip the normals towards the ray origin when the surface faces away. */
@@ -145,7 +119,7 @@ Shaded shade_ray(miState *s, miColor *result, bool hit_allowed = true)
             *result = kBlack;
             return {true, miFALSE};
         }
-        const miInstance *inst = instance_rec(h.instance);
+        const miInstance *inst = instance_record(h.instance);
         return {true, call_color(inst ? inst->material : 0, result, s)};
     }
     s->instance = 0;
@@ -201,21 +175,6 @@ miBoolean trace_secondary(miColor *result, miState *state, const miVector *dir, 
     return miTRUE;
 }
 
-/* ---- light sampling loops: one position per (calling state, light) */
-
-struct LightLoop {
-    const miState *state;
-    miTag light;
-    int next;      /* next sample index */
-    int count;     /* samples of this loop */
-    miVector org;  /* the point the loop samples for */
-};
-
-/* A state belongs to one thread, so its loops live in thread-local storage. */
-thread_local std::vector<LightLoop> light_loops;
-constexpr size_t kMaxLoops = 256;
-
-bool same(const miVector &a, const miVector &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
 /* Restores the fields of a light state that the shadow walk replaces by an
    occluder's, on every path out. */
@@ -253,6 +212,29 @@ struct OccluderSwap {
 
 } // namespace
 
+namespace rt {
+
+/* Call a colour-returning shader into `out` through a buffer large enough
+   for the shader's declared result. */
+miBoolean call_color(miTag fn, miColor *out, miState *state)
+{
+    *out = kBlack;
+    if (!fn)
+        return miFALSE;
+    miFunction *f = function_record(fn);
+    if (f && f->result_size > static_cast<int>(kResultBytes)) {
+        log_message(Level::Error, "shader " + std::string(f->name ? f->name : "?") + " returns " +
+                                      std::to_string(f->result_size) + " bytes, more than a traced ray can take");
+        return miFALSE;
+    }
+    alignas(16) unsigned char buf[kResultBytes] = {};
+    const miBoolean ok = call_function(fn, buf, state);
+    std::memcpy(out, buf, sizeof(miColor));
+    return ok;
+}
+
+} // namespace rt
+
 /* ================================================================ queries */
 
 bool trace_query(int code, miState *state, miTag tag, void *result)
@@ -260,7 +242,7 @@ bool trace_query(int code, miState *state, miTag tag, void *result)
     switch (code) {
     case miQ_INST_GLOBAL_TO_LOCAL: {
         /* the tag names the instance; without one, the state's instance */
-        const miInstance *inst = instance_rec(tag ? tag : (state ? state->instance : 0));
+        const miInstance *inst = instance_record(tag ? tag : (state ? state->instance : 0));
         if (!inst)
             return false;
         miScalar *m = const_cast<miScalar *>(inst->global_to_local);
@@ -316,63 +298,6 @@ bool trace_query(int code, miState *state, miTag tag, void *result)
 void Context::set_scene(const Scene *scene) { impl_->scene = scene; }
 const Scene *Context::scene() const { return impl_->scene; }
 void Context::set_environment(miTag fn) { impl_->environment = fn; }
-const std::vector<miTag> &Context::lights() const { return impl_->lights; }
-
-namespace {
-
-miTag make_light(Context::Impl &m, const miLight &light, const miMatrix l2g, miTag param)
-{
-    miTag ltag = db_create(miSCENE_LIGHT, sizeof(miLight));
-    *static_cast<miLight *>(db_data(ltag)) = light;
-    miTag itag = db_create(miSCENE_INSTANCE, sizeof(miInstance));
-    miInstance *inst = static_cast<miInstance *>(db_data(itag));
-    inst->item = ltag;
-    inst->param = param;
-    std::memcpy(inst->local_to_global, l2g, sizeof(miMatrix));
-    if (!invert_matrix(l2g, inst->global_to_local)) {
-        error("light transform is singular; its inverse is left as identity");
-        for (int i = 0; i < 16; ++i)
-            inst->global_to_local[i] = (i % 5 == 0) ? 1.0f : 0.0f;
-    }
-    m.owned_items.push_back(ltag);
-    m.owned_items.push_back(itag);
-    m.lights.push_back(itag);
-    return itag;
-}
-
-} // namespace
-
-miTag Context::add_point_light(const miVector &position, miTag shader, miTag param)
-{
-    miLight l{};
-    l.shader = shader;
-    l.area = 0;
-    l.samples = 1;
-    l.shadow = miTRUE;
-    const miMatrix l2g = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, position.x, position.y, position.z, 1};
-    return make_light(*impl_, l, l2g, param);
-}
-
-/* The light's local space has the rectangle as the square -1 < x, y < 1 at
-   z = 0: its x and y axes are the half edges, z their unit normal, the
-   origin the centre.  Fewer than one sample counts as one. */
-miTag Context::add_rect_light(const miVector &center, const miVector &half_u, const miVector &half_v, int samples,
-                              miTag shader, miTag param)
-{
-    miLight l{};
-    l.shader = shader;
-    l.area = 1;
-    l.edge_u = {1, 0, 0};
-    l.edge_v = {0, 1, 0};
-    l.samples = samples > 0 ? samples : 1;
-    l.shadow = miTRUE;
-    miVector n = normalized(cross(half_u, half_v));
-    if (dot(n, n) == 0.0f)
-        error("add_rect_light: the half edges do not span a rectangle");
-    const miMatrix l2g = {half_u.x, half_u.y, half_u.z, 0, half_v.x, half_v.y, half_v.z, 0,
-                          n.x,      n.y,      n.z,      0, center.x, center.y, center.z, 1};
-    return make_light(*impl_, l, l2g, param);
-}
 
 std::vector<miIrrad_options> Context::irradiance_calls() const
 {
@@ -451,7 +376,7 @@ miBoolean mi_trace_shadow(miColor *filter, miState *state)
         error("mi_trace_shadow: null argument");
         return miFALSE;
     }
-    if (const miLight *l = light_rec(instance_rec(state->light_instance)))
+    if (const miLight *l = light_record(instance_record(state->light_instance)))
         if (!l->shadow)
             return miTRUE;
     const Scene *scene = scene_of(state);
@@ -465,7 +390,7 @@ miBoolean mi_trace_shadow(miColor *filter, miState *state)
         if (!scene->intersect(org, dir, t0, tmax, h))
             break;
         t0 = std::max(h.dist, t0) + kRayEps; /* always onwards */
-        const miInstance *inst = instance_rec(h.instance);
+        const miInstance *inst = instance_record(h.instance);
         const miTag shadow = inst ? inst->shadow : 0;
         if (!shadow) {
             *filter = kBlack; /* opaque */
@@ -504,137 +429,6 @@ miBoolean mi_call_shader_x(miColor *result, int type, miState *state, miTag shad
     if (!shader || !state)
         return miFALSE;
     return call_function(shader, result, state, arg);
-}
-
-/*
- * The usual loop:  while (mi_sample_light(&c, &d, &dot_nl, state, light, &n)) {...}
- * Each call takes the next sample of `light_inst` for `state`; a sample whose
- * light shader returns miFALSE is skipped.  After the last sample *samples is
- * the number of samples taken and the loop ends with miFALSE.  The loop
- * position is kept per (state, light) on the calling thread; a loop left
- * early starts over when it is next entered for another point.
- */
-miBoolean mi_sample_light(miColor *color, miVector *dir, miScalar *dot_nl, miState *state, miTag light_inst,
-                          miInteger *samples)
-{
-    if (!state) {
-        error("mi_sample_light: null state");
-        return miFALSE;
-    }
-    const miInstance *inst = instance_rec(light_inst);
-    const miLight *light = light_rec(inst);
-    if (!light) {
-        error("mi_sample_light: " + std::to_string(light_inst) + " is not a light instance");
-        if (samples)
-            *samples = 0;
-        return miFALSE;
-    }
-    auto &loops = light_loops;
-    auto it = std::find_if(loops.begin(), loops.end(),
-                           [&](const LightLoop &l) { return l.state == state && l.light == light_inst; });
-    if (it != loops.end() && !same(it->org, state->point))
-        it->next = 0, it->count = 0; /* abandoned loop: start over */
-    if (it == loops.end()) {
-        if (loops.size() >= kMaxLoops)
-            loops.erase(loops.begin());
-        loops.push_back(LightLoop{state, light_inst, 0, 0, state->point});
-        it = loops.end() - 1;
-    }
-    if (it->count == 0) {
-        it->count = light->area == 1 ? std::max(light->samples, 1) : 1;
-        it->org = state->point;
-        if (!light->shader)
-            error("mi_sample_light: light instance " + std::to_string(light_inst) + " has no light shader");
-    }
-    while (it->next < it->count) {
-        const int k = it->next++;
-        miVector local = light->origin;
-        if (light->area == 1) {
-            double uv[2] = {0.5, 0.5};
-            int idx = k;
-            mi_sample(uv, &idx, state, 2, nullptr);
-            const float su = float(2.0 * uv[0] - 1.0), sv = float(2.0 * uv[1] - 1.0);
-            local = {local.x + su * light->edge_u.x + sv * light->edge_v.x,
-                     local.y + su * light->edge_u.y + sv * light->edge_v.y,
-                     local.z + su * light->edge_u.z + sv * light->edge_v.z};
-        }
-        miVector pos;
-        mi_point_transform(&pos, &local, inst->local_to_global);
-
-        miState *c = child_state(state);
-        c->type = miRAY_LIGHT;
-        c->light_instance = light_inst;
-        c->org = state->point;
-        c->point = pos;
-        const miVector d = {pos.x - c->org.x, pos.y - c->org.y, pos.z - c->org.z};
-        c->dist = std::sqrt(double(d.x) * d.x + double(d.y) * d.y + double(d.z) * d.z);
-        c->dir = normalized(d);
-        c->normal = state->normal;
-        c->dot_nd = dot(c->dir, state->normal);
-        miColor col;
-        /* the shader may run nested loops (other states): `it` may move */
-        const miState *key_state = state;
-        if (call_color(light->shader, &col, c)) {
-            if (color)
-                *color = col;
-            if (dir)
-                *dir = c->dir;
-            if (dot_nl)
-                *dot_nl = dot(c->dir, state->normal);
-            if (samples)
-                *samples = k + 1;
-            return miTRUE;
-        }
-        it = std::find_if(loops.begin(), loops.end(),
-                          [&](const LightLoop &l) { return l.state == key_state && l.light == light_inst; });
-        if (it == loops.end())
-            break; /* the loop was ended from inside the shader */
-    }
-    int taken = 0;
-    if (it != loops.end()) {
-        taken = it->count;
-        loops.erase(it);
-    }
-    if (samples)
-        *samples = taken;
-    if (color)
-        *color = kBlack;
-    return miFALSE;
-}
-
-/* The state's instance's own light list (a data item: int count, then the
-   light instance tags) when it has one, else every light of the render. */
-void mi_instance_lightlist(int *n, miTag **lights, miState *state)
-{
-    if (!n || !lights)
-        return;
-    *n = 0;
-    *lights = nullptr;
-    const miInstance *inst = instance_rec(state ? state->instance : 0);
-    if (inst && inst->light_list) {
-        const size_t size = db_size(inst->light_list);
-        unsigned char *data = static_cast<unsigned char *>(db_data(inst->light_list));
-        if (mi_db_type(inst->light_list) != miSCENE_DATA || size < sizeof(int)) {
-            error("mi_instance_lightlist: light list " + std::to_string(inst->light_list) + " is not a data item");
-            return;
-        }
-        int count;
-        std::memcpy(&count, data, sizeof count);
-        const size_t room = (size - sizeof(int)) / sizeof(miTag);
-        if (count < 0 || static_cast<size_t>(count) > room) {
-            error("mi_instance_lightlist: light list " + std::to_string(inst->light_list) + " claims " +
-                  std::to_string(count) + " lights but holds " + std::to_string(room));
-            count = count < 0 ? 0 : static_cast<int>(room);
-        }
-        *n = count;
-        *lights = count ? reinterpret_cast<miTag *>(data + sizeof(int)) : nullptr;
-        return;
-    }
-    Context::Impl *impl = impl_of(state);
-    if (impl && !impl->lights.empty()) {
-        *n = static_cast<int>(impl->lights.size());
-        *lights = impl->lights.data();
-    }
 }
 
 /*

@@ -444,6 +444,45 @@ TEST_F(LightLoop, LightSetUpOutsideTheProtocolAndWithoutEntries)
     EXPECT_EQ(mirt::messages().size(), 2u);
 }
 
+TEST_F(LightLoop, MasksReadFromTheSampleCacheMatchTheText)
+{
+    // A light and an occluder with the same mask, on 20 and on 70 shadowed
+    // passes: the first call in a sample reads the text, the later ones take
+    // the decoded copy, calls after the sample read the text again; every
+    // way gives each entry what contributesToPass says of the text.
+    const char *const text = "0123456789abcdefF7A";
+    for (int count : {20, 70}) {
+        mirt::reset();
+        std::vector<P> ps(static_cast<size_t>(count), P{0, {8}});
+        Rig r(passes(ps));
+        ASSERT_EQ(r.n, static_cast<miUint>(count));
+        const Mask mask = makeMask(text);
+        const miTag inst = makeInstance(mask.data);
+        r.st->light_instance = inst;
+        r.st->instance = inst;
+        const miColor opaque{0, 0, 0, 0};
+        for (int round = 0; round < 3; ++round) {
+            if (round == 2)
+                r.ctx.end_sample(r.st, miTRUE);
+            for (miUint i = 0; i < r.n; ++i)
+                r.e[i].flags ^= FBINFO_LIGHT_CONTRIBUTES; // set-up must decide every bit
+            setupLightContributions(r.n, r.e, r.st);
+            for (miUint i = 0; i < r.n; ++i) {
+                const bool lit = contributesToPass(static_cast<int>(i), text) != 0;
+                EXPECT_EQ(has(r.e[i], FBINFO_LIGHT_CONTRIBUTES), lit) << count << " " << round << " " << i;
+                r.e[i].flags |= FBINFO_LIGHT_CONTRIBUTES;
+                r.e[i].shadow = WHITE;
+            }
+            applyShadowTransparencyToFrameBuffers(r.n, r.e, &opaque, miFALSE, r.st);
+            for (miUint i = 0; i < r.n; ++i) {
+                const float kept = contributesToPass(static_cast<int>(i), text) ? 0.0f : 1.0f;
+                expectColor(r.e[i].shadow, kept, kept, kept, kept, 1e-6f);
+            }
+        }
+        EXPECT_EQ(mirt::db_access_count(mask.text), 3u); // once in the sample, twice after it
+    }
+}
+
 /* ================================================================ whole light loops
  * A receiver plane at z = 0 whose material runs the light loop; a
  * semi-transparent occluder (1 x 1 at z = 1, transparency tr = (0.5, 0.25,
