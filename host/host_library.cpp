@@ -1,5 +1,5 @@
 /*
- * libdruxhostshaders.so: the host's shaders (shaders.cpp) as a shader
+ * libdruxhostshaders.so: the host's shaders (material.cpp, shaders.cpp) as a shader
  * library.  Its declaration table names every shader; their parameter
  * blocks are the records of shaders.h, filled by druxrender's built-in
  * commands through druxhost_builtin_shaders.

@@ -3,7 +3,7 @@
  * camera, options, environment, texture, material and light its name, type,
  * default, range and field.  One table drives the defaults of a fresh description,
  * parsing and writing (scene_format.cpp), validation (scene.cpp) and, for
- * materials, the shader's parameter block (shaders.cpp).  A new material key
+ * materials, the shader's parameter block (material.cpp).  A new material key
  * is one row here plus its use in the shader.
  */
 #ifndef DRUXHOST_SCENE_KEYS_H

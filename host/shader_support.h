@@ -1,0 +1,151 @@
+/*
+ * What the host shaders share: parameter evaluation through connections,
+ * pass roles, the frame-buffer entries at the state's depth and the
+ * frame-buffer info of the material call in progress (which the light and
+ * shadow shaders under it reuse).
+ */
+#ifndef DRUXHOST_SHADER_SUPPORT_H
+#define DRUXHOST_SHADER_SUPPORT_H
+
+#include "DruxShaderSDK.h"
+#include "scene.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace druxhost {
+namespace shading {
+
+/* A parameter's value, evaluated when it is connected to another shader
+   (the renderer's convention: a connection word follows every parameter
+   word at the shader's ghost offset). */
+template <class T> T param(miState *state, const T *p)
+{
+    const miFunction *f = state ? state->shader : nullptr;
+    if (f && f->has_connections) {
+        miTag word;
+        std::memcpy(&word, reinterpret_cast<const char *>(p) + f->ghost_offs, sizeof word);
+        if (word != 0 && word != miPARAM_UNCONNECTED)
+            return *static_cast<const T *>(mi_phen_eval(state, const_cast<T *>(p)));
+    }
+    return *p;
+}
+
+inline PassRole roleOf(const FrameBufferInfo &e) { return static_cast<PassRole>(e.hostData[0]); }
+
+inline float clamp01(float v) { return v < 0.0f ? 0.0f : (v > 1.0f ? 1.0f : v); }
+
+/* The light blocked to transmission t: (1 - t) * shadowColor + t * light. */
+inline miColor shadowed(const miColor &light, const miColor &shadowColor, const miColor &t)
+{
+    return miColor{(1.0f - t.r) * shadowColor.r + t.r * light.r, (1.0f - t.g) * shadowColor.g + t.g * light.g,
+                   (1.0f - t.b) * shadowColor.b + t.b * light.b, 1.0f};
+}
+
+/* The pass entries of this state at the state's depth; none when the
+   machinery is off or the depth has no slot. */
+struct Entries {
+    miUint n = 0;
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    int depth = 0;
+};
+
+/* The frame-buffer info of the material call in progress on this thread.
+   The light and shadow shaders that run under it (from the light loop and
+   the shadow rays it traces) share its shader-state store, and the entries
+   do not change while it runs, so they take the material's info instead of
+   asking the library again on every light sample and occluder.  Another
+   store (or no material running) asks the library. */
+struct FrameBufferInfoCall {
+    const void *store = nullptr; /* null: no material call in progress */
+    miUint n = 0;
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    BaseShaderState *bs = nullptr;
+};
+inline thread_local FrameBufferInfoCall tlsMaterialInfo;
+
+inline bool sameStore(const miState *state)
+{
+    return tlsMaterialInfo.store && state && static_cast<const void *>(state->shaderstate) == tlsMaterialInfo.store;
+}
+
+/* getFrameBufferInfo, answered from the running material call when it can. */
+inline miUint frameBufferInfo(miState *state, PassTypeInfo **types, FrameBufferInfo **e)
+{
+    if (sameStore(state)) {
+        *types = tlsMaterialInfo.types;
+        *e = tlsMaterialInfo.e;
+        return tlsMaterialInfo.n;
+    }
+    return getFrameBufferInfo(state, types, e);
+}
+
+/* The host's per-thread record, answered the same way. */
+inline BaseShaderState *baseState(miState *state)
+{
+    if (sameStore(state))
+        return tlsMaterialInfo.bs;
+    return static_cast<BaseShaderState *>(mi_shaderstate_get(state, KELU_BASE_STATE_KEY, nullptr));
+}
+
+/* Publishes a material call's info for the shaders under it; the previous
+   one (an enclosing material of a reflected or refracted ray) comes back on
+   scope exit. */
+struct MaterialInfoScope {
+    FrameBufferInfoCall saved;
+    MaterialInfoScope(const miState *state, miUint n, PassTypeInfo *types, FrameBufferInfo *e, BaseShaderState *bs)
+        : saved(tlsMaterialInfo)
+    {
+        tlsMaterialInfo.store = state->shaderstate;
+        tlsMaterialInfo.n = n;
+        tlsMaterialInfo.types = types;
+        tlsMaterialInfo.e = e;
+        tlsMaterialInfo.bs = bs;
+    }
+    ~MaterialInfoScope() { tlsMaterialInfo = saved; }
+    MaterialInfoScope(const MaterialInfoScope &) = delete;
+    MaterialInfoScope &operator=(const MaterialInfoScope &) = delete;
+};
+
+/* The entries at the state's depth from info already read (n, types, e). */
+inline Entries entriesAtDepth(miState *state, miUint n, PassTypeInfo *types, FrameBufferInfo *e)
+{
+    Entries r;
+    r.n = n;
+    r.types = types;
+    r.e = e;
+    r.depth = state->reflection_level + state->refraction_level;
+    const int limit = state->options ? state->options->trace_depth : 0;
+    /* every entry has trace-depth limit + 2 slots, as many as the state
+       set-up recorded in the entry (the limit may have been raised since) */
+    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1 ||
+        (r.e[0].depthSlots != 0 && static_cast<miUint>(r.depth) >= r.e[0].depthSlots)) {
+        r.n = 0;
+        r.types = nullptr;
+        r.e = nullptr;
+    }
+    return r;
+}
+
+inline Entries entriesAtDepth(miState *state)
+{
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    const miUint n = frameBufferInfo(state, &types, &e);
+    return entriesAtDepth(state, n, types, e);
+}
+
+inline float lightFalloff(const miState *state, int quadratic)
+{
+    if (!quadratic)
+        return 1.0f;
+    const double d2 = state->dist * state->dist;
+    return static_cast<float>(1.0 / std::max(d2, 1e-12));
+}
+
+} // namespace shading
+} // namespace druxhost
+
+#endif
