@@ -39,6 +39,7 @@ template <class T> T at(const void *p, size_t off)
 using mirt::dot;
 using mirt::length;
 
+
 /* Rows are the images of the axes, the last row the translation. */
 void setMatrix(InstanceDesc &d, miVector x, miVector y, miVector z, miVector t)
 {
