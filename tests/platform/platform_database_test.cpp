@@ -6,14 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 

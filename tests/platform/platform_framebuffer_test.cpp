@@ -1,21 +1,11 @@
 // The renderer runtime core. Frame buffers and the shader interface.
 #include "runtime.h"
-#include "expect_values.h"
 #include "runtime_fixture.h"
 #include "runtime_internal.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 

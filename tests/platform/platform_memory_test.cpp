@@ -6,11 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <set>
 #include <string>

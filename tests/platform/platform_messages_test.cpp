@@ -1,17 +1,10 @@
 // The renderer runtime core. Messages: formatting, capture, fatal errors, several threads.
 #include "runtime.h"
-#include "expect_values.h"
 #include "runtime_fixture.h"
 #include "runtime_internal.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <set>
 #include <string>
 #include <thread>

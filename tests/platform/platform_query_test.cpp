@@ -6,17 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
-
 namespace {
 
 class Core : public RuntimeTest {};

@@ -8,13 +8,8 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <set>
-#include <string>
-#include <thread>
 #include <vector>
 
 namespace {
