@@ -1,5 +1,7 @@
 #include "obj_loader.h"
 
+#include "text_lines.h"
+
 #include <tiny_obj_loader.h>
 
 #include <cerrno>
@@ -118,16 +120,12 @@ void check(const std::string &text, const std::string &path)
 {
     long counts[3] = {0, 0, 0}; /* v, vt, vn */
     std::vector<ObjFace> faces;
-    std::istringstream in(text);
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-        ++n;
+    forEachLine(text, [&](const std::string &line, int n) {
         if (!line.empty() && line.back() == '\\')
             throw ObjError(path, n, "continued lines are not supported");
         const std::vector<std::string> w = words(line);
         if (w.empty())
-            continue;
+            return;
         if (w[0] == "v") {
             checkNumbers(w, 3, 7, "a vertex", path, n); /* x y z [w] or x y z r g b */
             ++counts[0];
@@ -144,7 +142,7 @@ void check(const std::string &text, const std::string &path)
             for (const std::string &c : faces.back().corners) /* relative indices count back from this line */
                 checkCorner(c, counts, path, n);
         }
-    }
+    });
     checkForwardIndices(faces, counts, path);
     if (counts[0] == 0 || faces.empty())
         throw ObjError(path, 0, "no vertices or no faces");
