@@ -12,6 +12,8 @@
 
 #include "shaders.h"
 
+#include <atomic>
+
 namespace druxhost {
 
 struct BuiltinShaders {
@@ -27,6 +29,15 @@ struct BuiltinShaders {
 
 using BuiltinShadersFn = const BuiltinShaders *(*)();
 #define DRUXHOST_BUILTIN_SYMBOL "druxhost_builtin_shaders"
+
+/* Where a shader library's code reports the library calls it makes while a
+   pixel sample is replayed with a trace: the library exports
+   `druxhost_call_trace`, returning its hook; druxrender stores its recorder
+   there for the replay and clears it after.  Empty, a call costs one load
+   and one branch. */
+using CallTraceFn = void (*)(const char *call);
+using CallTraceHookFn = std::atomic<CallTraceFn> *(*)();
+#define DRUXHOST_CALL_TRACE_SYMBOL "druxhost_call_trace"
 
 } // namespace druxhost
 

@@ -6,6 +6,7 @@
  */
 #include "builtin_shaders.h"
 #include "shader_library.h"
+#include "shader_support.h"
 
 namespace {
 
@@ -42,3 +43,5 @@ const druxhost::BuiltinShaders kBuiltins = {
 DRUX_SHADER_LIBRARY(kShaders)
 
 DRUX_SHADER_EXPORT const druxhost::BuiltinShaders *druxhost_builtin_shaders() { return &kBuiltins; }
+
+DRUX_SHADER_EXPORT std::atomic<druxhost::CallTraceFn> *druxhost_call_trace() { return &druxhost::shading::callTrace; }

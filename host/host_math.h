@@ -49,23 +49,19 @@ inline Matrix multiply(const Matrix &a, const Matrix &b)
     return r;
 }
 
-inline Matrix translation(const miVector &t)
+/* The identity with v's x, y, z at elements i, i + step, i + 2 step. */
+inline Matrix identityWith(int i, int step, const miVector &v)
 {
     Matrix m = identity();
-    m[12] = t.x;
-    m[13] = t.y;
-    m[14] = t.z;
+    m[size_t(i)] = v.x;
+    m[size_t(i + step)] = v.y;
+    m[size_t(i + 2 * step)] = v.z;
     return m;
 }
 
-inline Matrix scaling(const miVector &s)
-{
-    Matrix m = identity();
-    m[0] = s.x;
-    m[5] = s.y;
-    m[10] = s.z;
-    return m;
-}
+inline Matrix translation(const miVector &t) { return identityWith(12, 1, t); }
+
+inline Matrix scaling(const miVector &s) { return identityWith(0, 5, s); }
 
 /* Rotation by `degrees` about the x (0), y (1) or z (2) axis, counter-clockwise
    when looking down the axis towards the origin. */

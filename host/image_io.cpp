@@ -127,23 +127,54 @@ unsigned char srgbByte(float v)
     return static_cast<unsigned char>(std::lround(s * 255.0f));
 }
 
+namespace {
+
+/* A PNG file open for reading or writing with its libpng structures, all
+   released on every way out.  libpng reports errors by longjmp to the
+   setjmp of the function using the file, which throws. */
+struct PngFile {
+    bool writing;
+    std::unique_ptr<FILE, FileCloser> f;
+    png_structp png = nullptr;
+    png_infop info = nullptr;
+
+    PngFile(const std::string &path, bool write) : writing(write), f(std::fopen(path.c_str(), write ? "wb" : "rb"))
+    {
+        const std::string cannot = std::string(write ? "cannot write " : "cannot read ") + path;
+        if (!f)
+            throw std::runtime_error(cannot);
+        png = write ? png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr)
+                    : png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+        info = png ? png_create_info_struct(png) : nullptr;
+        if (!png || !info) {
+            release();
+            throw std::runtime_error(cannot + ": libpng set-up failed");
+        }
+        png_init_io(png, f.get());
+    }
+    ~PngFile() { release(); }
+    PngFile(const PngFile &) = delete;
+    PngFile &operator=(const PngFile &) = delete;
+
+    void release()
+    {
+        if (writing)
+            png_destroy_write_struct(&png, &info);
+        else
+            png_destroy_read_struct(&png, &info, nullptr);
+    }
+};
+
+} // namespace
+
 void writePng(const std::string &path, const Image &image)
 {
-    std::unique_ptr<FILE, FileCloser> f(std::fopen(path.c_str(), "wb"));
-    if (!f)
-        throw std::runtime_error("cannot write " + path);
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    if (!png || !info) {
-        png_destroy_write_struct(&png, &info);
-        throw std::runtime_error("cannot write " + path + ": libpng set-up failed");
-    }
+    PngFile file(path, true);
+    png_structp png = file.png;
+    png_infop info = file.info;
     std::vector<unsigned char> row(static_cast<size_t>(image.width) * 3);
-    if (setjmp(png_jmpbuf(png))) {
-        png_destroy_write_struct(&png, &info);
+    if (setjmp(png_jmpbuf(png)))
         throw std::runtime_error("cannot write " + path + ": libpng error");
-    }
-    png_init_io(png, f.get());
     /* previews: fast compression (a render writes one per pass) */
     png_set_compression_level(png, 1);
     png_set_IHDR(png, info, static_cast<png_uint_32>(image.width), static_cast<png_uint_32>(image.height), 8,
@@ -160,38 +191,25 @@ void writePng(const std::string &path, const Image &image)
         png_write_row(png, row.data());
     }
     png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
 }
 
 std::vector<unsigned char> readPng(const std::string &path, int &width, int &height)
 {
-    std::unique_ptr<FILE, FileCloser> f(std::fopen(path.c_str(), "rb"));
-    if (!f)
-        throw std::runtime_error("cannot read " + path);
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    if (!png || !info) {
-        png_destroy_read_struct(&png, &info, nullptr);
-        throw std::runtime_error("cannot read " + path + ": libpng set-up failed");
-    }
+    PngFile file(path, false);
+    png_structp png = file.png;
+    png_infop info = file.info;
     std::vector<unsigned char> pixels;
-    if (setjmp(png_jmpbuf(png))) {
-        png_destroy_read_struct(&png, &info, nullptr);
+    if (setjmp(png_jmpbuf(png)))
         throw std::runtime_error("cannot read " + path + ": not a PNG this reader understands");
-    }
-    png_init_io(png, f.get());
     png_read_info(png, info);
-    if (png_get_color_type(png, info) != PNG_COLOR_TYPE_RGB || png_get_bit_depth(png, info) != 8) {
-        png_destroy_read_struct(&png, &info, nullptr);
+    if (png_get_color_type(png, info) != PNG_COLOR_TYPE_RGB || png_get_bit_depth(png, info) != 8)
         throw std::runtime_error("cannot read " + path + ": not 8-bit RGB");
-    }
     width = static_cast<int>(png_get_image_width(png, info));
     height = static_cast<int>(png_get_image_height(png, info));
     pixels.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 3);
     for (int y = 0; y < height; ++y)
         png_read_row(png, pixels.data() + static_cast<size_t>(y) * static_cast<size_t>(width) * 3, nullptr);
     png_read_end(png, nullptr);
-    png_destroy_read_struct(&png, &info, nullptr);
     return pixels;
 }
 

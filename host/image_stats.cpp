@@ -1,5 +1,7 @@
 #include "image_stats.h"
 
+#include "text_lines.h"
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -59,13 +61,9 @@ std::string formatStats(const std::vector<LayerStats> &stats)
 std::vector<LayerStats> parseStats(const std::string &text)
 {
     std::vector<LayerStats> out;
-    std::istringstream in(text);
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-        ++n;
+    forEachLine(text, [&out](const std::string &line, int n) {
         if (line.empty() || line[0] == '#')
-            continue;
+            return;
         std::istringstream ls(line);
         LayerStats s;
         std::string hash;
@@ -73,7 +71,7 @@ std::vector<LayerStats> parseStats(const std::string &text)
             throw std::runtime_error("image statistics line " + std::to_string(n) + " is malformed");
         s.hash = std::stoull(hash, nullptr, 16);
         out.push_back(s);
-    }
+    });
     return out;
 }
 

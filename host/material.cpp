@@ -137,15 +137,15 @@ void bumpNormal(miState *state, MaterialParams *p)
     if (bump == 0.0f)
         return;
     miVector du, dv;
-    get_derivs(state, &du, &dv, DRUX_SPACE_INTERNAL, 0);
+    DRUX_CALL(get_derivs)(state, &du, &dv, DRUX_SPACE_INTERNAL, 0);
     du = normalized(du);
     dv = normalized(dv);
     const float s = param(state, &p->bumpScale), h = 0.01f;
     const miVector q = mul(state->point, s);
-    const float n0 = noise_gradient_3d(q.x, q.y, q.z);
+    const float n0 = DRUX_CALL(noise_gradient_3d)(q.x, q.y, q.z);
     const miVector qu = add(q, mul(du, h)), qv = add(q, mul(dv, h));
-    const float gu = (noise_gradient_3d(qu.x, qu.y, qu.z) - n0) / h;
-    const float gv = (noise_gradient_3d(qv.x, qv.y, qv.z) - n0) / h;
+    const float gu = (DRUX_CALL(noise_gradient_3d)(qu.x, qu.y, qu.z) - n0) / h;
+    const float gv = (DRUX_CALL(noise_gradient_3d)(qv.x, qv.y, qv.z) - n0) / h;
     miVector nb = normalized(sub(state->normal, mul(add(mul(du, gu), mul(dv, gv)), bump)));
     if (dot(nb, state->dir) < 0.0f) { /* keep facing the viewer */
         state->normal = nb;
@@ -201,7 +201,7 @@ int sampleLight(const MaterialCall &c, const Highlight &h, miTag light, miColor 
         /* a light that did not set up its contributions knows nothing of
            passes: route its colour; it brings no shadow pass of its own */
         const bool unaware = n && (e[0].flags & FBINFO_LIGHT_SETUP_PENDING);
-        handleNonDruxLights(n, e, &col, light, state);
+        DRUX_CALL(handleNonDruxLights)(n, e, &col, light, state);
         if (unaware)
             for (miUint i = 0; i < n; ++i)
                 if (e[i].flags & FBINFO_SHADOW_PASS)
@@ -209,15 +209,15 @@ int sampleLight(const MaterialCall &c, const Highlight &h, miTag light, miColor 
 
         float wd = dotNL > 0.0f ? c.kd * dotNL : 0.0f;
         if (c.translucence != 0.0f) /* light from behind the surface */
-            wd += compute_lambert_translucence(state, &L, c.bs ? c.bs->lightData.corners : nullptr, -dotNL,
+            wd += DRUX_CALL(compute_lambert_translucence)(state, &L, c.bs ? c.bs->lightData.corners : nullptr, -dotNL,
                                                c.translucence, c.focus, c.wrap);
         float ws = 0.0f;
         if (dotNL > 0.0f) {
             if (h.model == static_cast<int>(SpecularModel::Blinn)) {
                 if (-c.dotND > 0.0f)
-                    ws = compute_blinn_specular(&L, &c.N, state, dotNL, -c.dotND, h.ecc, h.rolloff, h.secondary);
+                    ws = DRUX_CALL(compute_blinn_specular)(&L, &c.N, state, dotNL, -c.dotND, h.ecc, h.rolloff, h.secondary);
             } else {
-                ws = compute_phong_specular(&c.R, &L, state, h.exponent, h.secondary);
+                ws = DRUX_CALL(compute_phong_specular)(&c.R, &L, state, h.exponent, h.secondary);
             }
         }
         const miColor &Lb = c.beauty >= 0 ? e[c.beauty].light : col;
@@ -252,10 +252,10 @@ void lightLoop(const MaterialCall &c, MaterialLight &out)
     for (int k = 0; k < nLights; ++k) {
         if (c.bs)
             c.bs->lightData = defaultLightDataArray;
-        sampleLightBegin(c.en.n, c.en.e);
+        DRUX_CALL(sampleLightBegin)(c.en.n, c.en.e);
         miColor dsum = BLACK, ssum = BLACK;
         const int samples = sampleLight(c, h, lights[k], dsum, ssum);
-        sampleLightEnd(state, c.en.n, c.en.e, samples, &mode, &useScale, &scale);
+        DRUX_CALL(sampleLightEnd)(state, c.en.n, c.en.e, samples, &mode, &useScale, &scale);
         if (samples > 0) {
             const float w = 1.0f / static_cast<float>(samples);
             out.diffuse.r += dsum.r * w;
@@ -276,13 +276,13 @@ void secondaryRays(MaterialCall &c, MaterialLight &out)
     MaterialParams *p = c.p;
     const int n = static_cast<int>(c.en.n), d = c.en.depth;
     if (!c.gatherRay && d == 0 && param(state, &p->indirect) && state->options && state->options->finalgather)
-        compute_irradiance(&out.indirect, &p->irradianceTint, &c.dcol, &c.tr, &p->irradiance, state, c.kd, 1.0f);
+        DRUX_CALL(compute_irradiance)(&out.indirect, &p->irradianceTint, &c.dcol, &c.tr, &p->irradiance, state, c.kd, 1.0f);
 
     const float reflectivity = param(state, &p->reflectivity);
     if (!c.gatherRay && reflectivity > 0.0f) {
         const miColor rc = param(state, &p->reflectColor);
         miColor r;
-        compute_reflection(&r, &rc, &p->reflectedColor, &p->reflectionLimit, &p->reflectBlur, &p->reflectBlurLimit,
+        DRUX_CALL(compute_reflection)(&r, &rc, &p->reflectedColor, &p->reflectionLimit, &p->reflectBlur, &p->reflectBlurLimit,
                            &p->reflectRays, 0, &c.N, state, n, c.en.e, c.en.types, &kOne, reflectivity, 1.0f,
                            c.dotND);
         out.refl = miColor{reflectivity * rc.r * r.r, reflectivity * rc.g * r.g, reflectivity * rc.b * r.b, 0.0f};
@@ -292,7 +292,7 @@ void secondaryRays(MaterialCall &c, MaterialLight &out)
         const float ior = state->ior;
         const miTag volume = state->refraction_volume;
         miColor transmission;
-        compute_refraction(&out.refr, &transmission, &p->refractionLimit, &p->ior, 1, &c.tr, 0, &p->refractBlur,
+        DRUX_CALL(compute_refraction)(&out.refr, &transmission, &p->refractionLimit, &p->ior, 1, &c.tr, 0, &p->refractBlur,
                            &p->refractBlurLimit, &p->refractRays, &p->thickness, &p->fadeDistance, &p->absorbance,
                            &p->chromatic, &c.N, state, n, c.en.e, c.en.types, &kOne, c.dotND);
         /* the refracted rays have taken the new index with them */
@@ -309,7 +309,7 @@ void secondaryRays(MaterialCall &c, MaterialLight &out)
         param(state, &p->scatterRadius) > 0.0f) {
         const miUint qmc = state->qmc_offset;
         state->qmc_offset = 0x9E3779B9u;
-        compute_scatter(&out.scatter, &p->scatterScale, &p->scatterRadius, &p->scatterSamples, &p->scatterFalloff,
+        DRUX_CALL(compute_scatter)(&out.scatter, &p->scatterScale, &p->scatterRadius, &p->scatterSamples, &p->scatterFalloff,
                         &p->scatterMaxDepth, &p->scatterCache, &p->scatterDiffuse, &p->diffuse, &p->translucence,
                         &p->focus, &p->wrap, &p->normalOverride, &p->irradiance, &p->irradianceTint, state,
                         p->scatterList);
@@ -322,7 +322,7 @@ void secondaryRays(MaterialCall &c, MaterialLight &out)
 miColor compositeColour(const MaterialCall &c, MaterialLight &l)
 {
     BaseComposite bc;
-    bc_construct(&bc, 0, c.state);
+    DRUX_CALL(bc_construct)(&bc, 0, c.state);
     BaseCompositeResult composite;
     std::memset(&composite, 0, sizeof composite);
     composite.transparency[0] = c.tr.r;
@@ -331,7 +331,7 @@ miColor compositeColour(const MaterialCall &c, MaterialLight &l)
     const miColor cd[2] = {BLACK, BLACK};
     const miColor ce[2] = {l.refr, BLACK};
     miColor tr = c.tr;
-    bc_composite(bc, &composite, &l.spec, &l.refl, &l.diffuse, cd, ce, &l.scatter, &BLACK, &l.indirect, &tr, 0, 2,
+    DRUX_CALL(bc_composite)(bc, &composite, &l.spec, &l.refl, &l.diffuse, cd, ce, &l.scatter, &BLACK, &l.indirect, &tr, 0, 2,
                  0.0f, 1.0f, 1.0f, 1.0f);
     miColor colour = composite.result;
     colour.a = 1.0f;
@@ -388,7 +388,7 @@ extern "C" {
 void hostMaterial_init(miState *state, void *params, miBoolean *instanceInit)
 {
     if (!params) {
-        noise_gradient_init(state); /* bump noise */
+        DRUX_CALL(noise_gradient_init)(state); /* bump noise */
         if (instanceInit)
             *instanceInit = miFALSE;
     }
@@ -398,7 +398,7 @@ void hostMaterial_exit(miState *state, void *params)
 {
     MaterialParams *p = static_cast<MaterialParams *>(params);
     if (p && p->scatterList)
-        destroy_scatter(state, p->scatterList);
+        DRUX_CALL(destroy_scatter)(state, p->scatterList);
 }
 
 miBoolean hostMaterial(void *result, miState *state, void *pv)

@@ -1,5 +1,7 @@
 #include "obj_loader.h"
 
+#include "text_lines.h"
+
 #include <tiny_obj_loader.h>
 
 #include <cerrno>
@@ -44,78 +46,59 @@ bool integer(const std::string &s, long &v)
     return end != s.c_str() && *end == '\0' && errno != ERANGE;
 }
 
-/* Counts the elements and checks every line the reader will rely on. */
-void check(const std::string &text, const std::string &path)
+const char *const kElementNames[3] = {"vertex", "texture coordinate", "normal"};
+
+struct ObjFace {
+    int line;
+    std::vector<std::string> corners;
+};
+
+/* Words 1.. of line n: between `least` and `most` finite numbers. */
+void checkNumbers(const std::vector<std::string> &w, size_t least, size_t most, const char *what,
+                  const std::string &path, int n)
 {
-    struct Face {
-        int line;
-        std::vector<std::string> corners;
-    };
-    long counts[3] = {0, 0, 0}; /* v, vt, vn */
-    std::vector<Face> faces;
-    std::istringstream in(text);
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-        ++n;
-        if (!line.empty() && line.back() == '\\')
-            throw ObjError(path, n, "continued lines are not supported");
-        const std::vector<std::string> w = words(line);
-        if (w.empty())
-            continue;
-        auto numbers = [&](size_t least, size_t most, const char *what) {
-            if (w.size() - 1 < least || w.size() - 1 > most)
-                throw ObjError(path, n, std::string(what) + " needs " + std::to_string(least) +
-                                            (least == most ? "" : " to " + std::to_string(most)) + " numbers");
-            for (size_t i = 1; i < w.size(); ++i)
-                if (!finiteNumber(w[i]))
-                    throw ObjError(path, n, "\"" + w[i] + "\" is not a finite number");
-        };
-        if (w[0] == "v") {
-            numbers(3, 7, "a vertex"); /* x y z [w] or x y z r g b */
-            ++counts[0];
-        } else if (w[0] == "vt") {
-            numbers(1, 3, "a texture coordinate");
-            ++counts[1];
-        } else if (w[0] == "vn") {
-            numbers(3, 3, "a normal");
-            ++counts[2];
-        } else if (w[0] == "f") {
-            if (w.size() < 4)
-                throw ObjError(path, n, "a face needs at least 3 corners");
-            faces.push_back(Face{n, std::vector<std::string>(w.begin() + 1, w.end())});
-            /* relative indices count back from this line */
-            for (const std::string &c : faces.back().corners) {
-                size_t start = 0;
-                for (int k = 0; k < 3; ++k) {
-                    const size_t slash = c.find('/', start);
-                    const std::string part = c.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
-                    static const int kind[3] = {0, 1, 2};
-                    static const char *names[3] = {"vertex", "texture coordinate", "normal"};
-                    if (!part.empty()) {
-                        long v = 0;
-                        if (!integer(part, v))
-                            throw ObjError(path, n, "\"" + c + "\" is not a face corner");
-                        if (v == 0)
-                            throw ObjError(path, n, std::string(names[k]) + " index 0 (indices start at 1)");
-                        if (v < 0 && -v > counts[kind[k]])
-                            throw ObjError(path, n, std::string(names[k]) + " index " + part + " reaches before the first " +
-                                                        names[k] + " (" + std::to_string(counts[kind[k]]) + " so far)");
-                    } else if (k == 0) {
-                        throw ObjError(path, n, "\"" + c + "\" has no vertex index");
-                    }
-                    if (slash == std::string::npos)
-                        break;
-                    start = slash + 1;
-                    if (k == 2)
-                        throw ObjError(path, n, "\"" + c + "\" is not a face corner");
-                }
-            }
+    if (w.size() - 1 < least || w.size() - 1 > most)
+        throw ObjError(path, n, std::string(what) + " needs " + std::to_string(least) +
+                                    (least == most ? "" : " to " + std::to_string(most)) + " numbers");
+    for (size_t i = 1; i < w.size(); ++i)
+        if (!finiteNumber(w[i]))
+            throw ObjError(path, n, "\"" + w[i] + "\" is not a finite number");
+}
+
+/* One face corner of line n (v, v/vt, v//vn, v/vt/vn): integers, not 0,
+   relative ones reaching no further back than the elements so far. */
+void checkCorner(const std::string &c, const long counts[3], const std::string &path, int n)
+{
+    size_t start = 0;
+    for (int k = 0; k < 3; ++k) {
+        const size_t slash = c.find('/', start);
+        const std::string part = c.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+        if (!part.empty()) {
+            long v = 0;
+            if (!integer(part, v))
+                throw ObjError(path, n, "\"" + c + "\" is not a face corner");
+            if (v == 0)
+                throw ObjError(path, n, std::string(kElementNames[k]) + " index 0 (indices start at 1)");
+            if (v < 0 && -v > counts[k])
+                throw ObjError(path, n, std::string(kElementNames[k]) + " index " + part +
+                                            " reaches before the first " + kElementNames[k] + " (" +
+                                            std::to_string(counts[k]) + " so far)");
+        } else if (k == 0) {
+            throw ObjError(path, n, "\"" + c + "\" has no vertex index");
         }
+        if (slash == std::string::npos)
+            break;
+        start = slash + 1;
+        if (k == 2)
+            throw ObjError(path, n, "\"" + c + "\" is not a face corner");
     }
-    /* positive indices may name elements defined further down */
-    static const char *names[3] = {"vertex", "texture coordinate", "normal"};
-    for (const Face &f : faces)
+}
+
+/* Positive indices may name elements defined further down: checked against
+   the file's totals once it is read. */
+void checkForwardIndices(const std::vector<ObjFace> &faces, const long counts[3], const std::string &path)
+{
+    for (const ObjFace &f : faces)
         for (const std::string &c : f.corners) {
             size_t start = 0;
             for (int k = 0; k < 3; ++k) {
@@ -123,13 +106,44 @@ void check(const std::string &text, const std::string &path)
                 const std::string part = c.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
                 long v = 0;
                 if (!part.empty() && integer(part, v) && v > counts[k])
-                    throw ObjError(path, f.line, std::string(names[k]) + " index " + part + " out of range (" +
-                                                     std::to_string(counts[k]) + " in the file)");
+                    throw ObjError(path, f.line, std::string(kElementNames[k]) + " index " + part +
+                                                     " out of range (" + std::to_string(counts[k]) + " in the file)");
                 if (slash == std::string::npos)
                     break;
                 start = slash + 1;
             }
         }
+}
+
+/* Counts the elements and checks every line the reader will rely on. */
+void check(const std::string &text, const std::string &path)
+{
+    long counts[3] = {0, 0, 0}; /* v, vt, vn */
+    std::vector<ObjFace> faces;
+    forEachLine(text, [&](const std::string &line, int n) {
+        if (!line.empty() && line.back() == '\\')
+            throw ObjError(path, n, "continued lines are not supported");
+        const std::vector<std::string> w = words(line);
+        if (w.empty())
+            return;
+        if (w[0] == "v") {
+            checkNumbers(w, 3, 7, "a vertex", path, n); /* x y z [w] or x y z r g b */
+            ++counts[0];
+        } else if (w[0] == "vt") {
+            checkNumbers(w, 1, 3, "a texture coordinate", path, n);
+            ++counts[1];
+        } else if (w[0] == "vn") {
+            checkNumbers(w, 3, 3, "a normal", path, n);
+            ++counts[2];
+        } else if (w[0] == "f") {
+            if (w.size() < 4)
+                throw ObjError(path, n, "a face needs at least 3 corners");
+            faces.push_back(ObjFace{n, std::vector<std::string>(w.begin() + 1, w.end())});
+            for (const std::string &c : faces.back().corners) /* relative indices count back from this line */
+                checkCorner(c, counts, path, n);
+        }
+    });
+    checkForwardIndices(faces, counts, path);
     if (counts[0] == 0 || faces.empty())
         throw ObjError(path, 0, "no vertices or no faces");
 }

@@ -106,6 +106,10 @@ void RenderSession::linkShaders()
         }
         line = 0;
         builtin_ = resolveBuiltins(libs_);
+        if (tracer_) {
+            auto hook = reinterpret_cast<CallTraceHookFn>(libs_.find_symbol(DRUXHOST_CALL_TRACE_SYMBOL));
+            tracer_->hookCalls(hook ? hook() : nullptr);
+        }
         for (const ShaderDesc &d : s_.shaders) {
             line = d.line;
             libs_.instantiate(d.name, d.function, d.values, items_.tags);

@@ -160,28 +160,15 @@ void readKeys(Line &l, const char *command, const std::map<std::string, KeyHandl
 /* Reads the value of a table key into its field. */
 template <class D, class P> void readKey(Line &x, const Key<D, P> &k, D &d)
 {
+    /* one reader of the line per type */
     switch (k.type) {
-    case KeyType::Number:
-        d.*k.number = x.number(k.name);
-        break;
-    case KeyType::Integer:
-        d.*k.integer = x.integer(k.name);
-        break;
-    case KeyType::Boolean:
-        d.*k.boolean = k.choices ? x.choice(k.name, k.choices) == 1 : x.boolean(k.name);
-        break;
-    case KeyType::Colour:
-        d.*k.colour = x.color3(k.name);
-        break;
-    case KeyType::Vector:
-        d.*k.vector = x.vec3(k.name);
-        break;
-    case KeyType::Word:
-        d.*k.word = x.word(k.name);
-        break;
-    case KeyType::Choice:
-        d.*k.integer = x.choice(k.name, k.choices);
-        break;
+    case KeyType::Number: d.*k.number = x.number(k.name); break;
+    case KeyType::Integer: d.*k.integer = x.integer(k.name); break;
+    case KeyType::Boolean: d.*k.boolean = k.choices ? x.choice(k.name, k.choices) == 1 : x.boolean(k.name); break;
+    case KeyType::Colour: d.*k.colour = x.color3(k.name); break;
+    case KeyType::Vector: d.*k.vector = x.vec3(k.name); break;
+    case KeyType::Word: d.*k.word = x.word(k.name); break;
+    case KeyType::Choice: d.*k.integer = x.choice(k.name, k.choices); break;
     }
 }
 

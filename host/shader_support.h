@@ -8,6 +8,7 @@
 #define DRUXHOST_SHADER_SUPPORT_H
 
 #include "DruxShaderSDK.h"
+#include "builtin_shaders.h"
 #include "scene.h"
 
 #include <algorithm>
@@ -15,6 +16,33 @@
 
 namespace druxhost {
 namespace shading {
+
+/* The recorder of a traced replay (empty otherwise): called with the name
+   of a library call before it runs and with null after it returns. */
+inline std::atomic<CallTraceFn> callTrace{nullptr};
+
+/* Names a library call in the trace of a replayed sample, nested under the
+   shader making it, with the shaders the call runs nested under the call;
+   nothing but a load and a branch each way when no trace runs.  A temporary
+   of the call's full expression, so it ends when the call has returned. */
+struct CallNote {
+    CallTraceFn f;
+    explicit CallNote(const char *name) : f(callTrace.load(std::memory_order_relaxed))
+    {
+        if (f)
+            f(name);
+    }
+    ~CallNote()
+    {
+        if (f)
+            f(nullptr);
+    }
+    CallNote(const CallNote &) = delete;
+    CallNote &operator=(const CallNote &) = delete;
+};
+
+/* DRUX_CALL(fn)(args...) calls the library function fn and traces it. */
+#define DRUX_CALL(fn) (::druxhost::shading::CallNote(#fn), fn)
 
 /* A parameter's value, evaluated when it is connected to another shader
    (the renderer's convention: a connection word follows every parameter
@@ -79,7 +107,7 @@ inline miUint frameBufferInfo(miState *state, PassTypeInfo **types, FrameBufferI
         *e = tlsMaterialInfo.e;
         return tlsMaterialInfo.n;
     }
-    return getFrameBufferInfo(state, types, e);
+    return DRUX_CALL(getFrameBufferInfo)(state, types, e);
 }
 
 /* The host's per-thread record, answered the same way. */

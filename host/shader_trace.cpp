@@ -6,6 +6,7 @@
 #include <array>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace druxhost {
@@ -24,6 +25,8 @@ struct TraceState {
     int used = 0;
     int depth = 0;
     std::vector<std::string> *lines = nullptr;
+    std::atomic<CallTraceFn> *hook = nullptr;
+    std::thread::id thread; /* the replaying thread */
 };
 
 std::mutex traceMutex; /* held by the one live tracer */
@@ -46,6 +49,22 @@ miBoolean callTraced(int slot, void *result, miState *state, void *params)
                   double(c->g), double(c->b), double(c->a));
     (*t.lines)[at] += text;
     return ok;
+}
+
+/* A library call reported by a traced shader library, on the replay's
+   thread: its name when it starts (what runs under it nests one level
+   deeper), null when it has returned. */
+void recordCall(const char *name)
+{
+    TraceState *t = active;
+    if (!t || !t->lines || std::this_thread::get_id() != t->thread)
+        return;
+    if (!name) {
+        --t->depth;
+        return;
+    }
+    t->lines->push_back(std::string(size_t(2 * t->depth), ' ') + name);
+    ++t->depth;
 }
 
 template <int N> miBoolean trampoline(void *result, miState *state, void *params)
@@ -89,12 +108,22 @@ void ShaderTracer::watch(miTag fn, const std::string &label)
     f->fn = kTrampolines[size_t(active->used++)];
 }
 
+void ShaderTracer::hookCalls(std::atomic<CallTraceFn> *hook) { active->hook = hook; }
+
 void ShaderTracer::start(std::vector<std::string> *lines)
 {
     active->lines = lines;
     active->depth = 0;
+    active->thread = std::this_thread::get_id();
+    if (active->hook)
+        active->hook->store(&recordCall);
 }
 
-void ShaderTracer::stop() { active->lines = nullptr; }
+void ShaderTracer::stop()
+{
+    if (active->hook)
+        active->hook->store(nullptr);
+    active->lines = nullptr;
+}
 
 } // namespace druxhost

@@ -22,7 +22,7 @@ float fbmValue(const miVector &x, int octaves)
     /* the value noise has 32 lattice cells per unit and repeats every unit */
     double sum = 0.0, norm = 0.0, f = 1.0 / 32.0, a = 1.0;
     for (int o = 0; o < octaves; ++o) {
-        sum += a * noise_scalar_3d(x.x * f, x.y * f, x.z * f);
+        sum += a * DRUX_CALL(noise_scalar_3d)(x.x * f, x.y * f, x.z * f);
         norm += a;
         f *= 2.0;
         a *= 0.5;
@@ -34,7 +34,7 @@ float turbulence(const miVector &x, int octaves)
 {
     float sum = 0.0f, f = 1.0f, a = 1.0f;
     for (int o = 0; o < octaves; ++o) {
-        sum += a * std::fabs(noise_gradient_3d(x.x * f, x.y * f, x.z * f));
+        sum += a * std::fabs(DRUX_CALL(noise_gradient_3d)(x.x * f, x.y * f, x.z * f));
         f *= 2.0f;
         a *= 0.5f;
     }
@@ -76,9 +76,9 @@ miBoolean hostPointLight(void *result, miState *state, void *pv)
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
     const miUint n = frameBufferInfo(state, &types, &e);
-    setupLightContributions(n, e, state);
+    DRUX_CALL(setupLightContributions)(n, e, state);
     miColor filter = WHITE;
-    const miBoolean visible = traceShadow(n, e, &filter, &light, &p->shadowColor, p->sharedShadow, state);
+    const miBoolean visible = DRUX_CALL(traceShadow)(n, e, &filter, &light, &p->shadowColor, p->sharedShadow, state);
     *out = shadowed(light, p->shadowColor, visible ? filter : BLACK);
     return miTRUE;
 }
@@ -102,18 +102,18 @@ miBoolean hostRectLight(void *result, miState *state, void *pv)
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
     const miUint n = frameBufferInfo(state, &types, &e);
-    setupLightContributions(n, e, state);
+    DRUX_CALL(setupLightContributions)(n, e, state);
     miColor t;
     if (p->shadowSamples <= 1) {
         miColor filter = WHITE;
-        const miBoolean visible = traceShadow(n, e, &filter, &light, &p->shadowColor, p->sharedShadow, state);
+        const miBoolean visible = DRUX_CALL(traceShadow)(n, e, &filter, &light, &p->shadowColor, p->sharedShadow, state);
         t = visible ? filter : BLACK;
     } else {
         /* several shadow rays to points spread over the rectangle */
         const miVector dir = state->dir;
         const double dist = state->dist;
         const int count = p->shadowSamples;
-        traceShadowAccumulateBegin(n, e);
+        DRUX_CALL(traceShadowAccumulateBegin)(n, e);
         t = BLACK;
         for (int k = 0; k < count; ++k) {
             double xi[4] = {0.5, 0.5, 0.5, 0.5};
@@ -126,7 +126,7 @@ miBoolean hostRectLight(void *result, miState *state, void *pv)
             state->dir = len > 0.0f ? mul(to, 1.0f / len) : dir;
             state->dist = len;
             miColor filter = WHITE;
-            if (traceShadowAccumulate(n, e, &filter, state)) {
+            if (DRUX_CALL(traceShadowAccumulate)(n, e, &filter, state)) {
                 t.r += filter.r;
                 t.g += filter.g;
                 t.b += filter.b;
@@ -134,7 +134,7 @@ miBoolean hostRectLight(void *result, miState *state, void *pv)
         }
         state->dir = dir;
         state->dist = dist;
-        traceShadowAccumulateEnd(n, e, static_cast<miUint>(count), &light, &p->shadowColor);
+        DRUX_CALL(traceShadowAccumulateEnd)(n, e, static_cast<miUint>(count), &light, &p->shadowColor);
         const float w = 1.0f / static_cast<float>(count);
         t = miColor{t.r * w, t.g * w, t.b * w, 1.0f};
     }
@@ -165,7 +165,7 @@ miBoolean hostShadow(void *result, miState *state, void *pv)
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
     const miUint n = frameBufferInfo(state, &types, &e);
-    applyShadowTransparencyToFrameBuffers(n, e, &t, miFALSE, state);
+    DRUX_CALL(applyShadowTransparencyToFrameBuffers)(n, e, &t, miFALSE, state);
     return filter->r > 0.0f || filter->g > 0.0f || filter->b > 0.0f ? miTRUE : miFALSE;
 }
 
@@ -174,7 +174,7 @@ miBoolean hostShadow(void *result, miState *state, void *pv)
 void hostNoiseTexture_init(miState *state, void *params, miBoolean *instanceInit)
 {
     if (!params) {
-        noise_gradient_init(state);
+        DRUX_CALL(noise_gradient_init)(state);
         if (instanceInit)
             *instanceInit = miFALSE;
     }
@@ -203,10 +203,10 @@ miBoolean hostNoiseTexture(void *result, miState *state, void *pv)
         break;
     }
     Ramp ramp;
-    ramp_constructor(&ramp, state, &p->rampFirst, 1);
+    DRUX_CALL(ramp_constructor)(&ramp, state, &p->rampFirst, 1);
     miColor c{0, 0, 0, 1};
-    ramp_get_interp_color(&ramp, &c, v);
-    ramp_destructor(&ramp);
+    DRUX_CALL(ramp_get_interp_color)(&ramp, &c, v);
+    DRUX_CALL(ramp_destructor)(&ramp);
     c.a = 1.0f;
     *out = c;
     return miTRUE;

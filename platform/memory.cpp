@@ -90,19 +90,9 @@ uint64_t mem_allocation_count()
     return memory_book().allocations.load();
 }
 
-std::vector<MemEvent> mem_events()
-{
-    MemoryBook &book = memory_book();
-    std::lock_guard<std::mutex> lk(book.mu);
-    return book.events;
-}
+std::vector<MemEvent> mem_events() { return locked_copy(memory_book(), &MemoryBook::events); }
 
-void mem_clear_events()
-{
-    MemoryBook &book = memory_book();
-    std::lock_guard<std::mutex> lk(book.mu);
-    book.events.clear();
-}
+void mem_clear_events() { locked_clear(memory_book(), &MemoryBook::events); }
 
 } // namespace mirt
 

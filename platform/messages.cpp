@@ -99,19 +99,9 @@ void log_message(Level level, const std::string &text)
         std::fprintf(stderr, "%s: %s\n", level_name(level), text.c_str());
 }
 
-std::vector<Message> messages()
-{
-    MessageLog &log = message_log();
-    std::lock_guard<std::mutex> lk(log.mu);
-    return log.messages;
-}
+std::vector<Message> messages() { return locked_copy(message_log(), &MessageLog::messages); }
 
-void clear_messages()
-{
-    MessageLog &log = message_log();
-    std::lock_guard<std::mutex> lk(log.mu);
-    log.messages.clear();
-}
+void clear_messages() { locked_clear(message_log(), &MessageLog::messages); }
 
 void set_echo_messages(bool on)
 {

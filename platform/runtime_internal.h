@@ -156,6 +156,21 @@ struct miShaderStateStore {
 
 namespace mirt {
 
+/* A copy of the log `book.*log` shared between threads, taken under the
+   book's lock `mu`. */
+template <class B, class T> std::vector<T> locked_copy(B &book, std::vector<T> B::*log)
+{
+    std::lock_guard<std::mutex> lk(book.mu);
+    return book.*log;
+}
+
+/* Empties the log `book.*log` under the book's lock. */
+template <class B, class T> void locked_clear(B &book, std::vector<T> B::*log)
+{
+    std::lock_guard<std::mutex> lk(book.mu);
+    (book.*log).clear();
+}
+
 struct Context::Impl {
     Context *self = nullptr;
     miRenderContext handle{};

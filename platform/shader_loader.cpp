@@ -66,6 +66,16 @@ bool toInt(const std::string &w, int &v)
     return true;
 }
 
+/* A boolean word: on/true/yes/1 or off/false/no/0. */
+miBoolean booleanWord(const std::string &what, const std::string &w)
+{
+    if (w == "on" || w == "true" || w == "yes" || w == "1")
+        return miTRUE;
+    if (w == "off" || w == "false" || w == "no" || w == "0")
+        return miFALSE;
+    throw LoadError("wrong type: " + what + " is boolean, \"" + w + "\" is not on or off");
+}
+
 std::vector<std::string> split(const char *text)
 {
     std::vector<std::string> out;
@@ -179,6 +189,17 @@ struct ShaderLibraries::Impl {
                 dlclose(it->handle);
     }
 
+    /* The function of the shader instance named `n` ("none": no shader). */
+    miTag instanceNamed(const std::string &what, const std::string &n) const
+    {
+        if (n == "none")
+            return 0;
+        auto it = byName.find(n);
+        if (it == byName.end())
+            throw LoadError(what + ": no shader instance \"" + n + "\" (instances are named before use)");
+        return instances[it->second].fn;
+    }
+
     /* Writes one value of `type` from tokens[i...] into dst; advances i. */
     void value(const std::string &what, int type, const std::vector<std::string> &t, size_t &i, char *dst,
                std::vector<miTag> &made)
@@ -213,14 +234,7 @@ struct ShaderLibraries::Impl {
         }
         case miTYPE_BOOLEAN: {
             need(1);
-            const std::string &w = t[i];
-            miBoolean b;
-            if (w == "on" || w == "true" || w == "yes" || w == "1")
-                b = miTRUE;
-            else if (w == "off" || w == "false" || w == "no" || w == "0")
-                b = miFALSE;
-            else
-                throw LoadError("wrong type: " + what + " is boolean, \"" + w + "\" is not on or off");
+            const miBoolean b = booleanWord(what, t[i]);
             ++i;
             std::memcpy(dst, &b, 4);
             break;
@@ -259,14 +273,7 @@ struct ShaderLibraries::Impl {
         }
         case miTYPE_SHADER: {
             need(1);
-            const std::string n = t[i++];
-            miTag tag = 0;
-            if (n != "none") {
-                auto it = byName.find(n);
-                if (it == byName.end())
-                    throw LoadError(what + ": no shader instance \"" + n + "\" (instances are named before use)");
-                tag = instances[it->second].fn;
-            }
+            const miTag tag = instanceNamed(what, t[i++]);
             std::memcpy(dst, &tag, 4);
             break;
         }

@@ -2,7 +2,7 @@
  * Replaying one pixel sample: debugPixel gives exactly the values the full
  * render computed for that sample, and its trace names the shaders the
  * sample ran (material and lights on a surface, the environment alone on
- * the background).
+ * the background) with the library calls each made nested under it.
  */
 #include "render.h"
 #include "runtime_fixture.h"
@@ -32,6 +32,26 @@ SceneDesc smallDefault(int samples)
     return s;
 }
 
+/* Nesting depth of a trace line (two spaces a level) and its text. */
+int depthOf(const std::string &line) { return int(line.find_first_not_of(' ')) / 2; }
+std::string textOf(const std::string &line) { return line.substr(line.find_first_not_of(' ')); }
+
+/* True when a line starting with `call` sits directly under a line starting
+   with `parent` (the nearest line one level up). */
+bool callUnder(const std::vector<std::string> &trace, const std::string &parent, const std::string &call)
+{
+    for (size_t i = 0; i < trace.size(); ++i) {
+        if (textOf(trace[i]).rfind(call, 0) != 0 || depthOf(trace[i]) == 0)
+            continue;
+        size_t up = i;
+        while (up > 0 && depthOf(trace[up]) >= depthOf(trace[i]))
+            --up;
+        if (depthOf(trace[up]) == depthOf(trace[i]) - 1 && textOf(trace[up]).rfind(parent, 0) == 0)
+            return true;
+    }
+    return false;
+}
+
 bool sameBits(const miColor &a, const miColor &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 bool traceHas(const std::vector<std::string> &trace, const std::string &prefix)
@@ -52,7 +72,7 @@ TEST_F(DebugPixel, ReplaysTheRenderedSampleAndNamesItsShaders)
     const RenderResult full = render(s);
     const Image *coverage = full.pass("coverage");
     ASSERT_NE(coverage, nullptr);
-    int surfaces = 0, backgrounds = 0;
+    int surfaces = 0, backgrounds = 0, shadowsUnderCall = 0;
     for (int y = 2; y < s.height; y += 5)
         for (int x = 3; x < s.width; x += 7) {
             const PixelSample ps = debugPixel(s, x, y, 0);
@@ -62,6 +82,9 @@ TEST_F(DebugPixel, ReplaysTheRenderedSampleAndNamesItsShaders)
             for (size_t p = 0; p < ps.passes.size(); ++p)
                 EXPECT_TRUE(sameBits(ps.passes[p], full.passes[p].at(x, y))) << full.passNames[p];
             ASSERT_FALSE(ps.trace.empty());
+            EXPECT_EQ(depthOf(ps.trace.front()), 0);
+            for (size_t i = 1; i < ps.trace.size(); ++i) /* a line nests at most one level below the last */
+                EXPECT_LE(depthOf(ps.trace[i]), depthOf(ps.trace[i - 1]) + 1) << i;
             if (coverage->at(x, y).r > 0) {
                 ++surfaces;
                 bool named = false;
@@ -69,14 +92,28 @@ TEST_F(DebugPixel, ReplaysTheRenderedSampleAndNamesItsShaders)
                     named = named || ps.trace.front().rfind("material:" + m.name + " ", 0) == 0;
                 EXPECT_TRUE(named) << ps.trace.front();
                 EXPECT_TRUE(traceHas(ps.trace, "light:" + s.lights.front().name)) << ps.trace.size();
+                /* the library calls sit under the shader that made them */
+                EXPECT_TRUE(callUnder(ps.trace, "material:", "getFrameBufferInfo")) << ps.trace.size();
+                EXPECT_TRUE(callUnder(ps.trace, "material:", "sampleLightEnd")) << ps.trace.size();
+                EXPECT_TRUE(callUnder(ps.trace, "material:", "bc_composite")) << ps.trace.size();
+                EXPECT_TRUE(callUnder(ps.trace, "light:", "setupLightContributions")) << ps.trace.size();
+                EXPECT_TRUE(callUnder(ps.trace, "light:", "traceShadow")) << ps.trace.size();
+                EXPECT_FALSE(callUnder(ps.trace, "material:", "traceShadow")) << ps.trace.size();
+                /* shaders a call runs sit under the call */
+                shadowsUnderCall += callUnder(ps.trace, "traceShadow", "shadow:");
             } else {
                 ++backgrounds;
-                ASSERT_EQ(ps.trace.size(), 1u);
+                /* the environment alone, with the library calls it made */
                 EXPECT_EQ(ps.trace.front().rfind("environment:", 0), 0u) << ps.trace.front();
+                EXPECT_TRUE(callUnder(ps.trace, "environment:", "getFrameBufferInfo")) << ps.trace.size();
+                for (size_t i = 1; i < ps.trace.size(); ++i)
+                    EXPECT_TRUE(depthOf(ps.trace[i]) >= 1 && textOf(ps.trace[i]).find(':') == std::string::npos)
+                        << ps.trace[i];
             }
         }
     EXPECT_GT(surfaces, 0);
     EXPECT_GT(backgrounds, 0);
+    EXPECT_GT(shadowsUnderCall, 0);
 }
 
 /* Sample S is the render's sample S: two replayed samples average to the
@@ -129,6 +166,7 @@ TEST_F(DebugPixel, CommandLinePrintsTraceAndValues)
     ASSERT_EQ(pclose(p), 0) << text;
     EXPECT_NE(text.find("\n  material:"), std::string::npos) << text;
     EXPECT_NE(text.find("light:"), std::string::npos) << text;
+    EXPECT_NE(text.find("sampleLightEnd"), std::string::npos) << text;
     const size_t at = text.find("\n  main ");
     ASSERT_NE(at, std::string::npos) << text;
     std::istringstream values(text.substr(at + 7));
