@@ -24,9 +24,11 @@
  * pointer and tag 0 (with `swapped` set when that was the reason), the state
  * set-up publishes nothing, and nothing stays pinned.  The state set-up and the
  * exported queries report the refusal once per state and block: the state
- * keeps the tag of the block it reported (under kRefusedKey), so a host shader
- * that asks per sample does not flood the log.  druxFrameBufferInit, which
- * looks at the block before every sample, refuses quietly.
+ * keeps the tag of the block it reported, so a host shader
+ * that asks per sample does not flood the log.  The state remembers it in
+ * the thread's side record of the state, not in its shader-state store, so a
+ * refused block publishes nothing there.  druxFrameBufferInit, which looks at
+ * the block before every sample, refuses quietly.
  */
 #include "druxInternal.h"
 
@@ -57,10 +59,6 @@ constexpr int64_t kTypeSlot = offsetof(FrameBufferDataBlock, typeCounts);
 constexpr int64_t kRecordSize = sizeof(FrameBufferInfoRecord); /* 60 */
 
 const char *const kTempOnHeapOption = "kelu allocate temp data on heap";
-
-/* Shader-state key under which a state remembers the damaged block it has
-   already reported. */
-const char *const kRefusedKey = "druxFBRefused";
 
 /* Unpins a database item when it goes out of scope, also while an exception
    passes. */
@@ -179,13 +177,12 @@ const char *blockDamage(const FrameBufferDataBlock *block)
 void reportRefused(miState *state, const char *who, miTag tag, const char *why)
 {
     /* Once per state and block.  A state without a shader-state store (a
-       caller outside rendering) cannot remember, and reports every time. */
-    if (state->shaderstate) {
-        int size = 0;
-        const miTag *seen = static_cast<const miTag *>(mi_shaderstate_get(state, kRefusedKey, &size));
-        if (seen && size == static_cast<int>(sizeof(miTag)) && *seen == tag)
+       caller outside rendering) cannot be told apart, and reports every
+       time. */
+    if (drux::StateSideRecord *side = drux::sideRecord(state->shaderstate, true)) {
+        if (side->refusedTag == tag)
             return;
-        mi_shaderstate_set(state, kRefusedKey, &tag, sizeof tag, kLifetime);
+        side->refusedTag = tag;
     }
     druxError(std::string(who) + "(): the frame-buffer data block (tag " + std::to_string(tag) +
               ") is ignored: " + why + ". Re-export the .mi");
@@ -259,6 +256,69 @@ PassSlot *storedSlotBlock(miState *state)
     return entries[0].slots;
 }
 
+} // namespace
+
+/* ---- side records of the states set up on this thread.  A thread renders
+   with a handful of states at a time; the table is a small fixed array, so
+   finding a record costs a few pointer comparisons and never allocates. */
+namespace drux {
+namespace {
+constexpr int kSideRecords = 16;
+struct SideTable {
+    StateSideRecord records[kSideRecords];
+    int next; /* the record to replace when the table is full */
+    int lastHit;
+};
+thread_local SideTable tSideTable; /* zero-initialised: every record free */
+} // namespace
+
+StateSideRecord *sideRecord(const void *store, bool create)
+{
+    if (!store)
+        return nullptr;
+    SideTable &t = tSideTable;
+    StateSideRecord *freeRecord = nullptr;
+    for (StateSideRecord &r : t.records) {
+        if (r.store == store)
+            return &r;
+        if (!r.store && !freeRecord)
+            freeRecord = &r;
+    }
+    if (!create)
+        return nullptr;
+    if (!freeRecord) {
+        freeRecord = &t.records[t.next];
+        t.next = (t.next + 1) % kSideRecords;
+    }
+    *freeRecord = StateSideRecord{store, nullptr, 0, 0};
+    return freeRecord;
+}
+
+void forgetSideRecord(const void *store)
+{
+    if (StateSideRecord *r = sideRecord(store, false))
+        *r = StateSideRecord{nullptr, nullptr, 0, 0};
+}
+
+miUint setUpSlotCount(const FrameBufferInfo *entries)
+{
+    if (!entries || !entries[0].slots)
+        return 0;
+    SideTable &t = tSideTable;
+    const PassSlot *block = entries[0].slots;
+    if (t.records[t.lastHit].slotBlock == block)
+        return t.records[t.lastHit].slotsPerEntry;
+    for (int i = 0; i < kSideRecords; ++i)
+        if (t.records[i].slotBlock == block) {
+            t.lastHit = i;
+            return t.records[i].slotsPerEntry;
+        }
+    return 0;
+}
+} // namespace drux
+
+namespace {
+
 /* ---- operations of druxFrameBufferState */
 
 miBoolean stateSetup(miState *state)
@@ -312,10 +372,8 @@ miBoolean stateSetup(miState *state)
            reading a field before anybody wrote it sees a defined value. */
         std::memset(static_cast<void *>(entries), 0, static_cast<size_t>(n) * sizeof(FrameBufferInfo));
         std::memset(static_cast<void *>(slots), 0, slotBytes);
-        for (int i = 0; i < n; ++i) {
+        for (int i = 0; i < n; ++i)
             entries[i].slots = slots + perEntry * i;
-            entries[i].depthSlots = static_cast<miUint>(perEntry);
-        }
         entries[0].fbId = kUnresolved;
     }
 
@@ -338,6 +396,10 @@ miBoolean stateSetup(miState *state)
 
     if (n > 0)
         mi_mem_int_release(kFile, kLineEntryRelease, entries);
+    if (drux::StateSideRecord *side = drux::sideRecord(state->shaderstate, true)) {
+        side->slotBlock = slots;
+        side->slotsPerEntry = static_cast<miUint>(perEntry);
+    }
     return miTRUE;
 }
 
@@ -351,8 +413,7 @@ miBoolean stateExit(miState *state)
     mi_shaderstate_set(state, FRAME_BUFFER_INFO_KEY, nullptr, 0, kLifetime);
     mi_shaderstate_set(state, PASS_TYPE_INFO_KEY, nullptr, 0, kLifetime);
     mi_shaderstate_set(state, FRAME_BUFFER_STATE_KEY, nullptr, 0, kLifetime);
-    if (mi_shaderstate_get(state, kRefusedKey, nullptr))
-        mi_shaderstate_set(state, kRefusedKey, nullptr, 0, kLifetime);
+    drux::forgetSideRecord(state->shaderstate);
     return miTRUE;
 }
 
@@ -591,13 +652,10 @@ extern "C" DRUX_API miBoolean druxFrameBufferState(void *result, miState *state,
     case miSHADERSTATE_STATE_INIT:
         return state ? stateSetup(state) : miFALSE;
     case miSHADERSTATE_STATE_EXIT:
-        drux::maskCacheClose();
         return state ? stateExit(state) : miFALSE;
     case miSHADERSTATE_SAMPLE_INIT:
-        drux::maskCacheOpen(state);
         return state ? sampleBegin(state) : miFALSE;
     case miSHADERSTATE_SAMPLE_EXIT:
-        drux::maskCacheClose();
         return state ? sampleEnd(state, arg->shader_return) : miFALSE;
     default:
         mi_warning("kelu_state(): Invoked with invalid opcode.");

@@ -39,23 +39,41 @@ inline int rayDepth(const miState *state)
     return state->reflection_level + state->refraction_level;
 }
 
-/* Number of per-depth slots every entry of the array holds.  The state set-up
-   records it in each entry, so a trace-depth limit raised after the set-up
-   never lets a depth index reach past the block; an array a host built itself
-   carries 0 there and is trusted to hold the current limit + 2 slots.  A
-   lowered limit bounds the count as well. */
-inline long long depthSlotCount(const miState *state, const FrameBufferInfo *entries)
-{
-    const long long current = (state && state->options) ? static_cast<long long>(state->options->trace_depth) + 2
-                                                        : 0x7FFFFFFFLL;
-    const long long given = entries ? static_cast<long long>(entries[0].depthSlots) : 0;
-    return (given != 0 && given < current) ? given : current;
-}
+/* Side records of the rendering states set up on the calling thread, kept
+   apart from everything a host reads or writes (the entries, their padding
+   and the shader-state store): which slot block the set-up allocated, with
+   how many slots per entry, and which damaged frame-buffer block the state
+   has already reported.  A state is found by its shader-state store. */
+struct StateSideRecord {
+    const void *store;        /* the state's shader-state store; null: free */
+    const PassSlot *slotBlock; /* the slot block its set-up allocated, or null */
+    miUint slotsPerEntry;     /* slots per entry of that block */
+    miTag refusedTag;         /* the damaged block reported for the state, or 0 */
+};
 
-/* Slot `depth` exists for every entry of the array. */
-inline bool depthSlotExists(const miState *state, const FrameBufferInfo *entries, int depth)
+/* The calling thread's side record of `store`; with `create`, a new one is
+   made (replacing the oldest when the thread's table is full).  Null when
+   there is none, or for a null store. */
+StateSideRecord *sideRecord(const void *store, bool create);
+
+/* Drops the calling thread's side record of `store`. */
+void forgetSideRecord(const void *store);
+
+/* Slots per entry of an entry array that a state set-up on this thread
+   allocated (found by entry 0's slot pointer); 0 for any other array, such
+   as one a host built itself. */
+miUint setUpSlotCount(const FrameBufferInfo *entries);
+
+/* Slot `depth` may be touched.  The library's own arrays are bounded by the
+   slots their set-up allocated, so that a trace-depth limit raised after
+   the set-up never leads past the block; an array a host built is bounded
+   only by what each function itself checks. */
+inline bool depthSlotExists(const FrameBufferInfo *entries, int depth)
 {
-    return depth >= 0 && depth < depthSlotCount(state, entries);
+    if (depth < 0)
+        return false;
+    const miUint n = setUpSlotCount(entries);
+    return n == 0 || static_cast<miUint>(depth) < n;
 }
 
 /* The host's per-thread record, or null. */
@@ -97,13 +115,6 @@ inline void setColor(miColor &c, const miColor &v) { c = v; }
 inline float maxRGB(const miColor &c) { return std::fmax(c.r, std::fmax(c.g, c.b)); }
 
 /* Integer query helper: true when the query succeeded with a non-zero int. */
-/* Contribution masks read once per eye sample (druxLightLoop.cpp): the
-   frame-buffer state shader opens the sample's cache at operation 2 and
-   closes it at operation 3 and 1.  Outside an open sample every mask is
-   looked up in the database at each use. */
-void maskCacheOpen(const miState *state);
-void maskCacheClose();
-
 inline bool queryFlag(int code, miState *state)
 {
     int v = 0;

@@ -22,11 +22,9 @@
  * instance's data tag: instance record -> data tag (byte 216) -> query 12 ->
  * a data record whose first word is the tag of the text.  A mask text is
  * pinned while it is read and unpinned exactly once (MaskText below).
- * Within one eye sample (between the frame-buffer state shader's operations
- * 2 and 3) the same lights and occluders come back for every light sample
- * and shadow ray, so the render thread keeps the masks it has read in a
- * small cache of copies for the rest of the sample; the database does not
- * change while a sample is rendered.
+ * Masks are read afresh at every call: a host may point an instance's data
+ * at another text, or change a text, at any time, and a copy kept from an
+ * earlier call could no longer be told apart from the current mask.
  *
  * Defensive choices for input the callers should never give:
  *   - a null entry pointer counts as no entries;
@@ -77,46 +75,10 @@ struct Pin {
     Pin &operator=(const Pin &) = delete;
 };
 
-/* The render thread's masks of the current eye sample: direct-mapped by
-   instance tag, each entry a copy of the text (or "no mask"), valid while
-   its generation is the open sample's. */
-constexpr size_t kCachedMaskChars = 63;
-constexpr unsigned kMaskCacheEntries = 32;
-struct MaskCacheEntry {
-    miTag tag;
-    miUint generation;
-    miUint length; /* 0: the instance has no mask */
-    char text[kCachedMaskChars + 1];
-    /* The contribution bits of entries 0..63 (bit i: entry i), decoded once
-       when the text is cached. */
-    uint64_t low;
-};
-
-/* Bit i of the result: entry i (< 64) contributes to a non-empty mask
-   `text` of `length` characters; digits past the text contribute nothing. */
-uint64_t lowContributionBits(const char *text, size_t length);
-struct MaskCache {
-    const void *store;  /* shader-state store of the open sample's eye state; null: closed */
-    miUint generation;
-    MaskCacheEntry entries[kMaskCacheEntries];
-};
-thread_local MaskCache tlsMaskCache; /* zero-initialised: closed */
-
-inline MaskCacheEntry *maskCacheEntry(const miState *state, miTag instance)
-{
-    MaskCache &c = tlsMaskCache;
-    if (!c.store || !state || static_cast<const void *>(state->shaderstate) != c.store)
-        return nullptr;
-    return &c.entries[(instance * 0x9E3779B1u) >> 27];
-}
-static_assert(kMaskCacheEntries == 32, "the entry index takes the top 5 bits of the tag hash");
-
 /*
  * A contribution-mask text, opened from an instance's data and closed exactly
  * once when the object goes out of scope (only if it was opened).  An empty
- * text is closed at once and counts as no mask.  Inside an open sample the
- * text may come from the thread's cache, copied into the object (nothing is
- * pinned then).
+ * text is closed at once and counts as no mask.
  */
 class MaskText {
 public:
@@ -125,48 +87,21 @@ public:
     MaskText(const MaskText &) = delete;
     MaskText &operator=(const MaskText &) = delete;
 
-    /* Looks up the mask of `instance`; returns it, or null for no mask.  A
-       text from the thread's cache is read in place: nothing between open
-       and close of one object writes the cache (no renderer call, no other
-       mask opened on the thread). */
+    /* Looks up the mask of `instance`; returns it, or null for no mask. */
     const char *open(miState *state, miTag instance)
     {
         close();
-        MaskCacheEntry *cached = instance ? maskCacheEntry(state, instance) : nullptr;
-        if (cached && cached->tag == instance && cached->generation == tlsMaskCache.generation) {
-            if (cached->length == 0)
-                return nullptr;
-            text_ = cached->text;
-            length_ = cached->length;
-            low_ = &cached->low;
-            return text_;
-        }
         lookUp(state, instance);
-        if (cached && (!text_ || length_ <= kCachedMaskChars)) {
-            cached->tag = instance;
-            cached->generation = tlsMaskCache.generation;
-            cached->length = static_cast<miUint>(text_ ? length_ : 0);
-            if (text_) {
-                std::memcpy(cached->text, text_, length_ + 1);
-                cached->low = lowContributionBits(text_, length_);
-            }
-        }
         return text_;
     }
 
     const char *text() const { return text_; }
 
-    /* The decoded bits of entries 0..63 when the text came from the cache,
-       else null. */
-    const uint64_t *lowBits() const { return low_; }
-
-    /* contributesToPass for an opened mask, without re-scanning the text. */
+    /* contributesToPass for an opened mask, with its length known. */
     bool contributes(miUint index) const
     {
         if (!text_)
             return true;
-        if (low_ && index < 64)
-            return (*low_ >> index) & 1u;
         return (digit(index >> 2) >> (index & 3u)) & 1u;
     }
 
@@ -256,22 +191,12 @@ private:
         tag_ = 0;
         text_ = nullptr;
         length_ = 0;
-        low_ = nullptr;
     }
 
     miTag tag_ = 0;
     const char *text_ = nullptr;
     size_t length_ = 0;
-    const uint64_t *low_ = nullptr;
 };
-
-uint64_t lowContributionBits(const char *text, size_t length)
-{
-    uint64_t bits = 0;
-    for (size_t k = 0; k < 16 && k < length; ++k)
-        bits |= static_cast<uint64_t>(MaskText::digitBits(text[k]) & 0xFu) << (4 * k);
-    return bits;
-}
 
 inline miColor colorOr(const miColor *c, const miColor &fallback) { return c ? *c : fallback; }
 
@@ -305,14 +230,13 @@ inline void addTo(miColor &a, const miColor &b)
 
 inline miColor scaled(const miColor &c, float s) { return miColor{c.r * s, c.g * s, c.b * s, c.a * s}; }
 
-/* Index of the current ray's slot when the state's slots have it, else -1.
-   The slot arrays hold the trace-depth limit + 2 slots, counted at set-up. */
+/* Index of the current ray's slot when the entries' slots have it, else -1. */
 inline int currentSlot(const miState *state, const FrameBufferInfo *entries)
 {
     if (!state)
         return -1;
     const int d = drux::rayDepth(state);
-    return drux::depthSlotExists(state, entries, d) ? d : -1;
+    return drux::depthSlotExists(entries, d) ? d : -1;
 }
 
 /* The trace-depth limit, or -1 without options. */
@@ -328,13 +252,6 @@ inline void setContributions(miUint n, FrameBufferInfo *entries, const MaskText 
     if (!mask.text()) {
         for (miUint i = 0; i < n; ++i)
             entries[i].flags |= kBit;
-        return;
-    }
-    if (mask.lowBits() && n <= 64) {
-        /* the cached mask's bits, decoded when it was read */
-        const uint64_t bits = *mask.lowBits();
-        for (miUint i = 0; i < n; ++i)
-            entries[i].flags = (entries[i].flags & ~kBit) | (static_cast<miUint>((bits >> i) & 1u) * kBit);
         return;
     }
     for (miUint first = 0; first < n; first += 4) {
@@ -359,20 +276,6 @@ struct LightInstanceSwap {
 };
 
 } // namespace
-
-namespace drux {
-
-void maskCacheOpen(const miState *state)
-{
-    MaskCache &c = tlsMaskCache;
-    c.store = state ? static_cast<const void *>(state->shaderstate) : nullptr;
-    if (++c.generation == 0)
-        ++c.generation; /* entries start at generation 0 */
-}
-
-void maskCacheClose() { tlsMaskCache.store = nullptr; }
-
-} // namespace drux
 
 extern "C" {
 
@@ -465,7 +368,7 @@ DRUX_API void tracePassInit(miUint n, FrameBufferInfo *entries, miState *state)
     if (n == 0 || !entries || !state)
         return;
     const int d = drux::rayDepth(state);
-    if (d < 0 || d >= traceLimit(state) || !drux::depthSlotExists(state, entries, d + 1))
+    if (d < 0 || d >= traceLimit(state) || !drux::depthSlotExists(entries, d + 1))
         return;
     for (miUint i = 0; i < n; ++i) {
         PassSlot &child = entries[i].slots[d + 1];
@@ -480,7 +383,7 @@ DRUX_API void tracePassAdd(miUint n, FrameBufferInfo *entries, miState *state, m
     if (n == 0 || !entries || !state)
         return;
     const int d = drux::rayDepth(state);
-    if (d < 0 || d >= traceLimit(state) || !drux::depthSlotExists(state, entries, d + 1))
+    if (d < 0 || d >= traceLimit(state) || !drux::depthSlotExists(entries, d + 1))
         return;
     const miUint addFlag = refracted ? FBINFO_ADD_REFRACTION : FBINFO_ADD_REFLECTION;
     for (miUint i = 0; i < n; ++i) {

@@ -47,11 +47,10 @@ miUint entryCount(int count, const FrameBufferInfo *entries)
     return (count > 0 && entries) ? static_cast<miUint>(count) : 0u;
 }
 
-/* Slot `depth` exists for every entry: the block holds T + 2 slots per
-   entry, T being the trace-depth limit when the state was set up. */
-bool slotExists(const miState *state, const FrameBufferInfo *entries, int depth)
+/* Slot `depth` may be touched in every entry. */
+bool slotExists(const FrameBufferInfo *entries, int depth)
 {
-    return drux::depthSlotExists(state, entries, depth);
+    return drux::depthSlotExists(entries, depth);
 }
 
 /* How many samples a secondary ray takes and over which cone. */
@@ -187,7 +186,7 @@ void addDirect(miState *state, int entry_count, FrameBufferInfo *entries,
     if (entries[0].flags & FBINFO_NO_ACCUMULATE)
         return;
     const bool inLightLoop = (entries[0].flags & FBINFO_IN_LIGHT_LOOP) != 0;
-    const bool haveSlot = slotExists(state, entries, depth);
+    const bool haveSlot = slotExists(entries, depth);
     static const int kTypes[2] = {0, 34};
     for (int t : kTypes) {
         const PassTypeRange &range = pass_types->range[t];
@@ -292,7 +291,7 @@ extern "C" DRUX_API void compute_reflection(miColor *result, const miColor *colo
 
     int i = 0;
     while (i < b.n) {
-        if (i > 0 && count && slotExists(state, entries, depth + 1))
+        if (i > 0 && count && slotExists(entries, depth + 1))
             for (miUint e = 0; e < count; ++e)
                 entries[e].slots[depth + 1].opacity = BLACK;
 

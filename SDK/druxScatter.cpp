@@ -42,12 +42,8 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <thread>
-#include <unordered_map>
-#include <vector>
 
 namespace {
 
@@ -67,7 +63,9 @@ enum : int {
     kLineGridPool = 922,
     kLineFreeClaims = 1062,
     kLineFreeCells = 1063,
-    kLineFreeCache = 1064
+    kLineFreeCache = 1064,
+    kLineBoxTags = 246,
+    kLineFreeBoxTags = 247
 };
 
 constexpr int kBatch = 16;                    /* points per batch */
@@ -209,21 +207,17 @@ struct EvaluatingScope {
     EvaluatingScope &operator=(const EvaluatingScope &) = delete;
 };
 
-/* Test hook, read once at the first batch run: with
-   DRUX_TEST_SCATTER_LOST_RACE set to a non-empty value other than "0", every
-   batch run first lets the queue run empty (it takes the remaining batches
-   itself, as another thread would) between the caller's check of the cursor
-   and the batch lock, so the path of a thread that lost the race for the
-   last batch runs on every batch.  Batch runs are not per sample; normal
-   runs pay one predictable branch per batch. */
-bool forceLostRace()
-{
-    static const bool on = [] {
-        const char *v = std::getenv("DRUX_TEST_SCATTER_LOST_RACE");
-        return v && *v && std::strcmp(v, "0") != 0;
-    }();
-    return on;
-}
+/* The test build of this file (DRUX_TEST_SCATTER_LOST_RACE defined, built
+   only beside the tests) makes every batch run first let the queue run
+   empty (it takes the remaining batches itself, as another thread would)
+   between the caller's check of the cursor and the batch lock, so the path
+   of a thread that lost the race for the last batch runs on every batch.
+   The library itself never does. */
+#ifdef DRUX_TEST_SCATTER_LOST_RACE
+constexpr bool kForceLostRace = true;
+#else
+constexpr bool kForceLostRace = false;
+#endif
 thread_local bool tEmptyingQueue = false;
 
 /* ------------------------------------------------------------ record reading */
@@ -237,14 +231,27 @@ template <class T> inline T readAt(const void *base, size_t off)
 
 /* The boxes of an instance, in order.  The tags are copied while the
    geometry list is read, so that the list is released before the scan: the
-   first kLocalBoxes into the record itself, any beyond them into a growable
-   array (instances of that many boxes are rare). */
+   first kLocalBoxes into the record itself, any beyond them into one array
+   from the renderer's allocator, sized once from the list's count
+   (instances of that many boxes are rare). */
 struct BoxList {
     int count = 0;
     miTag local[kLocalBoxes];
-    std::vector<miTag> more; /* tags of boxes kLocalBoxes, kLocalBoxes + 1, ... */
+    miTag *more = nullptr; /* tags of boxes kLocalBoxes, kLocalBoxes + 1, ... */
 
-    miTag tag(int i) const { return i < kLocalBoxes ? local[i] : more[static_cast<size_t>(i - kLocalBoxes)]; }
+    BoxList() = default;
+    ~BoxList() { release(); }
+    BoxList(const BoxList &) = delete;
+    BoxList &operator=(const BoxList &) = delete;
+
+    miTag tag(int i) const { return i < kLocalBoxes ? local[i] : more[i - kLocalBoxes]; }
+    void release()
+    {
+        if (more)
+            mi_mem_int_release(kFile, kLineFreeBoxTags, more);
+        more = nullptr;
+        count = 0;
+    }
 };
 
 /* Copy the instance's object-to-internal matrix and find its boxes: the
@@ -252,8 +259,7 @@ struct BoxList {
    2, none otherwise.  Everything accessed is released again. */
 bool readInstance(miTag instTag, miScalar matrix[16], BoxList &boxes)
 {
-    boxes.count = 0;
-    boxes.more.clear();
+    boxes.release();
     if (!instTag)
         return false;
     const miInstance *inst = static_cast<const miInstance *>(mi_db_access(instTag));
@@ -273,13 +279,16 @@ bool readInstance(miTag instTag, miScalar matrix[16], BoxList &boxes)
         if (gl) {
             const int n = readAt<int>(gl, 0);
             boxes.count = n > 0 ? n : 0;
+            if (boxes.count > kLocalBoxes)
+                boxes.more = static_cast<miTag *>(mi_mem_int_allocate(
+                    kFile, kLineBoxTags, static_cast<size_t>(boxes.count - kLocalBoxes) * sizeof(miTag)));
             for (int i = 0; i < boxes.count; ++i) {
                 const miTag t = readAt<miTag>(gl, miGEOLIST_ENTRIES + static_cast<size_t>(i) * miGEOLIST_ENTRY_SIZE +
                                                       miGEOLIST_ENTRY_BOX);
                 if (i < kLocalBoxes)
                     boxes.local[i] = t;
                 else
-                    boxes.more.push_back(t);
+                    boxes.more[i - kLocalBoxes] = t;
             }
             mi_db_unpin(glTag);
         }
@@ -534,7 +543,7 @@ struct TriangleIndex {
    light, tint with the material inputs, and store the colour in the point. */
 void sampler_runbatch(Sampler *s, miState *state, SamplerParms *parms)
 {
-    if (__builtin_expect(forceLostRace(), 0) && !tEmptyingQueue) {
+    if (kForceLostRace && !tEmptyingQueue) {
         tEmptyingQueue = true;
         while (loadAcquire(&s->cursor))
             sampler_runbatch(s, state, parms);
@@ -834,53 +843,42 @@ void drainSampler(Sampler *s, miState *state, SamplerParms *parms)
 
 /* ------------------------------------------------------------ claims (cache lock held) */
 
-/* Room of the claim lists that have outgrown their first 96 entries.  The
-   cache record has no field for it: almost every list keeps its 96 entries
-   for life, so the room of the few grown ones is kept here, keyed by cache,
-   and only looked at when a list is full or being freed. */
-struct GrownClaimLists {
-    std::mutex lock;
-    std::unordered_map<const ScatterCache *, int> room;
+/* The claim list's room is kept in its own allocation, in a header just
+   before the first entry, so that growing a list needs nothing outside the
+   cache's memory: the cache record has no field for it. */
+struct ClaimHeader {
+    int room;
+    int unused;
 };
+static_assert(sizeof(ClaimHeader) == sizeof(Claim), "the header takes the place of one entry");
 
-GrownClaimLists &grownClaimLists()
+Claim *allocateClaims(int room)
 {
-    static GrownClaimLists *lists = new GrownClaimLists; /* never destroyed: caches may outlive statics */
-    return *lists;
+    ClaimHeader *h = static_cast<ClaimHeader *>(mi_mem_int_allocate(
+        kFile, kLineClaims, sizeof(ClaimHeader) + static_cast<size_t>(room) * sizeof(Claim)));
+    h->room = room;
+    h->unused = 0;
+    return reinterpret_cast<Claim *>(h + 1);
 }
 
-int claimRoom(const ScatterCache *c)
+void releaseClaims(Claim *claims)
 {
-    if (c->claimCount < kClaimRoom)
-        return kClaimRoom; /* not full whatever the room: no look-up */
-    GrownClaimLists &g = grownClaimLists();
-    std::lock_guard<std::mutex> hold(g.lock);
-    const auto it = g.room.find(c);
-    return it == g.room.end() ? kClaimRoom : it->second;
+    if (claims)
+        mi_mem_int_release(kFile, kLineFreeClaims, reinterpret_cast<ClaimHeader *>(claims) - 1);
 }
 
-void forgetClaimRoom(const ScatterCache *c)
-{
-    GrownClaimLists &g = grownClaimLists();
-    std::lock_guard<std::mutex> hold(g.lock);
-    g.room.erase(c);
-}
+int claimRoom(const Claim *claims) { return (reinterpret_cast<const ClaimHeader *>(claims) - 1)->room; }
 
 void appendClaim(ScatterCache *c, int slot, int fill)
 {
-    const int room = claimRoom(c);
+    const int room = claimRoom(c->claims);
     if (c->claimCount == room) {
         /* More lookups in flight than the list has room for: grow it.  The
            list is only touched under the cache lock, so the swap is safe. */
-        const int grown = room * 2;
-        Claim *moved = static_cast<Claim *>(
-            mi_mem_int_allocate(kFile, kLineClaims, static_cast<size_t>(grown) * sizeof(Claim)));
+        Claim *moved = allocateClaims(room * 2);
         std::memcpy(moved, c->claims, static_cast<size_t>(c->claimCount) * sizeof(Claim));
-        mi_mem_int_release(kFile, kLineFreeClaims, c->claims);
+        releaseClaims(c->claims);
         c->claims = moved;
-        GrownClaimLists &g = grownClaimLists();
-        std::lock_guard<std::mutex> hold(g.lock);
-        g.room[c] = grown;
     }
     c->claims[c->claimCount].slot = slot;
     c->claims[c->claimCount].fill = fill;
@@ -1163,8 +1161,7 @@ ScatterCache *buildCache(miState *state, float radius, int samples, int cacheSiz
         /* Cell k lives in slot k mod slotCount.  The table has the slots
            the caller asked for, also when the grid has fewer cells. */
         c->slotCount = cacheSize;
-        c->claims = static_cast<Claim *>(
-            mi_mem_int_allocate(kFile, kLineClaims, static_cast<size_t>(kClaimRoom) * sizeof(Claim)));
+        c->claims = allocateClaims(kClaimRoom);
         const size_t bytes = static_cast<size_t>(c->slotCount) * sizeof(GridCell);
         c->cells = static_cast<GridCell *>(mi_mem_int_allocate(kFile, kLineHashCells, bytes));
         std::memset(static_cast<void *>(c->cells), 0, bytes);
@@ -1324,10 +1321,8 @@ extern "C" DRUX_API void destroy_scatter(miState *, ScatterCache **cache)
         mi_delete_lock(&c->sampler.lock);
         if (c->pool)
             mi_mem_blkdelete(c->pool);
-        if (c->slotCount) {
-            mi_mem_int_release(kFile, kLineFreeClaims, c->claims);
-            forgetClaimRoom(c);
-        }
+        if (c->slotCount)
+            releaseClaims(c->claims);
         mi_mem_int_release(kFile, kLineFreeCells, c->cells);
         mi_mem_int_release(kFile, kLineFreeCache, c);
         c = next;

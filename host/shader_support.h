@@ -146,10 +146,9 @@ inline Entries entriesAtDepth(miState *state, miUint n, PassTypeInfo *types, Fra
     r.e = e;
     r.depth = state->reflection_level + state->refraction_level;
     const int limit = state->options ? state->options->trace_depth : 0;
-    /* every entry has trace-depth limit + 2 slots, as many as the state
-       set-up recorded in the entry (the limit may have been raised since) */
-    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1 ||
-        (r.e[0].depthSlots != 0 && static_cast<miUint>(r.depth) >= r.e[0].depthSlots)) {
+    /* every entry has trace-depth limit + 2 slots (this renderer keeps the
+       limit for the whole render) */
+    if (r.n == 0 || r.depth < 0 || r.depth > limit + 1) {
         r.n = 0;
         r.types = nullptr;
         r.e = nullptr;

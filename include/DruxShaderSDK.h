@@ -1,10 +1,14 @@
 /*
  * DruxShaderSDK: shading support for host shader libraries.
  *
- * Exported functions and data have plain C names, except the two C++
- * overloads getFrameBufferDataBlock and getNamedFrameBufferID(const miState*,
- * const char*).  Records shared with host libraries have binding layouts,
- * pinned by the static_asserts at the end of this header.
+ * Exported functions and data have plain C names, except two C++ overloads
+ * whose symbols carry their parameter types:
+ *   getFrameBufferDataBlock(miState*)                  _Z23getFrameBufferDataBlockP7miState
+ *   getNamedFrameBufferID(const miState*, const char*) _Z21getNamedFrameBufferIDPK7miStatePKc
+ * (the message functions druxFatal, druxInfo, druxWarning and druxError take
+ * a std::string but have plain C names).  Nothing else is exported.  Records
+ * shared with host libraries have binding layouts, pinned by the
+ * static_asserts at the end of this header.
  */
 #ifndef DRUX_SHADER_SDK_H
 #define DRUX_SHADER_SDK_H
@@ -132,8 +136,8 @@ DRUX_API void hsv_to_rgb(const miColor *hsv, miColor *rgb);
    value = the largest channel. */
 DRUX_API void rgb_to_hsv(const miColor *rgb, miColor *hsv);
 /* Sets up `sampler` (index 0) for one shading call: `count` evaluations
-   over the shutter, trunc(1/m) for the smallest time-contrast component m
-   (1 to 100), step = shutter length / count.  One, step 0, when `motion` is
+   over the shutter, trunc(1/m + KELU_EPS) for the smallest time-contrast
+   component m (1 to 100), step = shutter length / count.  One, step 0, when `motion` is
    0, in a precompute pass, with an empty shutter, when the renderer samples
    motion itself (query 158) or m <= 0. */
 DRUX_API void tmsampler_init(TmSampler *sampler, miState *state, int motion);
@@ -210,8 +214,7 @@ struct FrameBufferInfo {
     miColor shadowSum;  /* sum of shadow over a light's shadow samples */
     miColor lightSum;   /* sum of a light's sample contributions */
     miUint hostTail;
-    miUint depthSlots;  /* slots per entry (trace-depth limit + 2) as set up by the state
-                           shader; 0 in an array a host builds itself. Never written by hosts */
+    miUint padding;     /* not used: keeps slots 8-byte aligned */
     PassSlot *slots;    /* trace-depth limit + 2 slots */
 };
 
@@ -451,7 +454,12 @@ DRUX_API void get_derivs(miState *state, miVector *du, miVector *dv, int space, 
    and fewer final-gather rays on paths of low weight.  Black when every k
    channel < 1e-5, or (not connected) the "kelubase" path weight x
    (1 - transparency) k, x gain if > 1, is below minContribution or leaves
-   no final-gather ray.  irradiance_tint, irradiance: parameters. */
+   no final-gather ray.  irradiance_tint, irradiance: parameters.
+   The "kelubase" path weight is divided by the final-gather ray count for
+   the renderer's call and restored after it; a count of 0 or below (from
+   the options or the object's settings) still goes to the renderer, with
+   the path weight undivided, since 1/rays is undefined there.  A positive
+   count that the path weight scales to 0 skips the renderer: black. */
 DRUX_API void compute_irradiance(miColor *result, miColor *irradiance_tint, const miColor *color,
                                  const miColor *transparency, miColor *irradiance, miState *state,
                                  float diffuse, float gain);
@@ -781,7 +789,7 @@ static_assert(offsetof(FrameBufferInfo, shadow) == 40, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, shadowSum) == 56, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, lightSum) == 72, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, hostTail) == 88, "FrameBufferInfo");
-static_assert(offsetof(FrameBufferInfo, depthSlots) == 92, "FrameBufferInfo");
+static_assert(offsetof(FrameBufferInfo, padding) == 92, "FrameBufferInfo");
 static_assert(offsetof(FrameBufferInfo, slots) == 96, "FrameBufferInfo");
 static_assert(sizeof(FrameBufferState) == 24, "FrameBufferState");
 static_assert(offsetof(FrameBufferState, sampleColor) == 8, "FrameBufferState");

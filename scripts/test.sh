@@ -50,6 +50,10 @@ installed_checks() {
     check "SONAME of lib$lib is lib$lib.so.1" \
       bash -c "readelf -d '$prefix/lib/lib$lib.so.1.0.0' | grep -q 'SONAME.*\[lib$lib.so.1\]'"
   done
+  check "the installed library exports exactly the names of SDK/exported_symbols.txt" bash -c \
+    "diff <(nm -D --defined-only '$prefix/lib/libDruxShaderSDK.so.1.0.0' | awk '{print \$3}' | sort) <(grep -v '^#' SDK/exported_symbols.txt | sort)"
+  check "the installed library reads no environment variable" bash -c \
+    "! nm -D '$prefix/lib/libDruxShaderSDK.so.1.0.0' | grep -Ew 'getenv|secure_getenv'"
   check "druxrender --version" bash -c "'$prefix/bin/druxrender' --version | grep -qx 'druxrender 1.0.0'"
   cat >"$work/noise.cpp" <<'CPP'
 #include <DruxShaderSDK.h>

@@ -163,6 +163,10 @@ TEST_F(BadBlocks, ADamagedBlockIsReportedOncePerState)
             EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), 0u);
         }
         EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 1);
+        // What the state remembers is kept outside its store: a refused
+        // block publishes nothing there.
+        for (const char *key : {"druxPassState", "druxFBInfo", "druxFBState", "druxFBRefused"})
+            EXPECT_EQ(mi_shaderstate_get(st, key, nullptr), nullptr) << key;
         miState *other = ctx->begin_state();
         getFrameBufferDataBlock(other);
         EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 2) << "a second state reports it too";

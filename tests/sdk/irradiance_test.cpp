@@ -220,6 +220,7 @@ TEST_F(Irradiance, RayCountsOfZeroOrBelow)
         objectSettings(1, rays);
         irradiance({1, 1, 1, 1});
         irradiance({0.105f, 0.1f, 0.1f, 1}); // trunc(-3 * 0.0125) = 0, but not from a positive count
+        expectColor(bss->pathWeight, 1, 1, 1, 1, 0); // never divided by such a count, and restored
     }
     const std::vector<miIrrad_options> objectCalls = ctx->irradiance_calls();
     ASSERT_EQ(objectCalls.size(), 4u);

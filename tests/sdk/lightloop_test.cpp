@@ -214,45 +214,94 @@ TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
     expectColor(r.e[0].slots[2].accum, 0, 0, 0, 0, 1e-6f);
 }
 
-// The trace-depth limit raised after the state was set up: the state still
-// holds the slots of the old limit (2 + 2 per entry), so no function may index
-// a depth beyond them.  Entry 0's slot 4 would be entry 1's slot 0, and the
-// last entry's slot 4 lies past the block (caught by the ASan build).
-TEST_F(LightLoop, DepthLimitRaisedMidStateStaysInsideTheSlots)
+// The state's own entries are bounded by the slots its set-up allocated,
+// whatever the trace-depth limit is now.  Set up with limit 3 (5 slots per
+// entry): a limit lowered to 0 stops child rays, but sampleLightEnd has no
+// depth bound of its own and still merges into slots 3 and 4; a limit raised
+// to 50 never lets a depth past slot 4 (entry 0's slot 5 would be entry 1's
+// slot 0, and the last entry's lies past the block: the ASan build catches it).
+TEST_F(LightLoop, DepthBoundsAreTheLimitAndTheSlotsOfTheSetUp)
 {
-    Rig r(passes({{0, {}}, {0, {}}}), 2);
+    Rig r(passes({{0, {}}, {0, {}}}), 3);
     ASSERT_EQ(r.n, 2u);
-    EXPECT_EQ(r.e[0].depthSlots, 4u);
-    EXPECT_EQ(r.e[1].slots - r.e[0].slots, 4);
-    r.ctx.options().trace_depth = 50;
-    const miColor mark{9, 8, 7, 6};
+    EXPECT_EQ(r.e[1].slots - r.e[0].slots, 5);
     const int add = 1;
-    for (int depth : {3, 4, 7}) {
-        SCOPED_TRACE(depth);
+    auto lightAt = [&](int depth) { // two samples summing 2: adds 1
         r.st->reflection_level = depth;
-        r.e[1].slots[0].accum = r.e[1].slots[0].result = r.e[1].slots[0].opacity = mark;
-        r.e[0].slots[3].accum = BLACK;
-        tracePassInit(r.n, r.e, r.st);
-        tracePassAdd(r.n, r.e, r.st, miFALSE, WHITE);
         sampleLightBegin(r.n, r.e);
         r.e[0].lightSum = r.e[1].lightSum = miColor{2, 2, 2, 2};
         sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
-        expectColor(r.e[1].slots[0].accum, 9, 8, 7, 6, 1e-6f);
-        expectColor(r.e[1].slots[0].result, 9, 8, 7, 6, 1e-6f);
-        expectColor(r.e[1].slots[0].opacity, 9, 8, 7, 6, 1e-6f);
-        // Depth 3 is the last slot the state has: the light still lands there.
-        const float want = depth == 3 ? 1.0f : 0.0f;
-        expectColor(r.e[0].slots[3].accum, want, want, want, want, 1e-6f);
-    }
-    // Lowered below the set-up limit, the current limit bounds the slots.
+    };
     r.ctx.options().trace_depth = 0;
-    r.st->reflection_level = 2;
-    r.e[0].slots[2].accum = BLACK;
-    sampleLightBegin(r.n, r.e);
-    r.e[0].lightSum = miColor{2, 2, 2, 2};
-    sampleLightEnd(r.st, r.n, r.e, 2, &add, nullptr, nullptr);
-    expectColor(r.e[0].slots[2].accum, 0, 0, 0, 0, 1e-6f);
-    r.ctx.options().trace_depth = 2;
+    for (int depth : {3, 4}) {
+        r.e[0].slots[depth].accum = BLACK;
+        lightAt(depth);
+        expectColor(r.e[0].slots[depth].accum, 1, 1, 1, 1, 1e-6f);
+    }
+    r.st->reflection_level = 0;
+    r.e[0].slots[1].result = miColor{1, 1, 1, 1};
+    tracePassInit(r.n, r.e, r.st);
+    expectColor(r.e[0].slots[1].result, 1, 1, 1, 1, 0); // no child ray at the limit
+
+    r.ctx.options().trace_depth = 50;
+    const miColor mark{9, 8, 7, 6};
+    for (int depth : {4, 5, 9}) {
+        SCOPED_TRACE(depth);
+        r.e[1].slots[0].accum = r.e[1].slots[0].result = r.e[1].slots[0].opacity = mark;
+        r.e[0].slots[4].accum = BLACK;
+        r.st->reflection_level = depth;
+        tracePassInit(r.n, r.e, r.st);
+        tracePassAdd(r.n, r.e, r.st, miFALSE, WHITE);
+        lightAt(depth);
+        expectColor(r.e[1].slots[0].accum, 9, 8, 7, 6, 0);
+        expectColor(r.e[1].slots[0].result, 9, 8, 7, 6, 0);
+        expectColor(r.e[1].slots[0].opacity, 9, 8, 7, 6, 0);
+        const float want = depth == 4 ? 1.0f : 0.0f; // slot 4 is the last the state has
+        expectColor(r.e[0].slots[4].accum, want, want, want, want, 1e-6f);
+    }
+    r.ctx.options().trace_depth = 3;
+}
+
+// An entry array a host built itself is bounded by the trace-depth limit
+// alone: whatever its padding word holds (1, garbage, 0), every slot up to
+// limit + 1 is reached.
+TEST_F(LightLoop, HostBuiltEntriesAreBoundOnlyByTheLimit)
+{
+    Rig r(passes({{0, {}}}), 2);
+    PassSlot slots[2][4] = {};
+    FrameBufferInfo host[2] = {};
+    const int add = 1;
+    for (miUint pad : {1u, 0xDEADBEEFu, 0u}) {
+        SCOPED_TRACE(pad);
+        for (int i = 0; i < 2; ++i) {
+            host[i] = FrameBufferInfo{};
+            host[i].slots = slots[i];
+            host[i].padding = pad;
+            for (PassSlot &sl : slots[i])
+                sl = PassSlot{};
+            slots[i][2].result = slots[i][2].opacity = miColor{1, 1, 1, 1};
+        }
+        r.st->reflection_level = 1;
+        tracePassInit(2, host, r.st);
+        for (int i = 0; i < 2; ++i) {
+            expectColor(slots[i][2].result, 0, 0, 0, 0, 0);
+            expectColor(slots[i][2].opacity, 0, 0, 0, 0, 0);
+            slots[i][2].result = miColor{0.5f, 0.5f, 0.5f, 0.5f};
+        }
+        tracePassAdd(2, host, r.st, miFALSE, WHITE);
+        for (int depth : {1, 3}) {
+            r.st->reflection_level = depth;
+            sampleLightBegin(2, host);
+            host[0].lightSum = host[1].lightSum = miColor{2, 2, 2, 2};
+            sampleLightEnd(r.st, 2, host, 2, &add, nullptr, nullptr);
+        }
+        for (int i = 0; i < 2; ++i) {
+            expectColor(slots[i][1].accum, 1.5f, 1.5f, 1.5f, 1.5f, 1e-6f);
+            expectColor(slots[i][3].accum, 1, 1, 1, 1, 1e-6f);
+        }
+        EXPECT_EQ(host[0].padding, pad) << "the padding word is never written";
+    }
+    r.st->reflection_level = 0;
 }
 
 TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
@@ -323,20 +372,18 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
         expectColor(r.e[2].shadow, 0, 0, 0, 0, 1e-6f);
         expectColor(r.e[3].shadow, v.spared.r, v.spared.g, v.spared.b, v.spared.a, 1e-6f);
     }
-    EXPECT_EQ(mirt::db_access_count(mask.text), 1u); // read once in the sample
-    // Outside a sample (after operation 3) every call reads the mask again,
-    // and the next sample reads it once more.
+    EXPECT_EQ(mirt::db_access_count(mask.text), 4u); // read once per call
     r.ctx.end_sample(r.st, miTRUE);
     for (int k = 0; k < 2; ++k) {
         r.e[2].shadow = WHITE;
         EXPECT_EQ(applyShadowTransparencyToFrameBuffers(r.n, r.e, &opaque, miFALSE, r.st), 0);
         expectColor(r.e[2].shadow, 0, 0, 0, 0, 1e-6f);
     }
-    EXPECT_EQ(mirt::db_access_count(mask.text), 3u);
+    EXPECT_EQ(mirt::db_access_count(mask.text), 6u);
     r.ctx.begin_sample(r.st, 1, 0);
     for (int k = 0; k < 2; ++k)
         applyShadowTransparencyToFrameBuffers(r.n, r.e, &opaque, miFALSE, r.st);
-    EXPECT_EQ(mirt::db_access_count(mask.text), 4u);
+    EXPECT_EQ(mirt::db_access_count(mask.text), 8u);
     // Nothing handled (no shadowed pass contributes): 0, no record opened.
     clear(r.e[2], FBINFO_LIGHT_CONTRIBUTES);
     clear(r.e[3], FBINFO_LIGHT_CONTRIBUTES);
@@ -386,7 +433,7 @@ TEST_F(LightLoop, BrokenMasksCountAsNoMask)
         }
     }
     EXPECT_TRUE(mirt::messages().empty());
-    EXPECT_EQ(mirt::db_access_count(empty.text), 1u); // opened and released again, once in the sample
+    EXPECT_EQ(mirt::db_access_count(empty.text), 2u); // opened and released again at each of the two calls
     EXPECT_EQ(mirt::db_pin_count(notText), 0);
 }
 
@@ -444,42 +491,44 @@ TEST_F(LightLoop, LightSetUpOutsideTheProtocolAndWithoutEntries)
     EXPECT_EQ(mirt::messages().size(), 2u);
 }
 
-TEST_F(LightLoop, MasksReadFromTheSampleCacheMatchTheText)
+// Masks are read as they are at each call, also several times within one
+// eye sample: the light's data pointed at another mask, the data item
+// pointed at another text, a text changed in place; on 4 and on 70 passes.
+TEST_F(LightLoop, MasksAreReadAsTheyAreAtTheCall)
 {
-    // A light and an occluder with the same mask, on 20 and on 70 shadowed
-    // passes: the first call in a sample reads the text, the later ones take
-    // the decoded copy, calls after the sample read the text again; every
-    // way gives each entry what contributesToPass says of the text.
-    const char *const text = "0123456789abcdefF7A";
-    for (int count : {20, 70}) {
+    for (int count : {4, 70}) {
+        SCOPED_TRACE(count);
         mirt::reset();
-        std::vector<P> ps(static_cast<size_t>(count), P{0, {8}});
-        Rig r(passes(ps));
+        Rig r(passes(std::vector<P>(static_cast<size_t>(count), P{0, {8}})));
         ASSERT_EQ(r.n, static_cast<miUint>(count));
-        const Mask mask = makeMask(text);
-        const miTag inst = makeInstance(mask.data);
-        r.st->light_instance = inst;
-        r.st->instance = inst;
+        const Mask one = makeMask("1"), two = makeMask("2");
+        const miTag inst = makeInstance(one.data);
+        r.st->light_instance = r.st->instance = inst;
         const miColor opaque{0, 0, 0, 0};
-        for (int round = 0; round < 3; ++round) {
-            if (round == 2)
-                r.ctx.end_sample(r.st, miTRUE);
-            for (miUint i = 0; i < r.n; ++i)
-                r.e[i].flags ^= FBINFO_LIGHT_CONTRIBUTES; // set-up must decide every bit
+        auto expectMask = [&](const char *text) {
             setupLightContributions(r.n, r.e, r.st);
             for (miUint i = 0; i < r.n; ++i) {
                 const bool lit = contributesToPass(static_cast<int>(i), text) != 0;
-                EXPECT_EQ(has(r.e[i], FBINFO_LIGHT_CONTRIBUTES), lit) << count << " " << round << " " << i;
+                EXPECT_EQ(has(r.e[i], FBINFO_LIGHT_CONTRIBUTES), lit) << text << " light, entry " << i;
                 r.e[i].flags |= FBINFO_LIGHT_CONTRIBUTES;
                 r.e[i].shadow = WHITE;
             }
             applyShadowTransparencyToFrameBuffers(r.n, r.e, &opaque, miFALSE, r.st);
-            for (miUint i = 0; i < r.n; ++i) {
-                const float kept = contributesToPass(static_cast<int>(i), text) ? 0.0f : 1.0f;
-                expectColor(r.e[i].shadow, kept, kept, kept, kept, 1e-6f);
-            }
-        }
-        EXPECT_EQ(mirt::db_access_count(mask.text), 3u); // once in the sample, twice after it
+            for (miUint i = 0; i < r.n; ++i)
+                EXPECT_EQ(r.e[i].shadow.r, contributesToPass(static_cast<int>(i), text) ? 0.0f : 1.0f)
+                    << text << " occluder, entry " << i;
+        };
+        expectMask("1");
+        static_cast<miInstance *>(mirt::db_data(inst))->param = two.data;
+        expectMask("2");
+        *static_cast<miTag *>(mirt::db_data(two.data)) = one.text;
+        expectMask("1");
+        static_cast<char *>(mirt::db_data(one.text))[0] = '4';
+        expectMask("4");
+        r.ctx.end_sample(r.st, miTRUE);
+        r.ctx.begin_sample(r.st, 1, 0);
+        expectMask("4");
+        EXPECT_EQ(mirt::db_pin_count(one.text), 0);
     }
 }
 
@@ -687,11 +736,11 @@ TEST_F(LightLoop, WholeLoopWithAPassAwareAndAnUnawareLight)
     expectColor(e[1].shadow, 1, 1, 1, 1, 1e-6f);
     expectColor(e[3].shadow, 0, 0, 0, 0, 1e-6f);
     expectColor(e[4].shadow, 0, 0, 0, 0, 1e-6f);
-    // Each mask text opened once in the sample (the occluder is crossed
-    // twice), and released.
+    // Each mask text opened at each call (the occluder is crossed twice),
+    // and released.
     EXPECT_EQ(mirt::db_access_count(s.maskA.text), 1u);
     EXPECT_EQ(mirt::db_access_count(s.maskB.text), 1u);
-    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 1u);
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 2u);
     EXPECT_EQ(mirt::db_total_pins(), 0);
     // Later samples: the same values, no allocation in the light loops.
     t_seen = Seen();
@@ -701,7 +750,7 @@ TEST_F(LightLoop, WholeLoopWithAPassAwareAndAnUnawareLight)
             EXPECT_EQ(std::memcmp(&again[i], &fb[i], sizeof(miColor)), 0) << i;
     }
     EXPECT_EQ(t_seen.allocations, 0u);
-    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 4u); // once per sample
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 8u); // once per crossing
     s.ctx.end_state(st);
     EXPECT_TRUE(mirt::messages().empty());
 }
@@ -747,7 +796,7 @@ TEST_F(LightLoop, SharedAccumulatedAndLightFilteringShadows)
                                        {0.8f, 0.6f, 0.4f, 1}, {0.35f, 0.375f, 0.075f, 1}});
         ASSERT_EQ(entriesOf(st, &e), 6u);
         expectColor(e[5].shadow, 0.5f, 0.25f, 0.75f, 0.5f, 1e-6f); // the averaged transmission
-        EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 1u); // four crossings, one read
+        EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 4u); // one read per crossing
         s.ctx.end_state(st);
     }
     { // Unshadowed light in the passes, then the occluder filters the light:
@@ -788,7 +837,7 @@ TEST_F(LightLoop, ConcurrentStatesKeepTheirOwnPasses)
         EXPECT_RESULTS(fb, {{0.45f, 0.225f, 0.325f, 1}, {1.0f, 0.75f, 0.55f, 1}, {0.45f, 0.225f, 0.325f, 1},
                             {0.2f, 0.15f, 0.15f, 1}, {1.0f, 0.75f, 0.55f, 1}, {0.35f, 0.375f, 0.075f, 1}});
     EXPECT_EQ(mirt::db_access_count(s.maskA.text), uint64_t(2 * kSamples));
-    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), uint64_t(2 * kSamples)); // once per sample
+    EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), uint64_t(4 * kSamples)); // once per crossing
 }
 
 } // namespace

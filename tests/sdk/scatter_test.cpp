@@ -1,6 +1,8 @@
 // Subsurface-scattering cache: point spreading, lazy evaluation, falloff
 // weights, cache reuse and teardown, hash slots, nested lookups and many
 // threads on one cache, all through the runtime's database, lights and states.
+#define DRUX_COUNT_NEW_BY_CALLER
+#include "count_new.h"
 #include "DruxShaderSDK.h"
 #include "geometry.h"
 #include "runtime.h"
@@ -17,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <functional>
 #include <future>
 #include <memory>
@@ -26,10 +29,10 @@
 
 namespace {
 
-// Every batch run of this program first lets the batch queue run empty, so
-// the path of a thread that lost the race for the last batch runs on every
-// batch of every test here (DRUX_TEST_SCATTER_LOST_RACE=0 turns it off).
-[[maybe_unused]] const int kLostRaceOnEveryBatch = ::setenv("DRUX_TEST_SCATTER_LOST_RACE", "1", 0);
+// This program calls the scattering cache's test build
+// (libdrux_scatter_lostrace.so, loaded ahead of the library), in which every
+// batch run first lets the batch queue run empty, so the path of a thread
+// that lost the race for the last batch runs on every batch of every test.
 
 const char *const kTag = "SDK/druxScatter";
 
@@ -338,12 +341,17 @@ TEST_F(Scatter, MoreThan256BoxesReadTheGeometryListOnce)
     ASSERT_EQ(g.boxes.size(), 300u);
     light({0, 0, 100}, {0.5f, 1, 0.25f, 1}, 1, 0);
     p->radius = 0.15f, p->samples = 8;
+    countnew::watch(reinterpret_cast<const void *>(&compute_scatter));
     for (int mode : {0, 7}) {
         SCOPED_TRACE(mode);
         reset();
         p->cacheSize = mode;
         const uint64_t inst0 = mirt::db_access_count(g.instance), list0 = mirt::db_access_count(g.geolist);
+        const uint64_t news = watchedAllocationCount();
         expectRGB(lookup(g.instance, {1.93f, 1.43f, 0}), 0.5f, 1, 0.25f); // triangle 299
+        EXPECT_EQ(watchedAllocationCount(), news) << "the scattering code calls no operator new";
+        EXPECT_EQ(allocatedAt(246), 44 * 4) << "the 44 box tags past the first 256, from the renderer's allocator";
+        EXPECT_EQ(events(246, false), events(247, true)) << "and released again";
         EXPECT_EQ(mirt::db_access_count(g.geolist) - list0, mirt::db_access_count(g.instance) - inst0);
         int late = 0; // points evaluated on triangles 260 to 299 (y >= 1.3)
         for (const miVector &q : probe.points)
@@ -564,6 +572,16 @@ TEST_F(Scatter, GridGrowsByTenNinthsUntilWithinBudget)
     EXPECT_GT(cells(0.1f), 100000000LL) << "ungrown, the grid would have 1e8 cells";
 }
 
+// The lost-race path only runs in the test build: the lookups here must be
+// its code, not the library's.
+TEST(ScatterBuild, LookupsRunTheLostRaceTestBuild)
+{
+    Dl_info info{};
+    ASSERT_NE(dladdr(reinterpret_cast<const void *>(&compute_scatter), &info), 0);
+    const std::string file = info.dli_fname ? info.dli_fname : "";
+    EXPECT_NE(file.find("libdrux_scatter_lostrace.so"), std::string::npos) << file;
+}
+
 TEST_F(Scatter, DestroyReleasesEverything)
 {
     const mirt::GeometryTags a = triangles({rightTri(0, 0, 1, 1)});
@@ -575,7 +593,7 @@ TEST_F(Scatter, DestroyReleasesEverything)
     if (sizeof(void *) == 8) {
         EXPECT_EQ(allocatedAt(816), 120) << "the cache record holds exactly its fields";
     }
-    EXPECT_EQ(allocatedAt(850), 96 * 8) << "room for 96 claims";
+    EXPECT_EQ(allocatedAt(850), 8 + 96 * 8) << "room for 96 claims, after the word that keeps the room";
     EXPECT_EQ(allocatedAt(851), 40 * 16) << "the 40 hash slots asked for, though the grid has 3 x 3 x 1 cells";
     EXPECT_EQ(events(852, false), 1);
     EXPECT_EQ(events(922, false), 1) << "the full grid's pool, made on its first scan";
