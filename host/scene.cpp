@@ -28,15 +28,23 @@ struct RoleInfo {
    data passes take 11, a type that is never shadowed, except coverage, which
    takes 16, a type whose alpha the library writes unchanged. */
 const RoleInfo kRoles[] = {
-    {PassRole::Beauty, "beauty", 0, false},        {PassRole::Diffuse, "diffuse", 1, true},
-    {PassRole::Specular, "specular", 4, true},     {PassRole::Reflection, "reflection", 26, true},
-    {PassRole::Refraction, "refraction", 28, true}, {PassRole::Indirect, "indirect", 32, true},
-    {PassRole::Scatter, "scatter", 33, true},      {PassRole::Background, "background", 31, true},
-    {PassRole::Shadow, "shadow", 12, false},       {PassRole::LightGroup, "lightgroup", 20, false},
-    {PassRole::Constant, "constant", -1, false},   {PassRole::Custom, "custom", 34, false},
-    {PassRole::Depth, "depth", 11, false},         {PassRole::Normal, "normal", 11, false},
-    {PassRole::Position, "position", 11, false},   {PassRole::Albedo, "albedo", 11, false},
-    {PassRole::Coverage, "coverage", 16, false},
+    {PassRole::Beauty, "beauty", DRUX_PASS_BEAUTY, false},
+    {PassRole::Diffuse, "diffuse", DRUX_PASS_DIFFUSE, true},
+    {PassRole::Specular, "specular", DRUX_PASS_SPECULAR, true},
+    {PassRole::Reflection, "reflection", DRUX_PASS_REFLECTION, true},
+    {PassRole::Refraction, "refraction", DRUX_PASS_REFRACTION, true},
+    {PassRole::Indirect, "indirect", DRUX_PASS_INDIRECT, true},
+    {PassRole::Scatter, "scatter", DRUX_PASS_SCATTER, true},
+    {PassRole::Background, "background", DRUX_PASS_BACKGROUND, true},
+    {PassRole::Shadow, "shadow", DRUX_PASS_SHADOW, false},
+    {PassRole::LightGroup, "lightgroup", DRUX_PASS_LIGHT_GROUP, false},
+    {PassRole::Constant, "constant", -1, false},
+    {PassRole::Custom, "custom", DRUX_PASS_CUSTOM, false},
+    {PassRole::Depth, "depth", DRUX_PASS_DATA, false},
+    {PassRole::Normal, "normal", DRUX_PASS_DATA, false},
+    {PassRole::Position, "position", DRUX_PASS_DATA, false},
+    {PassRole::Albedo, "albedo", DRUX_PASS_DATA, false},
+    {PassRole::Coverage, "coverage", DRUX_PASS_COVERAGE, false},
 };
 
 const RoleInfo *info(PassRole role)

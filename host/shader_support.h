@@ -45,18 +45,10 @@ struct CallNote {
 #define DRUX_CALL(fn) (::druxhost::shading::CallNote(#fn), fn)
 
 /* A parameter's value, evaluated when it is connected to another shader
-   (the renderer's convention: a connection word follows every parameter
-   word at the shader's ghost offset). */
+   (mi_eval; the typed mi_eval_* forms are the same call). */
 template <class T> T param(miState *state, const T *p)
 {
-    const miFunction *f = state ? state->shader : nullptr;
-    if (f && f->has_connections) {
-        miTag word;
-        std::memcpy(&word, reinterpret_cast<const char *>(p) + f->ghost_offs, sizeof word);
-        if (word != 0 && word != miPARAM_UNCONNECTED)
-            return *static_cast<const T *>(mi_phen_eval(state, const_cast<T *>(p)));
-    }
-    return *p;
+    return *static_cast<const T *>(mi_eval(state, const_cast<T *>(p)));
 }
 
 inline PassRole roleOf(const FrameBufferInfo &e) { return static_cast<PassRole>(e.hostData[0]); }

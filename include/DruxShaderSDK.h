@@ -15,15 +15,17 @@
 
 #include "shader.h"
 
-#include <cstddef>
+#include <stddef.h>
+#ifdef __cplusplus
 #include <string>
+#endif
 
 #define DRUX_API __attribute__((visibility("default")))
 
 /* ================================================== constants and colours */
 
 /* Single bits of the host's feature mask. */
-extern "C" {
+MI_BEGIN_C
 DRUX_API extern const int KELU_MAGIC;          /* 'Kelu' = 0x4B656C75 */
 DRUX_API extern const float KELU_EPS;          /* 1e-5 */
 DRUX_API extern const int KELU_CUBE_SIDE;      /* 32 */
@@ -52,10 +54,10 @@ DRUX_API extern const char *KELU_FRAMEBUFFER_DATA_SUFFIX; /* ":fbdata" */
 DRUX_API extern const char *PASS_TYPE_INFO_KEY;           /* "druxPassState" */
 DRUX_API extern const char *FRAME_BUFFER_INFO_KEY;        /* "druxFBInfo" */
 DRUX_API extern const char *FRAME_BUFFER_STATE_KEY;       /* "druxFBState" */
-}
+MI_END_C
 
 /* What a light shader tells the material it emits (48 bytes). */
-struct LightData {
+typedef struct LightData {
     int addConstant;   /* non-zero: constant weight 1, whatever the angle */
     int addLambert;    /* non-zero: Lambert (cosine) and translucence terms */
     int hostFlagA;     /* for the host */
@@ -63,31 +65,34 @@ struct LightData {
     miColor color;     /* for the host */
     miVector *corners; /* four corners of a rectangular area light, or null */
     unsigned char reserved[8];
-};
+} LightData;
 
-extern "C" {
+MI_BEGIN_C
 DRUX_API extern LightData defaultLightDataArray;
 
 /* Messages: each hands `message` to the renderer as it is (no prefix, no
    newline, no format conversion: a '%' is printed), through mi_fatal,
-   mi_info, mi_warning and mi_error, in that order.  druxFatal does not return. */
+   mi_info, mi_warning and mi_error, in that order.  druxFatal does not return.
+   C++ only: from C, call mi_fatal, mi_info, mi_warning and mi_error. */
+#ifdef __cplusplus
 DRUX_API void druxFatal(const std::string &message);
 DRUX_API void druxInfo(const std::string &message);
 DRUX_API void druxWarning(const std::string &message);
 DRUX_API void druxError(const std::string &message);
-}
+#endif
+MI_END_C
 
 /* ================================================== user data and scratch memory */
 
 /* A caller-owned stack of fixed-size elements on a per-thread block allocator.
    Each element's first pointer-sized word links to the element below. */
-struct ScratchStack {
+typedef struct ScratchStack {
     void *top;
     int count;
     miMemblk *allocator;
-};
+} ScratchStack;
 
-extern "C" {
+MI_BEGIN_C
 /* Parameter data of the first user-data block with `magic` on a chain, or
    null.  `type` miSCENE_USERDATA: `tag` is the chain's first block;
    miSCENE_OBJECT: `tag` is an object (or an instance of one) whose chain is
@@ -116,17 +121,17 @@ DRUX_API void stack_pop(ScratchStack *stack);
    divided by w unless w is 0 or 1) to *origin; unchanged when the camera
    instance cannot be read. */
 DRUX_API void origin_from_camera(miState *state, miVector *origin);
-}
+MI_END_C
 
 /* ================================================== colour and time sampling */
 
-struct TmSampler {
+typedef struct TmSampler {
     miUint index; /* samples taken */
     miUint count; /* samples to take, 1..100 */
     float step;   /* time between samples */
-};
+} TmSampler;
 
-extern "C" {
+MI_BEGIN_C
 /* HSV (hue as a fraction of a turn: 0 red, 1/3 green, 2/3 blue; a hue >= 1
    wraps) to RGB; alpha is copied, and hsv may be rgb.  Saturation 0 gives
    grey = value; a negative or NaN hue writes only alpha. */
@@ -147,7 +152,7 @@ DRUX_API void tmsampler_next(TmSampler *sampler, miState *state);
 /* True once `count` samples were taken.  Use: init, then evaluate and
    tmsampler_next until this is true. */
 DRUX_API miBoolean tmsampler_isDone(const TmSampler *sampler);
-}
+MI_END_C
 
 /* ================================================== frame-buffer records */
 
@@ -155,17 +160,17 @@ DRUX_API miBoolean tmsampler_isDone(const TmSampler *sampler);
 #define DRUX_PASS_TYPES 35
 
 /* One frame-buffer declaration of the exporter's block (15 words). */
-struct FrameBufferInfoRecord {
+typedef struct FrameBufferInfoRecord {
     miTag frameBufferName; /* tag of the name string */
     int flag[9];           /* word k non-zero sets flag bit 1 << (k - 1) */
     miUint hostData[4];
     miUint hostTail;
-};
+} FrameBufferInfoRecord;
 
 /* The exporter's frame-buffer description: parameters of the camera's user
    data with magic "FBuf".  Each array: first index, count, one storage slot;
    element k lies at the storage slot plus (first + k) elements. */
-struct FrameBufferDataBlock {
+typedef struct FrameBufferDataBlock {
     int magic;                                 /*  0 */
     int nonMaterialPassesFirst;                /*  4 */
     int nonMaterialPassesCount;                /*  8 */
@@ -176,36 +181,73 @@ struct FrameBufferDataBlock {
     int typeCountsFirst;                       /* 84 */
     int typeCountsCount;                       /* 88 */
     int typeCounts[1];                         /* 92 */
-};
+} FrameBufferDataBlock;
 
 #define FBUF_MAGIC 0x46427566 /* 'FBuf' */
 
-struct FrameBufferDataRef {
+typedef struct FrameBufferDataRef {
     const FrameBufferDataBlock *block; /* null when there is no block */
     miTag tag;                         /* pinned user-data record; 0 when none */
     miBoolean swapped;                 /* the magic matched only byte-reversed */
-};
+} FrameBufferDataRef;
 
-struct PassTypeRange {
+typedef struct PassTypeRange {
     int count;
     int first;
-};
+} PassTypeRange;
 
 /* Stored under PASS_TYPE_INFO_KEY. */
-struct PassTypeInfo {
+typedef struct PassTypeInfo {
     PassTypeRange range[DRUX_PASS_TYPES];
+} PassTypeInfo;
+
+/* The pass types (0 to 34) that the reference exporter gives each kind of
+   pass.  The library gives some types roles of their own: 12-15 are shadow
+   passes; 6, 8, 11, 31 and 34 are never shadowed; reflected and refracted
+   light does not propagate into 1, 4, 26, 28, 32 and 33; 16-18 keep their
+   alpha in the frame buffer; the environment that reflection and
+   refraction fall back on is added into 0 and 34. */
+enum {
+    DRUX_PASS_BEAUTY = 0,       /* everything the surface shows */
+    DRUX_PASS_DIFFUSE = 1,      /* direct diffuse light */
+    DRUX_PASS_SPECULAR = 4,     /* direct highlights */
+    DRUX_PASS_DATA = 11,        /* depth, normal, position, albedo of the first hit */
+    DRUX_PASS_SHADOW = 12,      /* the light taken away by occluders */
+    DRUX_PASS_COVERAGE = 16,    /* alpha kept as written */
+    DRUX_PASS_LIGHT_GROUP = 20, /* the light of some lights, traced light included */
+    DRUX_PASS_REFLECTION = 26,  /* reflected light */
+    DRUX_PASS_REFRACTION = 28,  /* refracted light */
+    DRUX_PASS_BACKGROUND = 31,  /* what eye rays see of the environment */
+    DRUX_PASS_INDIRECT = 32,    /* final-gather light */
+    DRUX_PASS_SCATTER = 33,     /* subsurface scattering */
+    DRUX_PASS_CUSTOM = 34       /* a pass a shader library fills by name */
 };
 
+/* The pass type of entry `index`: the range of the table that holds it, or
+   -1 (also for a null table). */
+static inline int drux_pass_type(const PassTypeInfo *types, miUint index)
+{
+    int t;
+    if (!types)
+        return -1;
+    for (t = 0; t < DRUX_PASS_TYPES; ++t) {
+        const PassTypeRange *r = &types->range[t];
+        if (r->count > 0 && r->first >= 0 && index >= (miUint)r->first && index - (miUint)r->first < (miUint)r->count)
+            return t;
+    }
+    return -1;
+}
+
 /* Per entry and trace depth. */
-struct PassSlot {
+typedef struct PassSlot {
     miColor accum;    /* what this depth gathered for the pass */
     miColor result;   /* the surface's final colour for the pass at this depth */
     miColor opacity;  /* coverage of result */
     miUint slotFlags; /* bit 0: no direct contribution at this depth */
-};
+} PassSlot;
 
 /* One per frame buffer; the array is stored under FRAME_BUFFER_INFO_KEY. */
-struct FrameBufferInfo {
+typedef struct FrameBufferInfo {
     miUint fbId;        /* 0: unknown name; entry 0 holds 0xFFFFFFFF until names are resolved */
     miUint flags;       /* FBINFO_ bits */
     miUint hostData[4];
@@ -216,14 +258,14 @@ struct FrameBufferInfo {
     miUint hostTail;
     miUint padding;     /* not used: keeps slots 8-byte aligned */
     PassSlot *slots;    /* trace-depth limit + 2 slots */
-};
+} FrameBufferInfo;
 
 /* Stored under FRAME_BUFFER_STATE_KEY. */
-struct FrameBufferState {
+typedef struct FrameBufferState {
     int allocateTempOnHeap;
     int sampleValue;
     miColor sampleColor;
-};
+} FrameBufferState;
 
 #define DRUX_FBID_UNRESOLVED 0xFFFFFFFFu
 
@@ -246,7 +288,9 @@ enum {
     FBINFO_NO_ACCUMULATE = 0x10000
 };
 
-/* C++ overloads (mangled names). */
+/* C++ overloads (mangled names); from C, use the tag variant of
+   getNamedFrameBufferID below. */
+#ifdef __cplusplus
 
 /* The camera's "FBuf" block, pinned: mi_db_unpin(ref.tag) when done.
    Without a block, or for a refused one (other byte order, shorter than
@@ -257,8 +301,9 @@ DRUX_API FrameBufferDataRef getFrameBufferDataBlock(miState *state);
 /* Index of frame buffer `name` in the camera's frame-buffer set, for
    mi_fb_put/mi_fb_get; 0 for an unknown or null name. */
 DRUX_API miUint getNamedFrameBufferID(const miState *state, const char *name);
+#endif
 
-extern "C" {
+MI_BEGIN_C
 /* The same for the name in string item `name`; 0 for tag 0, a missing item
    or one that is not a string.  Nothing stays pinned. */
 DRUX_API miUint getNamedFrameBufferID(miState *state, miTag name);
@@ -276,16 +321,16 @@ DRUX_API miUint getFrameBufferInfo(miState *state, PassTypeInfo **types, FrameBu
 /* Frame-buffer index of the block's non-material pass `index`; 0 without a
    usable block or for an index outside the array.  Nothing stays pinned. */
 DRUX_API miUint getNonMaterialPassFrameBufferIndex(miState *state, int index);
-}
+MI_END_C
 
 /* ================================================== frame-buffer state shaders */
 
-struct druxFrameBufferInit_params {
+typedef struct druxFrameBufferInit_params {
     int nonMaterialPass;
     miColor initColor;
-};
+} druxFrameBufferInit_params;
 
-extern "C" {
+MI_BEGIN_C
 /* The three shaders the exporter declares.  Each _version returns the
    interface version, 1.  The _init functions, called for the shader as a
    whole (params null), report through druxError when it is not declared as
@@ -316,11 +361,11 @@ DRUX_API miBoolean druxFrameBufferInit(void *result, miState *state,
 DRUX_API int druxTraversal_version(void);
 /* Does nothing and returns true. */
 DRUX_API miBoolean druxTraversal(miColor *result, miState *state, void *params);
-}
+MI_END_C
 
 /* ================================================== light loop */
 
-extern "C" {
+MI_BEGIN_C
 /* Whether contribution `mask` (hex digits; digit i/4, bit i%4 stands for
    entry i: "1" entry 0, "F" entries 0-3, "08" entry 7; any case) includes
    entry `index`.  A null mask includes every entry; an index at or past the
@@ -399,11 +444,11 @@ DRUX_API void setupLightContributions(miUint n, FrameBufferInfo *entries, miStat
    entries light = *lightResult, the others black.  Otherwise nothing. */
 DRUX_API void handleNonDruxLights(miUint n, FrameBufferInfo *entries, const miColor *lightResult,
                                   miTag lightInstance, miState *state);
-}
+MI_END_C
 
 /* ================================================== shading models */
 
-extern "C" {
+MI_BEGIN_C
 /* Strand highlight: (2s^3 - 3s^2 + 1)^exponent with s half the difference
    of dir_a and dir_b projected on `tangent` (1 when equal, 0 at s = 1). */
 DRUX_API float compute_hairtubeshader_specular(const miVector *dir_a, const miVector *dir_b,
@@ -463,16 +508,16 @@ DRUX_API void get_derivs(miState *state, miVector *du, miVector *dv, int space, 
 DRUX_API void compute_irradiance(miColor *result, miColor *irradiance_tint, const miColor *color,
                                  const miColor *transparency, miColor *irradiance, miState *state,
                                  float diffuse, float gain);
-}
+MI_END_C
 
 /* ================================================== base-material compositing */
 
-struct BaseComposite {
+typedef struct BaseComposite {
     int mode;
     int hintA;
     int hintB;
     miUint flags; /* BC_ bits */
-};
+} BaseComposite;
 
 enum {
     BC_A = 0x1,
@@ -489,7 +534,7 @@ enum {
 };
 
 /* The calling shader's output record written by bc_composite. */
-struct BaseCompositeResult {
+typedef struct BaseCompositeResult {
     miColor result;          /* 0x00 */
     miScalar secondary[3];   /* 0x10 */
     miScalar pad1c;
@@ -511,9 +556,9 @@ struct BaseCompositeResult {
     miColor copyH;           /* 0xe0 */
     miScalar oneMinusTransparency[3]; /* 0xf0 */
     miScalar padfc;
-};
+} BaseCompositeResult;
 
-extern "C" {
+MI_BEGIN_C
 /* Fills *bc for composite mode 0 to 6 (hints and BC_ flags; mode 6 looks
    at the precompute-pass query); another mode stores only the number. */
 DRUX_API void bc_construct(BaseComposite *bc, int mode, miState *state);
@@ -536,12 +581,12 @@ DRUX_API void bc_composite(BaseComposite bc, void *out, const miColor *c_a, cons
                            const miColor *c_f, const miColor *c_g, const miColor *c_h,
                            const miColor *transparency, int zero_color, int opacity_rule, float k,
                            float scale, float e_weight, float opacity);
-}
+MI_END_C
 
 /* ================================================== reflection and refraction */
 
 /* The host's per-thread record under the shader-state key "kelubase". */
-struct BaseShaderState {
+typedef struct BaseShaderState {
     int mode;                      /* 0x000 */
     int hostA[3];                  /* 0x004 */
     int refractBlurLimit;          /* 0x010 */
@@ -557,11 +602,11 @@ struct BaseShaderState {
     miColor childTransmission;     /* 0x1ec */
     unsigned char hostE[0x230 - 0x1fc];
     miColor pathWeight;            /* 0x230 */
-};
+} BaseShaderState;
 
 #define KELU_BASE_STATE_KEY "kelubase"
 
-extern "C" {
+MI_BEGIN_C
 /* Reflection along the mirror direction, or over a cone around it, traced
    or taken from the environment (or reflected_color), with the per-pass
    bookkeeping.  *result is the plain average (alpha 0): the caller
@@ -630,13 +675,13 @@ DRUX_API void compute_refraction(miColor *result, miColor *transmission, int *re
                                  int *chromatic, const miVector *normal, miState *state,
                                  int entry_count, FrameBufferInfo *entries,
                                  PassTypeInfo *pass_types, const float *pass_scale, float dot_nd);
-}
+MI_END_C
 
 /* ================================================== subsurface scattering */
 
-struct ScatterCache; /* opaque to callers */
+typedef struct ScatterCache ScatterCache; /* opaque to callers */
 
-extern "C" {
+MI_BEGIN_C
 /* Subsurface scattering: the distance-weighted average colour of the cached
    points within the radius, times scale, alpha 0.  The first call for an
    instance builds its cache (points on its triangles, lit when first
@@ -671,7 +716,7 @@ DRUX_API void compute_scatter(miColor *result, miColor *scale, float *radius, in
 /* Frees every cache on *cache and sets it to null (state unused).  Null or
    empty: nothing.  Only while no compute_scatter runs on the list. */
 DRUX_API void destroy_scatter(miState *state, ScatterCache **cache);
-}
+MI_END_C
 
 /* ================================================== ramps */
 
@@ -679,7 +724,7 @@ DRUX_API void destroy_scatter(miState *state, ScatterCache **cache);
 
 enum { RAMP_NONE = 0, RAMP_LINEAR = 1, RAMP_SMOOTH = 2, RAMP_SPLINE = 3 };
 
-struct Ramp {
+typedef struct Ramp {
     int is_color;
     int count;
     float position[RAMP_MAX_KEYS];
@@ -688,21 +733,21 @@ struct Ramp {
         miColor color[RAMP_MAX_KEYS];
     };
     int interpolation[RAMP_MAX_KEYS];
-};
+} Ramp;
 
 /* Elements of a ramp array parameter. */
-struct RampScalarEntry {
+typedef struct RampScalarEntry {
     float position;
     float value;
     int interpolation;
-};
-struct RampColorEntry {
+} RampScalarEntry;
+typedef struct RampColorEntry {
     float position;
     miColor color;
     int interpolation;
-};
+} RampColorEntry;
 
-extern "C" {
+MI_BEGIN_C
 /* Copies ramp array parameter `entries` (first index, count, then
    RampScalarEntry or, with is_color, RampColorEntry elements; connected
    fields evaluated) into *ramp, at most 50 keys in their order.  Null or a
@@ -719,11 +764,11 @@ DRUX_API float ramp_get_interp_float(const Ramp *ramp, float x);
    spline's end key, copied whole.  (0, 0, 0, 0) for an empty or scalar
    ramp. */
 DRUX_API void ramp_get_interp_color(const Ramp *ramp, miColor *result, float x);
-}
+MI_END_C
 
 /* ================================================== noise */
 
-extern "C" {
+MI_BEGIN_C
 /* The value noise's lattice, 65,535 values in (-1, 1) and a final 0. */
 DRUX_API extern const float NoiseTable[65536];
 /* The gradient noise's hash: a permutation of 0..255. */
@@ -756,10 +801,11 @@ DRUX_API void noise_gradient_init(miState *state);
 /* Gradient noise, period 256 per axis, 0 at whole-number points; 0 until
    noise_gradient_init has run. */
 DRUX_API float noise_gradient_3d(float x, float y, float z);
-}
+MI_END_C
 
 /* ================================================== layouts */
 
+#ifdef __cplusplus
 static_assert(sizeof(LightData) == 48, "LightData");
 static_assert(offsetof(LightData, color) == 16, "LightData");
 static_assert(offsetof(LightData, corners) == 32, "LightData");
@@ -819,5 +865,6 @@ static_assert(sizeof(Ramp) == 1208, "Ramp");
 static_assert(sizeof(RampScalarEntry) == 12, "ramp scalar entry");
 static_assert(sizeof(RampColorEntry) == 24, "ramp colour entry");
 static_assert(offsetof(RampColorEntry, interpolation) == 20, "ramp colour entry");
+#endif /* __cplusplus */
 
 #endif /* DRUX_SHADER_SDK_H */

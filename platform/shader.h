@@ -396,6 +396,22 @@ MI_API miBoolean mi_shaderstate_set(miState *state, const char *key, const void 
                                     int lifetime);
 MI_API void *mi_phen_eval(miState *state, void *param);
 MI_API void *mi_phen_call(miState *state, void *param);
+/* A parameter's value as a shader reads it.  `param` points into the
+   current shader's parameter block (&params->NAME); the result points at
+   the value: the parameter itself when it is not connected, else the result
+   of the shader it is connected to (valid until the next evaluations on
+   this thread).  A pointer outside the block is returned as it is, with an
+   error once per shader and calling function. */
+MI_API void *mi_eval(miState *state, void *param);
+/* Typed forms, as in the renderer's shader interface: each takes the state
+   from the variable `state` of the calling shader and returns a pointer. */
+#define mi_eval_scalar(p) ((miScalar *)mi_eval(state, (void *)(p)))
+#define mi_eval_integer(p) ((miInteger *)mi_eval(state, (void *)(p)))
+#define mi_eval_boolean(p) ((miBoolean *)mi_eval(state, (void *)(p)))
+#define mi_eval_color(p) ((miColor *)mi_eval(state, (void *)(p)))
+#define mi_eval_vector(p) ((miVector *)mi_eval(state, (void *)(p)))
+#define mi_eval_transform(p) ((miScalar *)mi_eval(state, (void *)(p)))
+#define mi_eval_tag(p) ((miTag *)mi_eval(state, (void *)(p)))
 
 /* frame buffers */
 MI_API miBoolean mi_fb_put(miState *state, int buffer, void *data);

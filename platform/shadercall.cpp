@@ -5,6 +5,11 @@
 #include "runtime_internal.h"
 
 #include <cstring>
+#include <dlfcn.h>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
 
 namespace mirt {
 using namespace rt;
@@ -37,7 +42,37 @@ struct ShaderSwitch {
     }
 };
 
-void *phen_eval(miState *state, void *param, const char *who)
+/* Reports a fault of one shader's parameter use once: keyed by the shader,
+   the place (a parameter offset, or the calling function) and the kind. */
+bool first_report(const miFunction *f, uintptr_t where, int kind)
+{
+    static std::mutex mu;
+    static std::set<std::pair<std::pair<miTag, uintptr_t>, int>> seen;
+    std::lock_guard<std::mutex> lk(mu);
+    return seen.insert({{f->tag, where}, kind}).second;
+}
+
+/* The exported function that contains `code`, for messages: its name, or
+   the shared object's file when the function is not exported. */
+std::string function_at(const void *code)
+{
+    Dl_info info{};
+    if (!code || !dladdr(code, &info))
+        return "an unknown function";
+    if (info.dli_sname)
+        return info.dli_sname;
+    return std::string("a function of ") + (info.dli_fname ? info.dli_fname : "an unknown object");
+}
+
+bool inside_block(const miFunction *f, const void *param)
+{
+    const char *p = static_cast<const char *>(param), *b = static_cast<const char *>(f->params);
+    return p >= b && p + sizeof(miTag) <= b + f->param_size;
+}
+
+/* `caller`: the code that asked, named in the message about a pointer that
+   is no parameter of the current shader. */
+void *phen_eval(miState *state, void *param, const char *who, const void *caller)
 {
     if (!state || !param)
         return param;
@@ -46,13 +81,28 @@ void *phen_eval(miState *state, void *param, const char *who)
         error("%s: the state has no current shader", who);
         return param;
     }
+    if (!inside_block(cur, param)) {
+        /* Not a parameter: a value of the caller's own (a local, a
+           constant).  It is read in place; its "connection word" would lie
+           outside the block. */
+        const std::string fn = function_at(caller);
+        if (first_report(cur, reinterpret_cast<uintptr_t>(caller), 0))
+            error("%s: %s passed shader %s a pointer outside its parameter block; it is read as a plain value. "
+                  "An argument that may be connected must point into the shader's parameter block "
+                  "(&params->NAME)",
+                  who, fn.c_str(), cur->name ? cur->name : "?");
+        return param;
+    }
     miTag word;
     std::memcpy(&word, static_cast<char *>(param) + cur->ghost_offs, sizeof word);
     if (word == 0 || word == miPARAM_UNCONNECTED)
         return param; /* not connected: the value in place */
     miFunction *src = function_record(word);
     if (!src || !src->fn) {
-        error("%s: parameter connected to unknown shader %u", who, word);
+        const uintptr_t offset = static_cast<uintptr_t>(static_cast<char *>(param) - static_cast<char *>(cur->params));
+        if (first_report(cur, offset, 1))
+            error("%s: parameter at byte %zu of shader %s is connected to unknown shader %u; its own value is used",
+                  who, static_cast<size_t>(offset), cur->name ? cur->name : "?", word);
         return param;
     }
     if (src->result_size < 0 || static_cast<size_t>(src->result_size) > kEvalBytes) {
@@ -161,14 +211,24 @@ extern "C" {
 
 void *mi_phen_eval(miState *state, void *param)
 {
-    return phen_eval(state, param, "mi_phen_eval");
+    return phen_eval(state, param, "mi_phen_eval", __builtin_return_address(0));
 }
 
 /* Nothing is cached between evaluations, so re-evaluating on a changed state
    is the same call. */
 void *mi_phen_call(miState *state, void *param)
 {
-    return phen_eval(state, param, "mi_phen_call");
+    return phen_eval(state, param, "mi_phen_call", __builtin_return_address(0));
+}
+
+/* The value of a parameter of the current shader: the parameter itself
+   unless it is connected, and then the connected shader's result. */
+void *mi_eval(miState *state, void *param)
+{
+    const miFunction *f = state ? state->shader : nullptr;
+    if (!param || !f || !f->has_connections)
+        return param;
+    return phen_eval(state, param, "mi_eval", __builtin_return_address(0));
 }
 
 } // extern "C"

@@ -59,30 +59,6 @@ const miShaderDecl kShaders[] = {
     {"toonStripes", miTYPE_COLOR, 1, kStripeParams, sizeof kStripeParams / sizeof kStripeParams[0]},
 };
 
-/* a parameter's value, evaluated when it is connected to another shader */
-template <class T> T param(miState *state, T *p)
-{
-    const miFunction *f = state->shader;
-    if (f && f->has_connections) {
-        miTag word = *reinterpret_cast<const miTag *>(reinterpret_cast<const char *>(p) + f->ghost_offs);
-        if (word != 0 && word != miPARAM_UNCONNECTED)
-            return *static_cast<T *>(mi_phen_eval(state, p));
-    }
-    return *p;
-}
-
-/* the pass type of entry i, from the type table's ranges */
-int passType(const PassTypeInfo *types, miUint i)
-{
-    for (int t = 0; types && t < DRUX_PASS_TYPES; ++t)
-        if (types->range[t].count > 0 && i >= miUint(types->range[t].first) &&
-            i < miUint(types->range[t].first + types->range[t].count))
-            return t;
-    return -1;
-}
-
-enum { kBeauty = 0, kDiffuse = 1, kSpecular = 4 };
-
 } // namespace
 
 DRUX_SHADER_LIBRARY(kShaders)
@@ -92,9 +68,9 @@ DRUX_SHADER_EXPORT int toonStripes_version(void) { return 1; }
 
 DRUX_SHADER_EXPORT miBoolean toonStripes(miColor *result, miState *state, StripeParams *p)
 {
-    const float w = param(state, &p->width);
+    const float w = *mi_eval_scalar(&p->width);
     const float x = w > 0.0f ? state->point.x / w : 0.0f;
-    *result = static_cast<long>(std::floor(x)) % 2 == 0 ? param(state, &p->a) : param(state, &p->b);
+    *result = static_cast<long>(std::floor(x)) % 2 == 0 ? *mi_eval_color(&p->a) : *mi_eval_color(&p->b);
     return miTRUE;
 }
 
@@ -118,10 +94,10 @@ DRUX_SHADER_EXPORT miBoolean toonMaterial(miColor *result, miState *state, ToonP
         e[i].slots[d].slotFlags = 0;
     }
 
-    const miColor dcol = param(state, &p->diffuse);
-    const miColor scol = param(state, &p->specular);
-    const int bands = param(state, &p->bands) < 1 ? 1 : param(state, &p->bands);
-    const float cut = param(state, &p->highlight_cut), exponent = param(state, &p->exponent);
+    const miColor dcol = *mi_eval_color(&p->diffuse);
+    const miColor scol = *mi_eval_color(&p->specular);
+    const int bands = *mi_eval_integer(&p->bands) < 1 ? 1 : *mi_eval_integer(&p->bands);
+    const float cut = *mi_eval_scalar(&p->highlight_cut), exponent = *mi_eval_scalar(&p->exponent);
     const miVector N = state->normal;
     const float dotND = state->dot_nd;
     const miVector R = {state->dir.x - 2 * dotND * N.x, state->dir.y - 2 * dotND * N.y,
@@ -154,16 +130,16 @@ DRUX_SHADER_EXPORT miBoolean toonMaterial(miColor *result, miState *state, ToonP
             ssum = miColor{ssum.r + ws * scol.r * col.r, ssum.g + ws * scol.g * col.g,
                            ssum.b + ws * scol.b * col.b, 0};
             for (miUint i = 0; i < n; ++i) {
-                const int t = passType(types, i);
+                const int t = drux_pass_type(types, i);
                 if (e[i].fbId == customFb && customFb)
                     continue;
                 float cd = 1.0f, cs = 1.0f;
-                if (t == kDiffuse)
+                if (t == DRUX_PASS_DIFFUSE)
                     cs = 0.0f;
-                else if (t == kSpecular)
+                else if (t == DRUX_PASS_SPECULAR)
                     cd = 0.0f;
-                else if (t != kBeauty && t != 12 && t != 20) /* shadow and light-group passes take both */
-                    continue;
+                else if (t != DRUX_PASS_BEAUTY && t != DRUX_PASS_SHADOW && t != DRUX_PASS_LIGHT_GROUP)
+                    continue; /* beauty, shadow and light-group passes take both */
                 const miColor &Li = e[i].light;
                 e[i].lightSum.r += (cd * band * dcol.r + cs * ws * scol.r) * Li.r;
                 e[i].lightSum.g += (cd * band * dcol.g + cs * ws * scol.g) * Li.g;
@@ -179,23 +155,23 @@ DRUX_SHADER_EXPORT miBoolean toonMaterial(miColor *result, miState *state, ToonP
     }
 
     /* rim: strongest where the surface turns away from the eye */
-    const float width = param(state, &p->rim_width);
+    const float width = *mi_eval_scalar(&p->rim_width);
     const float facing = std::fabs(dotND);
     const float rim = width > 0.0f && facing < width ? 1.0f - facing / width : 0.0f;
-    const miColor rc = param(state, &p->rim_color);
+    const miColor rc = *mi_eval_color(&p->rim_color);
     const miColor rimc = {rim * rc.r, rim * rc.g, rim * rc.b, 0};
 
     for (miUint i = 0; i < n; ++i) {
         PassSlot &s = e[i].slots[d];
         miColor r = s.accum;
-        const int t = passType(types, i);
+        const int t = drux_pass_type(types, i);
         if (customFb && e[i].fbId == customFb) {
             r = miColor{topBand, topBand, rim, 1};
-        } else if (t == kBeauty || t == kSpecular) {
+        } else if (t == DRUX_PASS_BEAUTY || t == DRUX_PASS_SPECULAR) {
             r.r += rimc.r;
             r.g += rimc.g;
             r.b += rimc.b;
-        } else if (t != kDiffuse && t != 12 && t != 20) {
+        } else if (t != DRUX_PASS_DIFFUSE && t != DRUX_PASS_SHADOW && t != DRUX_PASS_LIGHT_GROUP) {
             r = BLACK; /* reflection, refraction, indirect, background ...: nothing from this material */
         }
         r.a = 1.0f;

@@ -79,6 +79,51 @@ TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
     ctx.end_state(s);
 }
 
+// mi_eval and its typed forms: connected parameters give the connected
+// shader's result, plain ones themselves, unconnectable shaders always
+// themselves.  A pointer outside the block (a caller's local) is read as it
+// is and reported once per shader and calling function; a connection to an
+// unknown shader once per shader and parameter.
+TEST_F(Core, EvalGivesConnectedResultsAndReportsStrayPointersOnce)
+{
+    mirt::Context ctx;
+    const float two = 2.0f;
+    miTag src = mirt::make_function(miSHADER_TEXTURE, source_shader, &two, 4, sizeof(miColor), false, "src");
+    ParamBlock pb{{1, 1, 1, 1}, {0.5f, 0.25f, 0.5f, 0.5f}, 7.0f};
+    miTag mat = mirt::make_function(miSHADER_MATERIAL, source_shader, &pb, sizeof pb, sizeof(miColor), true, "mat");
+    mirt::connect(mat, 0, src);
+    miState *state = ctx.begin_state();
+    state->shader = mirt::function(mat);
+    state->point = miVector{1.5f, -4.0f, 0};
+    auto *params = static_cast<ParamBlock *>(state->shader->params);
+    EXPECT_EQ(mi_eval_color(&params->a)->r, 3.0f);
+    EXPECT_EQ(mi_eval_color(&params->b), &params->b);
+    EXPECT_EQ(*mi_eval_scalar(&params->k), 7.0f);
+    EXPECT_EQ(mi_eval_integer(&params->k), reinterpret_cast<miInteger *>(&params->k));
+    state->shader = mirt::function(src);
+    EXPECT_EQ(mi_eval_scalar(state->shader->params), state->shader->params) << "an unconnectable shader";
+
+    state->shader = mirt::function(mat);
+    mirt::clear_messages();
+    miColor local{9, 9, 9, 9};
+    for (int k = 0; k < 100; ++k)
+        EXPECT_EQ(mi_eval_color(&local), &local);
+    for (int k = 0; k < 100; ++k)
+        EXPECT_EQ(mi_phen_eval(state, &local), &local);
+    ASSERT_EQ(countLevel(mirt::Level::Error), 2) << "once per calling function";
+    EXPECT_NE(mirt::messages()[0].text.find("outside its parameter block"), std::string::npos);
+    EXPECT_NE(mirt::messages()[0].text.find("shader mat"), std::string::npos);
+    const miTag nowhere = 999999;
+    std::memcpy(static_cast<char *>(state->shader->params) + 16 + state->shader->ghost_offs, &nowhere, 4);
+    for (int k = 0; k < 100; ++k)
+        EXPECT_EQ(mi_eval_color(&params->b), &params->b);
+    ASSERT_EQ(countLevel(mirt::Level::Error), 3);
+    EXPECT_NE(mirt::messages()[2].text.find("byte 16 of shader mat is connected to unknown shader 999999"),
+              std::string::npos)
+        << mirt::messages()[2].text;
+    ctx.end_state(state);
+}
+
 void init_requesting_nothing(miState *state, void *params, miBoolean *req)
 {
     int type = -1;

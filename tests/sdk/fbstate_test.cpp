@@ -248,7 +248,19 @@ TEST_F(FbState, EveryPassTypeForcesItsFlagsAndAlphaRule)
         }
         EXPECT_EQ(r.entries[2 * t].flags, asked) << "type " << t;
         EXPECT_EQ(r.entries[2 * t + 1].flags, plain) << "type " << t;
+        EXPECT_EQ(drux_pass_type(r.types, 2 * t), t);
+        EXPECT_EQ(drux_pass_type(r.types, 2 * t + 1), t);
     }
+    EXPECT_EQ(drux_pass_type(r.types, r.n), -1) << "past the last entry";
+    EXPECT_EQ(drux_pass_type(nullptr, 0), -1);
+    // The named types carry the roles above.
+    EXPECT_EQ(rule[DRUX_PASS_SHADOW], 'S');
+    EXPECT_EQ(rule[DRUX_PASS_COVERAGE], 'K');
+    for (int t : {DRUX_PASS_DIFFUSE, DRUX_PASS_SPECULAR, DRUX_PASS_REFLECTION, DRUX_PASS_REFRACTION,
+                  DRUX_PASS_INDIRECT, DRUX_PASS_SCATTER})
+        EXPECT_EQ(rule[t], 'N') << t;
+    for (int t : {DRUX_PASS_DATA, DRUX_PASS_BACKGROUND, DRUX_PASS_CUSTOM})
+        EXPECT_EQ(rule[t], 'U') << t;
     for (miUint i = 0; i < r.n; ++i)
         r.entries[i].slots[0].result = {0.125f, 0.25f, 0.5f, 0.375f};
     ctx->end_sample(st, miTRUE);
