@@ -2,7 +2,8 @@
 # Installs the Debian packages the build needs, when any is missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libbenchmark-dev libpng-dev libopenexr-dev binutils
-          openexr openimageio-tools libtinyobjloader-dev pkg-config libembree-dev)
+          openexr openimageio-tools libtinyobjloader-dev pkg-config libembree-dev
+          slurmctld slurmd slurm-client munge)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
