@@ -489,6 +489,18 @@ constexpr double kTwoPi = 6.283185307179586;
    the complete table for the rest of the process (never released). */
 std::atomic<const miVector *> gradientNoiseTable{nullptr};
 
+/* The answer before any noise_gradient_init: 0, with a warning the first
+   time, since a shader that forgot the init would otherwise render flat
+   without a word. */
+std::atomic<bool> warnedBeforeInit{false};
+__attribute__((noinline, cold)) float gradientBeforeInit()
+{
+    if (!warnedBeforeInit.exchange(true, std::memory_order_relaxed))
+        mi_warning("noise_gradient_3d was called before noise_gradient_init and returns 0 until then: call "
+                   "noise_gradient_init(state) once, for example in the shader's _init function.");
+    return 0.0f;
+}
+
 /* Releases the renderer lock on every way out, including a renderer fatal
    error raised while the table is being built. */
 struct LockGuard {
@@ -625,7 +637,7 @@ float gradient3dPlain(float x, float y, float z)
 {
     const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
     if (!G)
-        return 0.0f;
+        return gradientBeforeInit();
     GradAxis ax, ay, az;
     if (!gradAxis(x, ax) || !gradAxis(y, ay) || !gradAxis(z, az))
         return nanF();
@@ -709,7 +721,7 @@ float gradient3dSse2(float x, float y, float z)
     const bool number = gradCell(_mm_setr_ps(x, y, z, 0.0f), c);
     const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
     if (!G)
-        return 0.0f;
+        return gradientBeforeInit();
     if (!number)
         return nanF();
     const CornerHashes h = cornerHashes(c.i, c.j, c.k);
@@ -770,7 +782,7 @@ __attribute__((target("avx2"))) float gradient3dAvx2(float x, float y, float z)
     const bool number = gradCellAvx2(_mm_setr_ps(x, y, z, 0.0f), c);
     const miVector *G = gradientNoiseTable.load(std::memory_order_acquire);
     if (!G)
-        return 0.0f;
+        return gradientBeforeInit();
     if (!number)
         return nanF();
     const CornerHashes h = cornerHashes(c.i, c.j, c.k);

@@ -385,8 +385,13 @@ TEST(GradientNoise, LifeCycleValuesAndPeriod)
     inFreshProcess([] {
         mirt::Context ctx;
         miState *state = ctx.begin_state(0);
+        mirt::clear_messages();
         for (float x : {0.3f, -7.7f, 100.5f})
             EXPECT_EQ(noise_gradient_3d(x, 0.25f, 0.9f), 0.0f) << "before any init";
+        const std::vector<mirt::Message> said = mirt::messages();
+        ASSERT_EQ(said.size(), 1u) << "one warning, not one per call";
+        EXPECT_EQ(said[0].level, mirt::Level::Warning);
+        EXPECT_NE(said[0].text.find("call noise_gradient_init(state) once"), std::string::npos) << said[0].text;
         mirt::mem_clear_events();
         const uint64_t draws = mirt::random_draw_count();
         noise_gradient_init(state);
