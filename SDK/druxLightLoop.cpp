@@ -262,6 +262,34 @@ inline void setContributions(miUint n, FrameBufferInfo *entries, const MaskText 
     }
 }
 
+/* Merges a light's average into a slot's accum by sampleLightEnd's mode:
+   2 multiplies, 3 replaces, 1 and any other non-zero mode add. */
+inline void merge(miColor &accum, const miColor &col, int mode)
+{
+    switch (mode) {
+    case 2:
+        accum = mul(accum, col);
+        break;
+    case 3:
+        accum = col;
+        break;
+    default:
+        addTo(accum, col);
+        break;
+    }
+}
+
+/* `bytes` at `p` overlap what sampleLightEnd writes: the entry array or the
+   slot block (n entries of perEntry slots, from entry 0's slots). */
+inline bool overlapsWritten(const void *p, size_t bytes, const FrameBufferInfo *entries, miUint n, miUint perEntry)
+{
+    const uintptr_t a = reinterpret_cast<uintptr_t>(p), b = a + bytes;
+    const uintptr_t e0 = reinterpret_cast<uintptr_t>(entries), e1 = e0 + n * sizeof(FrameBufferInfo);
+    const uintptr_t s0 = reinterpret_cast<uintptr_t>(entries[0].slots);
+    const uintptr_t s1 = s0 + static_cast<uintptr_t>(n) * perEntry * sizeof(PassSlot);
+    return (a < e1 && b > e0) || (a < s1 && b > s0);
+}
+
 /* Restores the state's light instance on scope exit. */
 struct LightInstanceSwap {
     miState *state;
@@ -319,8 +347,35 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
     if (!mode)
         return;
 
-    /* mode, useScale and scale are read for every entry: a caller may point
-       them into records this loop writes. */
+    /* mode, useScale and scale are read for every entry, since a caller may
+       point them into records this loop writes.  When they lie outside the
+       entries and outside the slot block that the state's set-up allocated,
+       nothing here writes them, and one read serves every entry. */
+    const miUint perEntry = drux::setUpSlotCount(entries);
+    const bool invariant =
+        perEntry != 0 && !overlapsWritten(mode, sizeof *mode, entries, n, perEntry) &&
+        !(useScale && overlapsWritten(useScale, 1, entries, n, perEntry)) &&
+        !(scale && overlapsWritten(scale, sizeof *scale, entries, n, perEntry));
+    if (invariant) {
+        const int m = *mode;
+        if (m == 0)
+            return;
+        const bool useS = useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u);
+        const float sc = useS ? *scale : 1.0f;
+        for (miUint i = 0; i < n; ++i) {
+            FrameBufferInfo &e = entries[i];
+            if (e.flags & FBINFO_NO_ACCUMULATE)
+                continue;
+            PassSlot &slot = e.slots[d];
+            if (slot.slotFlags & 1u)
+                continue;
+            miColor col = scaled(e.lightSum, w);
+            if (useS)
+                col = scaled(col, sc);
+            merge(slot.accum, col, m);
+        }
+        return;
+    }
     for (miUint i = 0; i < n; ++i) {
         const int m = *mode;
         if (m == 0)
@@ -334,17 +389,7 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
         miColor col = scaled(e.lightSum, w);
         if (useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u))
             col = scaled(col, *scale);
-        switch (m) {
-        case 2:
-            slot.accum = mul(slot.accum, col);
-            break;
-        case 3:
-            slot.accum = col;
-            break;
-        default: /* 1 and any other non-zero mode add */
-            addTo(slot.accum, col);
-            break;
-        }
+        merge(slot.accum, col, m);
     }
 }
 

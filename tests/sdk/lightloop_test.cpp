@@ -164,6 +164,28 @@ TEST_F(LightLoop, SampleLightEndMergesTheAverageIntoTheCurrentSlot)
     expectColor(r.e[0].slots[0].accum, 0, 0, 0, 0, 1e-6f);
 }
 
+// mode, useScale and scale are read for every entry: a scale that points
+// into entry 0's accum sees what the merge of entry 0 wrote there.
+TEST_F(LightLoop, SampleLightEndReadsItsArgumentsPerEntry)
+{
+    Rig r(passes({{0, {}}, {0, {}}}));
+    const int add = 1;
+    const miBoolean on = miTRUE;
+    sampleLightBegin(r.n, r.e);
+    r.e[0].lightSum = r.e[1].lightSum = miColor{4, 4, 4, 4}; // 4 samples: average 1
+    r.e[0].slots[0].accum = miColor{2, 0, 0, 0};
+    r.e[1].slots[0].accum = BLACK;
+    sampleLightEnd(r.st, r.n, r.e, 4, &add, &on, &r.e[0].slots[0].accum.r);
+    EXPECT_EQ(r.e[0].slots[0].accum.r, 4.0f); // 2 + 1 x 2
+    EXPECT_EQ(r.e[1].slots[0].accum.r, 4.0f); // 1 x 4, the scale entry 0 left
+    const float half = 0.5f; // an argument of its own: read once, the same result
+    sampleLightBegin(r.n, r.e);
+    r.e[0].lightSum = r.e[1].lightSum = miColor{4, 4, 4, 4};
+    sampleLightEnd(r.st, r.n, r.e, 4, &add, &on, &half);
+    EXPECT_EQ(r.e[0].slots[0].accum.r, 4.5f);
+    EXPECT_EQ(r.e[1].slots[0].accum.r, 4.5f);
+}
+
 TEST_F(LightLoop, ChildRaysAddIntoTheParentSlot)
 {
     // Plain; reflection always added; refraction always added; type 1 (never).
