@@ -55,6 +55,17 @@ installed_checks() {
   check "the installed library reads no environment variable" bash -c \
     "! nm -D '$prefix/lib/libDruxShaderSDK.so.1.0.0' | grep -Ew 'getenv|secure_getenv'"
   check "druxrender --version" bash -c "'$prefix/bin/druxrender' --version | grep -qx 'druxrender 1.0.0'"
+  check "druxpasscheck --help prints its usage" bash -c "'$prefix/bin/druxpasscheck' --help | grep -q '^usage: druxpasscheck FILE'"
+  cat >"$work/material.cpp" <<'CPP'
+#include <DruxMaterial.h>
+int main()
+{
+    const miVector r = drux::reflect(miVector{0.6f, 0, -0.8f}, miVector{0, 0, 1});
+    return r.z > 0.79f && r.z < 0.81f ? 0 : 1;
+}
+CPP
+  check "DruxMaterial.h alone compiles with pkg-config --cflags --libs druxshadersdk" bash -c \
+    "c++ -std=c++17 -Wall -Wextra -Werror '$work/material.cpp' -o '$work/material' \$(PKG_CONFIG_PATH='$prefix/lib/pkgconfig' pkg-config --cflags --libs druxshadersdk) && LD_LIBRARY_PATH='$prefix/lib' '$work/material'"
   cat >"$work/noise.cpp" <<'CPP'
 #include <DruxShaderSDK.h>
 #include <cmath>
@@ -90,7 +101,7 @@ CPP
       for p in $(awk '$1 == "pass" && $3 == "custom" {print $2}' "$scene"); do args+=(--nonempty "$p"); done
       [ -n "$beauty" ] && [ -n "$additive" ] && args+=(--sum "$beauty=$additive")
       check "example $name: $sn passes (custom passes filled, additive passes sum to beauty)" \
-        build/release/host/druxpasscheck "$out/render.exr" "${args[@]}"
+        "$prefix/bin/druxpasscheck" "$out/render.exr" "${args[@]}"
     done
   done
   rm -rf "$prefix" "$work"
