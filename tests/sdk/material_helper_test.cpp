@@ -69,9 +69,13 @@ TEST_F(MaterialHelper, EachPassTypeTakesItsComponents)
         EXPECT_EQ(e[i].slots[0].slotFlags, 0u) << i;
     }
 
-    // One light, two samples.  Every entry sees its own light colour (as a
-    // light shader that set up its contributions leaves it).
-    auto lightOf = [](miUint i) { return miColor{1.0f + 0.5f * i, 2.0f, 0.5f + 0.25f * i, 1}; };
+    // One light, two samples.  Beauty, diffuse and specular see the same
+    // light; the other entries each a light of their own (as a light shader
+    // with contribution masks and shadows leaves them).
+    auto lightOf = [](miUint i) {
+        const float k = i < 3 ? 0.0f : static_cast<float>(i);
+        return miColor{1.5f + 0.5f * k, 2.0f, 0.75f + 0.25f * k, 1};
+    };
     const Sample samples[2] = {{0.5f, 0.25f}, {1.0f, 0.0f}};
     passes.begin_light();
     e[0].flags &= ~static_cast<miUint>(FBINFO_LIGHT_SETUP_PENDING);
@@ -116,7 +120,7 @@ TEST_F(MaterialHelper, EachPassTypeTakesItsComponents)
     EXPECT_FALSE(passes.set_custom("nosuchpass", WHITE));
     passes.end(parts);
 
-    auto result = [&](miUint i) { return e[i].slots[0].result; };
+    auto result = [&](miUint i) -> const miColor & { return e[i].slots[0].result; };
     const miColor beauty = gathered(0, 1, 1);
     expectColor(result(0), beauty.r + traced.r + opacity.r * 0.1f + 0.01f + 0.4f,
                 beauty.g + traced.g + opacity.g * 0.2f + 0.02f, beauty.b + traced.b + opacity.b * 0.3f + 0.03f + 0.125f,
