@@ -115,7 +115,8 @@ TEST_F(MaterialHelper, EachPassTypeTakesItsComponents)
     parts.emitted_specular = miColor{0.4f, 0.0f, 0.125f, 0};
     const miColor traced = drux::add(parts.reflection, parts.refraction);
     e[0].slots[0].accum = drux::add(e[0].slots[0].accum, traced);
-    e[13].slots[0].accum = e[14].slots[0].accum = miColor{0.6f, 0.5f, 0.4f, 0};
+    for (miUint i : {13u, 14u}) // custom passes took no light: this is all they hold
+        e[i].slots[0].accum = drux::add(e[i].slots[0].accum, miColor{0.6f, 0.5f, 0.4f, 0});
     EXPECT_TRUE(passes.set_custom("mine", miColor{0.7f, 0.6f, 0.5f, 1}));
     EXPECT_FALSE(passes.set_custom("nosuchpass", WHITE));
     passes.end(parts);
@@ -189,7 +190,15 @@ TEST_F(MaterialHelper, WritesOnlyTheSlotOfItsDepth)
     expectColor(e[1].slots[1].opacity, 0, 0, 0, 0, 0, "coverage opacity at depth 1");
     for (int d : {0, 2, 3})
         expectColor(e[0].slots[d].result, 5, 5, 5, 5, 0, "other depths untouched");
-    // Past the last slot (trace depth 2: slots 0..3) nothing is written.
+    // The last slot (trace depth 2: slots 0..3) is written; past it nothing.
+    r.st->reflection_level = 3;
+    {
+        drux::MaterialPasses last(r.st, WHITE, WHITE);
+        EXPECT_EQ(last.entry_count(), 2);
+        last.end(drux::PassComponents{});
+    }
+    expectColor(e[0].slots[3].result, 0, 0, 0, 1, 0, "beauty at the last depth");
+    e[0].slots[3].result = miColor{5, 5, 5, 5};
     r.st->reflection_level = 4;
     drux::MaterialPasses deep(r.st, WHITE, WHITE);
     EXPECT_EQ(deep.entry_count(), 0);
