@@ -79,6 +79,25 @@ int main()
 CPP
   check "a program built with pkg-config --cflags --libs druxshadersdk calls noise_scalar_3d" bash -c \
     "c++ -std=c++17 '$work/noise.cpp' -o '$work/noise' \$(PKG_CONFIG_PATH='$prefix/lib/pkgconfig' pkg-config --cflags --libs druxshadersdk) && LD_LIBRARY_PATH='$prefix/lib' '$work/noise'"
+  # The README's walk-through, from an empty folder: its CMakeLists.txt, my.cpp
+  # and my.scene blocks, built, rendered and checked as the README says.
+  local rd=$work/readme
+  mkdir -p "$rd"
+  awk -v dir="$rd" '
+    /^## Writing a shader library/ { on = 1; next }
+    /^### The pass contract/ { on = 0 }
+    !on { next }
+    /^ *```cmake/ { f = dir "/CMakeLists.txt"; next }
+    /^ *```cpp/ { f = dir "/my.cpp"; next }
+    /^ *```$/ && f == "" && !sh { f = dir "/my.scene"; next }
+    /^ *```sh/ { sh = 1; next }
+    /^ *```/ { f = ""; sh = 0; next }
+    f != "" { sub(/^   /, ""); print > f }
+  ' README.md
+  check "README walk-through: my.cpp builds against the prefix" bash -c \
+    "cmake -G Ninja -S '$rd' -B '$rd/build' -DCMAKE_PREFIX_PATH='$prefix' >/dev/null && cmake --build '$rd/build'"
+  check "README walk-through: my.scene renders and druxpasscheck passes" bash -c \
+    "cd '$rd' && '$prefix/bin/druxrender' --scene build/my.scene --out out --quiet --no-progress && '$prefix/bin/druxpasscheck' out/render.exr --nonempty mine --sum beauty=diffuse+specular+background"
   for ex in examples/*/; do
     local name src bld
     name=$(basename "$ex")
