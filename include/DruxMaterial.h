@@ -28,10 +28,11 @@
  *                 diffuse      gathered + emitted diffuse
  *                 specular     gathered + emitted specular
  *                 shadow, light group   gathered
- *                 reflection   the reflection component (after
- *                              compute_reflection)
- *                 refraction   the refraction component (after
- *                              compute_refraction)
+ *                 reflection   the reflection component: weight x
+ *                              colour x what compute_reflection
+ *                              returned, the share it added into beauty
+ *                 refraction   the refraction component: what
+ *                              compute_refraction returned
  *                 indirect     opacity x indirect
  *                 scatter      scatter
  *                 background   black, alpha 0: the surface hides the
