@@ -2,6 +2,7 @@
  * druxpasscheck: checks the passes of a rendered render.exr.
  *
  *   druxpasscheck FILE [--nonempty PASS]... [--sum TOTAL=A+B+...]... [--tolerance T]
+ *   druxpasscheck --help
  *
  * --nonempty: the layer exists and some pixel has a colour other than black.
  * --sum:      per pixel and channel (r, g, b), the layers A, B, ... add up to
@@ -20,10 +21,33 @@
 
 using namespace druxhost;
 
+namespace {
+
+const char kUsage[] =
+    "usage: druxpasscheck FILE [--nonempty PASS]... [--sum TOTAL=A+B+...]... [--tolerance T]\n"
+    "\n"
+    "Checks the passes (layers) of a render.exr that druxrender wrote.\n"
+    "  --nonempty PASS       the layer exists and some pixel is not black\n"
+    "  --sum TOTAL=A+B+...   per pixel and channel (r, g, b) the layers A, B, ...\n"
+    "                        add up to TOTAL within the tolerance\n"
+    "  --tolerance T         largest difference a --sum allows (default 1e-4)\n"
+    "  --help                this text\n"
+    "\n"
+    "Prints one line per check and \"N passed, N failed\"; exits 0 when every\n"
+    "check passed, 1 when one failed, 2 on bad arguments or an unreadable file.\n"
+    "Example: druxpasscheck out/render.exr --nonempty mine --sum beauty=diffuse+specular+background\n";
+
+} // namespace
+
 int main(int argc, char **argv)
 {
+    for (int i = 1; i < argc; ++i)
+        if (std::string(argv[i]) == "--help" || std::string(argv[i]) == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
     if (argc < 2) {
-        std::fprintf(stderr, "usage: druxpasscheck FILE [--nonempty PASS]... [--sum TOTAL=A+B+...]... [--tolerance T]\n");
+        std::fputs(kUsage, stderr);
         return 2;
     }
     std::map<std::string, Image> layers;
@@ -49,7 +73,7 @@ int main(int argc, char **argv)
         else if (a == "--tolerance")
             tolerance = std::atof(argv[++i]);
         else {
-            std::fprintf(stderr, "druxpasscheck: unknown option %s\n", a.c_str());
+            std::fprintf(stderr, "druxpasscheck: unknown option %s (druxpasscheck --help lists the options)\n", a.c_str());
             return 2;
         }
     }

@@ -55,6 +55,17 @@ installed_checks() {
   check "the installed library reads no environment variable" bash -c \
     "! nm -D '$prefix/lib/libDruxShaderSDK.so.1.0.0' | grep -Ew 'getenv|secure_getenv'"
   check "druxrender --version" bash -c "'$prefix/bin/druxrender' --version | grep -qx 'druxrender 1.0.0'"
+  check "druxpasscheck --help prints its usage" bash -c "'$prefix/bin/druxpasscheck' --help | grep -q '^usage: druxpasscheck FILE'"
+  cat >"$work/material.cpp" <<'CPP'
+#include <DruxMaterial.h>
+int main()
+{
+    const miVector r = drux::reflect(miVector{0.6f, 0, -0.8f}, miVector{0, 0, 1});
+    return r.z > 0.79f && r.z < 0.81f ? 0 : 1;
+}
+CPP
+  check "DruxMaterial.h alone compiles with pkg-config --cflags --libs druxshadersdk" bash -c \
+    "c++ -std=c++17 -Wall -Wextra -Werror '$work/material.cpp' -o '$work/material' \$(PKG_CONFIG_PATH='$prefix/lib/pkgconfig' pkg-config --cflags --libs druxshadersdk) && LD_LIBRARY_PATH='$prefix/lib' '$work/material'"
   cat >"$work/noise.cpp" <<'CPP'
 #include <DruxShaderSDK.h>
 #include <cmath>
@@ -68,6 +79,25 @@ int main()
 CPP
   check "a program built with pkg-config --cflags --libs druxshadersdk calls noise_scalar_3d" bash -c \
     "c++ -std=c++17 '$work/noise.cpp' -o '$work/noise' \$(PKG_CONFIG_PATH='$prefix/lib/pkgconfig' pkg-config --cflags --libs druxshadersdk) && LD_LIBRARY_PATH='$prefix/lib' '$work/noise'"
+  # The README's walk-through, from an empty folder: its CMakeLists.txt, my.cpp
+  # and my.scene blocks, built, rendered and checked as the README says.
+  local rd=$work/readme
+  mkdir -p "$rd"
+  awk -v dir="$rd" '
+    /^## Writing a shader library/ { on = 1; next }
+    /^### The pass contract/ { on = 0 }
+    !on { next }
+    /^ *```cmake/ { f = dir "/CMakeLists.txt"; next }
+    /^ *```cpp/ { f = dir "/my.cpp"; next }
+    /^ *```$/ && f == "" && !sh { f = dir "/my.scene"; next }
+    /^ *```sh/ { sh = 1; next }
+    /^ *```/ { f = ""; sh = 0; next }
+    f != "" { sub(/^   /, ""); print > f }
+  ' README.md
+  check "README walk-through: my.cpp builds against the prefix" bash -c \
+    "cmake -G Ninja -S '$rd' -B '$rd/build' -DCMAKE_PREFIX_PATH='$prefix' >/dev/null && cmake --build '$rd/build'"
+  check "README walk-through: my.scene renders and druxpasscheck passes" bash -c \
+    "cd '$rd' && '$prefix/bin/druxrender' --scene build/my.scene --out out --quiet --no-progress && '$prefix/bin/druxpasscheck' out/render.exr --nonempty mine --sum beauty=diffuse+specular+background"
   for ex in examples/*/; do
     local name src bld
     name=$(basename "$ex")
@@ -90,7 +120,7 @@ CPP
       for p in $(awk '$1 == "pass" && $3 == "custom" {print $2}' "$scene"); do args+=(--nonempty "$p"); done
       [ -n "$beauty" ] && [ -n "$additive" ] && args+=(--sum "$beauty=$additive")
       check "example $name: $sn passes (custom passes filled, additive passes sum to beauty)" \
-        build/release/host/druxpasscheck "$out/render.exr" "${args[@]}"
+        "$prefix/bin/druxpasscheck" "$out/render.exr" "${args[@]}"
     done
   done
   rm -rf "$prefix" "$work"
