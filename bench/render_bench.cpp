@@ -1,15 +1,18 @@
 // What render passes cost: the default scene rendered on one thread with all
-// its passes, with the beauty pass only and with no frame-buffer block at all
-// (no passes, the library's state shader not installed).  The three variants
+// its passes, with 31 light-group passes more (48 in all, so that the cost of
+// one pass shows), with the beauty pass only and with no frame-buffer block at
+// all (no passes, the library's state shader not installed).  The three variants
 // are rendered in turn, several rounds, so that a slow phase of the machine
 // touches all of them alike; the median of each is printed as seconds per
 // megasample with the ratios to the render without a block.  Times are the
 // process's CPU time over the whole render() call (set-up included), which
 // other programs on a busy machine disturb far less than wall time; the
-// render's own wall time of the sampling is printed beside it.
+// render's own wall time of the sampling is printed beside it.  The whole
+// process, writing the output files included, is timed as well (a render
+// plus writeOutputs into a temporary folder).
 //
 //   render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N]
-//                [--only all|beauty|none]
+//                [--only all|48|beauty|none]
 //
 // Defaults: 5 rounds, 400x300, the scene's samples (4), 1 thread.  --only
 // renders one variant (for profiling it).
@@ -20,8 +23,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <time.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace druxhost;
@@ -67,15 +72,15 @@ int main(int argc, char **argv)
             samples = positive(v, "--samples"), ++i;
         } else if (a == "--threads" && v) {
             threads = positive(v, "--threads"), ++i;
-        } else if (a == "--only" && v && (std::strcmp(v, "all") == 0 || std::strcmp(v, "beauty") == 0 ||
-                                           std::strcmp(v, "none") == 0)) {
+        } else if (a == "--only" && v && (std::strcmp(v, "all") == 0 || std::strcmp(v, "48") == 0 ||
+                                           std::strcmp(v, "beauty") == 0 || std::strcmp(v, "none") == 0)) {
             only = v, ++i;
         } else if (a == "--resolution" && v && std::sscanf(v, "%dx%d", &width, &height) == 2 && width > 0 &&
                    height > 0) {
             ++i;
         } else {
             std::fprintf(stderr, "usage: render_bench [--rounds N] [--resolution WxH] [--samples N] [--threads N] "
-                                 "[--only all|beauty|none]\n");
+                                 "[--only all|48|beauty|none]\n");
             return 2;
         }
     }
@@ -85,6 +90,15 @@ int main(int argc, char **argv)
     all.height = height;
     if (samples)
         all.samples = samples;
+    SceneDesc many = all;
+    static const char *const kGroups[] = {"key", "fill", "rim"};
+    for (int k = 0; k < 31; ++k) {
+        PassDesc p;
+        p.name = "group" + std::to_string(k);
+        p.role = PassRole::LightGroup;
+        p.group = kGroups[k % 3];
+        many.passes.push_back(p);
+    }
     SceneDesc beauty = all;
     beauty.passes.erase(std::remove_if(beauty.passes.begin(), beauty.passes.end(),
                                        [](const PassDesc &p) { return p.role != PassRole::Beauty; }),
@@ -99,9 +113,14 @@ int main(int argc, char **argv)
         const SceneDesc *scene;
         std::vector<double> spm;  /* CPU seconds per megasample, one per round */
         std::vector<double> wall; /* wall seconds of the sampling per megasample */
+        std::vector<double> whole; /* CPU seconds per megasample, files written too */
     };
-    Variant variants[3] = {
-        {"all passes", "all", &all, {}, {}}, {"beauty only", "beauty", &beauty, {}, {}}, {"no block", "none", &none, {}, {}}};
+    Variant variants[4] = {{"all passes", "all", &all, {}, {}, {}},
+                           {"48 passes", "48", &many, {}, {}, {}},
+                           {"beauty only", "beauty", &beauty, {}, {}, {}},
+                           {"no block", "none", &none, {}, {}, {}}};
+    const std::filesystem::path outDir =
+        std::filesystem::temp_directory_path() / ("render_bench-" + std::to_string(::getpid()));
 
     RenderOptions ro;
     ro.threads = threads;
@@ -118,7 +137,14 @@ int main(int argc, char **argv)
                 std::fprintf(stderr, "render_bench: %s: %zu error(s) during the render\n", v.name, res.stats.errors);
                 return 1;
             }
-            v.spm.push_back(cpu / (double(res.stats.eyeSamples) * 1e-6));
+            std::filesystem::create_directories(outDir);
+            const double t1 = cpuSeconds();
+            writeOutputs(res, outDir.string());
+            const double write = cpuSeconds() - t1;
+            std::filesystem::remove_all(outDir);
+            const double mega = double(res.stats.eyeSamples) * 1e-6;
+            v.spm.push_back(cpu / mega);
+            v.whole.push_back((cpu + write) / mega);
             v.wall.push_back(res.stats.secondsPerMegasample());
         }
         mirt::clear_messages();
@@ -129,14 +155,17 @@ int main(int argc, char **argv)
                 std::printf("  %-12s %7.3f CPU s per megasample (median)\n", v.name, median(v.spm));
                 return 0;
             }
-    const double base = median(variants[2].spm);
+    const double base = median(variants[3].spm), baseWhole = median(variants[3].whole);
     for (const Variant &v : variants) {
         std::printf("  %-12s %7.3f CPU s per megasample (median; rounds:", v.name, median(v.spm));
         for (double s : v.spm)
             std::printf(" %.3f", s);
-        std::printf("), wall %.3f\n", median(v.wall));
+        std::printf("), wall %.3f, with the files written %.3f\n", median(v.wall), median(v.whole));
     }
-    std::printf("  all passes / no block   %.3f\n", median(variants[0].spm) / base);
-    std::printf("  beauty only / no block  %.3f\n", median(variants[1].spm) / base);
+    std::printf("  all passes / no block   %.3f (files written too: %.3f)\n", median(variants[0].spm) / base,
+                median(variants[0].whole) / baseWhole);
+    std::printf("  48 passes / no block    %.3f (files written too: %.3f)\n", median(variants[1].spm) / base,
+                median(variants[1].whole) / baseWhole);
+    std::printf("  beauty only / no block  %.3f\n", median(variants[2].spm) / base);
     return 0;
 }
