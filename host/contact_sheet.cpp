@@ -1,6 +1,6 @@
 #include "contact_sheet.h"
 
-#include "data_passes.h"
+#include "pass_images.h"
 #include "render.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "render.h"
 
 #include "contact_sheet.h"
-#include "data_passes.h"
+#include "pass_images.h"
 
 #include <cerrno>
 #include <cstring>

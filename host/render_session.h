@@ -7,7 +7,7 @@
 #define DRUXHOST_RENDER_SESSION_H
 
 #include "builtin_shaders.h"
-#include "data_passes.h"
+#include "pass_images.h"
 #include "exporter.h"
 #include "geometry.h"
 #include "host_math.h"

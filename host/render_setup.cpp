@@ -1,6 +1,7 @@
 #include "render_session.h"
 
 #include "meshes.h"
+#include "shader_params.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -180,13 +181,12 @@ miTag RenderSession::builtinFn(int type, const mirt::LoadedShader *sh, const voi
 
 void RenderSession::makeShaders()
 {
-    const BuiltinShaders &bt = *builtin_.table;
-    const EnvironmentParams envp = bt.environmentParams(s_.environment);
+    const EnvironmentParams envp = environmentParams(s_.environment);
     ctx_->set_environment(builtinFn(miSHADER_ENVIRONMENT, builtin_.environment, &envp, sizeof envp, false,
                                     builtin_.environment->name, "environment:"));
     std::map<std::string, miTag> textureFn;
     for (const TextureDesc &t : s_.textures) {
-        const TextureParams tp = bt.textureParams(t);
+        const TextureParams tp = textureParams(t);
         textureFn[t.name] =
             builtinFn(miSHADER_TEXTURE, builtin_.texture, &tp, sizeof tp, false, t.name, "texture:" + t.name);
     }
@@ -195,7 +195,6 @@ void RenderSession::makeShaders()
 
 void RenderSession::makeMaterials(const std::map<std::string, miTag> &textureFn)
 {
-    const BuiltinShaders &bt = *builtin_.table;
     for (const MaterialDesc &m : s_.materials) {
         miTag fn;
         if (!m.shader.empty()) {
@@ -204,7 +203,7 @@ void RenderSession::makeMaterials(const std::map<std::string, miTag> &textureFn)
                 tracer_->watch(fn, "material:" + m.name + " (" + m.shader + ")");
         } else {
             scatterLists_.emplace_back(new ScatterCache *(nullptr));
-            const MaterialParams mp = bt.materialParams(m, scatterLists_.back().get());
+            const MaterialParams mp = materialParams(m, scatterLists_.back().get());
             fn = builtinFn(miSHADER_MATERIAL, builtin_.material, &mp, sizeof mp, true, m.name, "material:" + m.name);
             if (!m.texture.empty())
                 mirt::connect(fn, offsetof(MaterialParams, diffuse), textureFn.at(m.texture));
@@ -249,21 +248,20 @@ void RenderSession::makeGeometry()
 
 miTag RenderSession::makeLight(const LightDesc &l, miTag param)
 {
-    const BuiltinShaders &bt = *builtin_.table;
     const std::string instance = "light:" + l.name;
     if (l.kind == LightKind::Point) {
-        const PointLightParams lp = bt.pointLightParams(l);
+        const PointLightParams lp = pointLightParams(l);
         return ctx_->add_point_light(
             l.position, builtinFn(miSHADER_LIGHT, builtin_.pointLight, &lp, sizeof lp, false, l.name, instance),
             param);
     }
     if (l.kind == LightKind::Rect) {
-        const RectLightParams lp = bt.rectLightParams(l);
+        const RectLightParams lp = rectLightParams(l);
         return ctx_->add_rect_light(
             l.position, l.u, l.v, l.samples,
             builtinFn(miSHADER_LIGHT, builtin_.rectLight, &lp, sizeof lp, false, l.name, instance), param);
     }
-    const PlainLightParams lp = bt.plainLightParams(l);
+    const PlainLightParams lp = plainLightParams(l);
     return ctx_->add_point_light(
         l.position, builtinFn(miSHADER_LIGHT, builtin_.plainLight, &lp, sizeof lp, false, l.name, instance), param);
 }

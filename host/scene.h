@@ -12,35 +12,14 @@
 
 #include "DruxShaderSDK.h"
 #include "host_math.h"
+#include "pass_roles.h"
+#include "shaders.h"
 
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace druxhost {
-
-/* What a pass (frame buffer) holds.  The additive roles (diffuse, specular,
-   reflection, refraction, indirect, scatter, background) sum to beauty. */
-enum class PassRole {
-    Beauty = 1,
-    Diffuse,
-    Specular,
-    Reflection,
-    Refraction,
-    Indirect,
-    Scatter,
-    Background,
-    Shadow,
-    LightGroup,
-    Constant, /* a non-material pass: a constant colour written at every sample */
-    Custom, /* a material pass that shaders of linked libraries find by name and fill */
-    /* data passes of the first surface an eye ray meets (data_passes.h) */
-    Depth,
-    Normal,
-    Position,
-    Albedo,
-    Coverage
-};
 
 const char *roleName(PassRole role);
 bool roleFromName(const std::string &name, PassRole &role);
@@ -58,8 +37,6 @@ struct PassDesc {
     int line = 0;                 /* in the scene file (0: not from a file) */
 };
 
-enum class TexturePattern { Fbm = 0, Marble = 1, Turbulence = 2 };
-
 /* Textures and lights: their keys, defaults and ranges are those of the key
    table (scene_keys.h); a fresh description holds the defaults. */
 struct TextureDesc {
@@ -72,9 +49,6 @@ struct TextureDesc {
     std::vector<RampColorEntry> ramp; /* at most kMaxRampKeys keys */
     int line = 0;
 };
-constexpr int kMaxRampKeys = 16;
-
-enum class SpecularModel { Phong = 0, Blinn = 1 };
 
 /* A material's keys, their defaults and ranges are those of the key table
    (scene_keys.h); a fresh MaterialDesc holds the defaults. */

@@ -7,7 +7,7 @@
 
 #include "contact_sheet.h"
 #include "cryptomatte.h"
-#include "data_passes.h"
+#include "pass_images.h"
 #include "image_io.h"
 #include "meshes.h"
 #include "obj_loader.h"

@@ -11,6 +11,7 @@
 #include "render.h"
 #include "scene.h"
 #include "scene_keys.h"
+#include "shader_params.h"
 #include "shaders.h"
 
 #include "DruxShaderSDK.h"

@@ -9,7 +9,7 @@
 
 #include "DruxShaderSDK.h"
 #include "builtin_shaders.h"
-#include "scene.h"
+#include "pass_roles.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
 /*
  * libdruxhostshaders.so: the host's shaders (material.cpp, shaders.cpp) as a shader
  * library.  Its declaration table names every shader; their parameter
- * blocks are the records of shaders.h, filled by druxrender's built-in
- * commands through druxhost_builtin_shaders.
+ * blocks are the records of shaders.h, which druxrender's built-in
+ * commands fill; druxhost_builtin_shaders names the shader of each command.
  */
 #include "builtin_shaders.h"
 #include "shader_library.h"
@@ -30,12 +30,6 @@ const druxhost::BuiltinShaders kBuiltins = {
     "hostPlainLight",
     "hostNoiseTexture",
     "hostEnvironment",
-    &druxhost::materialParams,
-    &druxhost::textureParams,
-    &druxhost::environmentParams,
-    &druxhost::pointLightParams,
-    &druxhost::rectLightParams,
-    &druxhost::plainLightParams,
 };
 
 } // namespace

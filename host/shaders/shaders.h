@@ -27,9 +27,13 @@
 #define DRUXHOST_SHADERS_H
 
 #include "DruxShaderSDK.h"
-#include "scene.h"
+#include "pass_roles.h"
 
 namespace druxhost {
+
+enum class TexturePattern { Fbm = 0, Marble = 1, Turbulence = 2 };
+enum class SpecularModel { Phong = 0, Blinn = 1 };
+constexpr int kMaxRampKeys = 16; /* keys of a texture's colour ramp */
 
 struct MaterialParams {
     miColor diffuse; /* may be connected to a texture */
@@ -131,13 +135,6 @@ void hostNoiseTexture_init(miState *state, void *params, miBoolean *instanceInit
 miBoolean hostEnvironment(void *result, miState *state, void *params);
 }
 
-/* Parameter blocks from the scene description. */
-MaterialParams materialParams(const MaterialDesc &m, ScatterCache **scatterList);
-TextureParams textureParams(const TextureDesc &t);
-EnvironmentParams environmentParams(const EnvironmentDesc &e);
-PointLightParams pointLightParams(const LightDesc &l);
-RectLightParams rectLightParams(const LightDesc &l);
-PlainLightParams plainLightParams(const LightDesc &l);
 
 /* The environment colour along a direction (what hostEnvironment returns). */
 miColor skyColor(const EnvironmentParams &p, const miVector &dir);
