@@ -20,13 +20,22 @@
  * Before rendering it checks that every output file can be written (exit 2
  * otherwise); when writing still fails after the render, the images go to a
  * new folder under the system's temporary directory, named on stderr, and
- * the exit status is 3.
+ * the exit status is 3.  Files are written under temporary names and moved
+ * into place together, so the output folder holds the whole earlier render
+ * or the whole new one.
+ *
+ * SIGINT and SIGTERM stop the render threads at their next tile; nothing is
+ * written, the output folder keeps its earlier files, and the exit status
+ * is 128 + the signal.  A fatal error of the renderer in any thread ends the
+ * process with its message and status 1.
  */
 #include "image_stats.h"
 #include "render.h"
 #include "runtime.h"
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -161,6 +170,52 @@ void drawBar(double f)
     std::fprintf(stderr, "\r  rendering [%s] %3d%%", bar.c_str(), static_cast<int>(f * 100.0));
     std::fflush(stderr);
 }
+
+/* The signal that asked the render to stop (0: none); set by the handler,
+   read by the render threads between tiles and by the writer between
+   files. */
+std::atomic<int> gStop{0};
+
+extern "C" void onStopSignal(int sig)
+{
+    int none = 0;
+    gStop.compare_exchange_strong(none, sig);
+}
+
+void catchStopSignals()
+{
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onStopSignal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+std::string gOutDir; /* named by the fatal message */
+
+/* A fatal error may come from a render thread holding runtime locks that
+   unwinding would never release: say what happened and end the process at
+   once, every thread with it.  Nothing has been moved into the output
+   folder at that point (writing happens after every thread is done). */
+void onFatal(const std::string &text)
+{
+    static std::atomic<bool> once{false};
+    if (once.exchange(true))
+        for (;;)
+            ::pause(); /* another thread is already ending the process */
+    std::fflush(stdout);
+    const std::string msg = "\ndruxrender: fatal error: " + text + "; the render is abandoned, " +
+                            (gOutDir.empty() ? std::string("nothing written") : gOutDir + " keeps its earlier files") +
+                            "\n";
+    if (::write(STDERR_FILENO, msg.data(), msg.size()) < 0) {
+        /* nothing more to try */
+    }
+    ::_exit(1);
+}
+
+const char *signalName(int sig) { return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal"; }
 
 } // namespace
 
@@ -306,17 +361,22 @@ bool outputsWritable(const Args &args, const SceneDesc &scene)
     return true;
 }
 
+/* Written under a temporary name in the file's folder and moved into
+   place: an earlier statistics file stays whole when writing fails. */
 void writeStatsFile(const RenderResult &result, const std::string &path)
 {
     const std::string text = formatStats(imageStats(result));
-    FILE *f = std::fopen(path.c_str(), "w");
-    bool ok = f != nullptr;
-    if (f) {
-        ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-        ok = std::fclose(f) == 0 && ok;
-    }
-    if (!ok)
+    const size_t slash = path.rfind('/');
+    StagedFiles staged(slash == std::string::npos ? std::string(".") : path.substr(0, slash));
+    const std::string temp = staged.stage(path.substr(slash == std::string::npos ? 0 : slash + 1));
+    FILE *f = std::fopen(temp.c_str(), "w");
+    if (!f)
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    const bool wrote = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    closeWrittenFile(f, temp);
+    if (!wrote)
         throw std::runtime_error("cannot write " + path);
+    staged.commit();
 }
 
 void printSummary(const RenderStats &st, const WrittenOutputs &written)
@@ -345,6 +405,7 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
     RenderOptions ro;
     ro.threads = args.threads;
     ro.shaderPath = args.shaderPath;
+    ro.stop = &gStop;
     if (args.progress)
         ro.progress = drawBar;
     if (!args.quiet)
@@ -357,9 +418,15 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
         result = render(scene, ro);
         if (args.progress)
             std::fprintf(stderr, "\n");
-        written = writeOutputsOrFallback(result, args.outDir);
+        written = writeOutputsOrFallback(result, args.outDir, &gStop);
         if (!args.statsPath.empty())
             writeStatsFile(result, args.statsPath);
+    } catch (const RenderInterrupted &e) {
+        if (args.progress)
+            std::fprintf(stderr, "\n");
+        std::cerr << "druxrender: interrupted by " << signalName(e.signal) << ": render stopped, nothing written, "
+                  << args.outDir << " keeps its earlier files (an interrupted render cannot be resumed)\n";
+        return 128 + e.signal;
     } catch (const SceneError &e) {
         /* a shader library or shader instance of the scene */
         if (args.progress)
@@ -400,5 +467,8 @@ int main(int argc, char **argv)
     }
     if (!outputsWritable(args, scene))
         return 2;
+    gOutDir = args.outDir;
+    mirt::set_fatal_handler(onFatal);
+    catchStopSignals();
     return renderAndWrite(args, scene);
 }

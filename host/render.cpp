@@ -133,6 +133,12 @@ void RenderSession::worker(int thread)
     PixelScratch px(s_.passes.size(), s_.samples);
     try {
         for (int tile; (tile = nextTile_.fetch_add(1)) < tiles_;) {
+            if (ro_.stop && ro_.stop->load()) {
+                std::lock_guard<std::mutex> lk(mu_);
+                stopped_ = ro_.stop->load();
+                nextTile_.store(tiles_);
+                break;
+            }
             if (!st) {
                 st = ctx_->begin_state(thread);
                 mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base_, sizeof base_, 2);
@@ -208,6 +214,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     const size_t warningsBefore = countMessages(mirt::Level::Warning);
     RenderResult out = emptyResult(s);
     std::string fatal;
+    int stopped = 0;
     {
         RenderSession session(s, ro, out);
         session.setUp();
@@ -216,6 +223,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         session.renderTiles();
         session.tearDown();
         fatal = session.fatal();
+        stopped = session.stopped();
     }
     for (TagMemory &m : out.stats.memory)
         m.after = mirt::mem_live_bytes(m.tag);
@@ -224,6 +232,8 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     out.stats.warnings = countMessages(mirt::Level::Warning) - warningsBefore;
     if (!fatal.empty())
         throw std::runtime_error("render stopped: " + fatal);
+    if (stopped)
+        throw RenderInterrupted(stopped);
     return out;
 }
 
