@@ -2,7 +2,7 @@
  * druxrender: the reference host renderer's command line.
  *
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
- *              [--resolution WxH] [--no-progress] [--quiet]
+ *              [--resolution WxH] [--no-progress] [--progress] [--quiet]
  *              [--shader-path DIRS] [--image-stats FILE] [--version]
  *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--help]
  *
@@ -61,6 +61,7 @@ void usage(std::ostream &o)
          "  --samples N            eye samples per pixel (overrides the scene)\n"
          "  --resolution WxH       image size (overrides the scene)\n"
          "  --no-progress          no progress bar\n"
+         "  --progress             draw the progress bar also when stderr is not a terminal\n"
          "  --quiet                no summary\n"
          "  --print-default-scene  print the built-in scene in the scene format and exit\n"
          "  --shader-path DIRS     folders (':'-separated) searched for linked shader libraries\n"
@@ -176,10 +177,14 @@ void drawBar(double f)
    files. */
 std::atomic<int> gStop{0};
 
+/* The first signal asks for a clean stop; a second one ends the process
+   at once (the default action), for a render that does not come back. */
 extern "C" void onStopSignal(int sig)
 {
     int none = 0;
     gStop.compare_exchange_strong(none, sig);
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
 }
 
 void catchStopSignals()
@@ -193,7 +198,8 @@ void catchStopSignals()
     sigaction(SIGTERM, &sa, nullptr);
 }
 
-std::string gOutDir; /* named by the fatal message */
+std::string gOutDir;     /* named by the fatal message */
+bool gProgress = false;  /* a progress bar line to end first */
 
 /* A fatal error may come from a render thread holding runtime locks that
    unwinding would never release: say what happened and end the process at
@@ -206,7 +212,7 @@ void onFatal(const std::string &text)
         for (;;)
             ::pause(); /* another thread is already ending the process */
     std::fflush(stdout);
-    const std::string msg = "\ndruxrender: fatal error: " + text + "; the render is abandoned, " +
+    const std::string msg = std::string(gProgress ? "\n" : "") + "druxrender: fatal error: " + text + "; the render is abandoned, " +
                             (gOutDir.empty() ? std::string("nothing written") : gOutDir + " keeps its earlier files") +
                             "\n";
     if (::write(STDERR_FILENO, msg.data(), msg.size()) < 0) {
@@ -285,6 +291,8 @@ int parseArgs(int argc, char **argv, Args &args)
             statsPath = value("a file");
         } else if (a == "--no-progress") {
             progress = false;
+        } else if (a == "--progress") {
+            progress = true;
         } else if (a == "--quiet") {
             quiet = true;
         } else if (a == "--print-default-scene") {
@@ -468,6 +476,7 @@ int main(int argc, char **argv)
     if (!outputsWritable(args, scene))
         return 2;
     gOutDir = args.outDir;
+    gProgress = args.progress;
     mirt::set_fatal_handler(onFatal);
     catchStopSignals();
     return renderAndWrite(args, scene);

@@ -199,7 +199,7 @@ void RenderSession::renderTiles()
     out_.stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     for (std::thread &t : pool)
         t.join();
-    if (ro_.progress)
+    if (ro_.progress && !stopped_)
         ro_.progress(1.0);
     out_.stats.eyeSamples =
         static_cast<uint64_t>(s_.width) * static_cast<uint64_t>(s_.height) * static_cast<uint64_t>(s_.samples);
