@@ -73,6 +73,10 @@ struct TextureDesc {
     int line = 0;
 };
 constexpr int kMaxRampKeys = 16;
+/* Largest coordinate (absolute, world space) of a camera, light or placed
+   mesh: the ray caster (Embree, single precision) cannot build or trace
+   scenes far beyond it. */
+constexpr float kCoordinateLimit = 1e15f;
 
 enum class SpecularModel { Phong = 0, Blinn = 1 };
 

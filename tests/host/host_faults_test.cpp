@@ -7,6 +7,7 @@
  */
 #if __has_include("render.h") && defined(DRUXRENDER_PATH)
 
+#include "file_read.h"
 #include "host_test_scene.h"
 
 #include <csignal>
@@ -274,6 +275,59 @@ TEST(HostFaults, StagedFilesMoveAllOrNone)
     const std::atomic<int> stop{SIGINT};
     EXPECT_THROW(writeOutputsOrFallback(r, dir, &stop), RenderInterrupted);
     EXPECT_TRUE(folder(dir) == earlier);
+    removeAll(dir);
+}
+
+/* Scenes and files the renderer must refuse before rendering, with the
+   scene line (when there is one) and what is wrong; the output folder keeps
+   its earlier render. */
+TEST(HostFaults, BadInputIsRefusedWithItsLine)
+{
+    const std::string dir = tempDir();
+    const std::string out = dir + "/out";
+    ASSERT_EQ(druxrender(renderArgs(out, "16x12")).status, 0);
+    const auto earlier = folder(out);
+    ASSERT_EQ(::mkfifo((dir + "/pipe.obj").c_str(), 0600), 0);
+    std::ofstream(dir + "/big.obj") << "v 0 0 0\nv 0 1e39 0\nv 0 0 1\nf 1 2 3\n";
+    std::ofstream(dir + "/empty.scene") << "# nothing\n\n";
+    /* sparse files just over the limits */
+    std::ofstream(dir + "/huge.scene") << "samples 1\n";
+    ASSERT_EQ(::truncate((dir + "/huge.scene").c_str(), off_t(kSceneFileLimit) + 1), 0);
+    std::ofstream(dir + "/huge.obj") << "v 0 0 0\n";
+    ASSERT_EQ(::truncate((dir + "/huge.obj").c_str(), off_t(kObjFileLimit) + 1), 0);
+    const std::string mesh = "mesh b sphere 1 8 4\nmaterial m\n";
+    const struct {
+        std::string scene; /* text of DIR/case.scene, or the --scene path after '@' */
+        std::string said;
+    } cases[] = {
+        {"@/dev/zero", "/dev/zero: cannot read the scene file: it is a device, not a regular file"},
+        {"@" + dir, dir + ": cannot read the scene file: it is a folder, not a regular file"},
+        {"@" + dir + "/empty.scene", "empty.scene: the scene file holds no commands"},
+        {"@" + dir + "/huge.scene", "huge.scene: cannot read the scene file: it is larger than the 256 MiB"},
+        {"samples 1\nmesh b obj \"/dev/zero\"\n", "case.scene:2: mesh \"b\": /dev/zero: it is a device, not a regular file"},
+        {"mesh b obj \"pipe.obj\"\n", "case.scene:1: mesh \"b\": " + dir + "/pipe.obj: it is a FIFO, not a regular file"},
+        {"mesh b obj \"huge.obj\"\n", "huge.obj: it is larger than the 1024 MiB an OBJ file may have"},
+        {"mesh b obj \"big.obj\"\n", "case.scene:1: mesh \"b\": " + dir + "/big.obj:2: \"1e39\" is not a finite number in single precision"},
+        {"camera position 0 -2e18 3\n", "case.scene:1: camera position 0 -2e+18 3 lies beyond the coordinate limit 1e15"},
+        {"light l point position 0 0 1e16\n", "case.scene:1: light \"l\" at 0 0 1e+16 lies beyond the coordinate limit 1e15"},
+        {mesh + "instance i mesh b material m translate 0 0 2e15\n", "case.scene:3: instance \"i\": mesh \"b\" placed at"},
+        {mesh + "instance i mesh b material m scale 1e-20 1 1 scale 1e-20 1 1\n",
+         "case.scene:3: instance \"i\": its transform steps multiply to a matrix that is singular"},
+        {mesh + "instance i mesh b material m scale 1e20 1 1 scale 1e20 1 1\n",
+         "case.scene:3: instance \"i\": its transform steps multiply to a matrix that is singular"},
+    };
+    for (const auto &c : cases) {
+        std::string path = c.scene.substr(1);
+        if (c.scene[0] != '@') {
+            path = dir + "/case.scene";
+            std::ofstream(path) << c.scene;
+        }
+        const Outcome r = druxrender({"--scene", path, "--out", out, "--no-progress", "--quiet"});
+        EXPECT_EQ(r.status, 2) << c.scene << ": " << r.err;
+        EXPECT_NE(r.err.find(c.said), std::string::npos) << c.scene << ": " << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one line: " << r.err;
+    }
+    EXPECT_TRUE(folder(out) == earlier);
     removeAll(dir);
 }
 
