@@ -91,11 +91,17 @@ struct RenderResult {
 /* The folders searched for a scene's shader libraries, in order. */
 std::vector<std::string> shaderSearchPath(const SceneDesc &scene, const RenderOptions &options);
 
+/* Bytes of the float images a render of this scene holds at once: the
+   host's main image, its pass images and the six ID-matte layers, the
+   renderer's frame buffer per pass and a preview image while writing. */
+uint64_t renderImageBytes(const SceneDesc &scene);
+
 /* The library's memory tags reported by the renderer. */
 const std::vector<std::string> &libraryMemoryTags();
 
 /* Throws SceneError for an invalid scene (also a shader library that cannot
-   be linked or a shader instance that cannot be made, with the scene line)
+   be linked or a shader instance that cannot be made, or images larger than
+   the memory available (renderImageBytes), with the scene line)
    and std::runtime_error when the renderer reports a fatal error. */
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 

@@ -410,6 +410,10 @@ void validateLightsAndPasses(const SceneDesc &s)
         checkCoordinate(l.line, "light \"" + l.name + "\" at", l.position);
         checkCoordinate(l.line, "light \"" + l.name + "\": half edge", l.u);
         checkCoordinate(l.line, "light \"" + l.name + "\": half edge", l.v);
+        if (l.kind == LightKind::Rect && int64_t(l.samples) * l.shadowSamples > kMaxShadowRays)
+            fail(l.line, "light \"" + l.name + "\": samples " + std::to_string(l.samples) + " x shadow_samples " +
+                             std::to_string(l.shadowSamples) + " is more than the " + std::to_string(kMaxShadowRays) +
+                             " shadow rays per shaded point allowed; lower one of them");
         if (l.kind == LightKind::Rect && length(cross(l.u, l.v)) == 0.0f)
             fail(l.line, "light \"" + l.name + "\": the half edges u and v do not span a rectangle");
     }

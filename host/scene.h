@@ -77,6 +77,9 @@ constexpr int kMaxRampKeys = 16;
    mesh: the ray caster (Embree, single precision) cannot build or trace
    scenes far beyond it. */
 constexpr float kCoordinateLimit = 1e15f;
+/* Most shadow rays a rect light may send per shaded point (samples x
+   shadow_samples). */
+constexpr int kMaxShadowRays = 4096;
 
 enum class SpecularModel { Phong = 0, Blinn = 1 };
 

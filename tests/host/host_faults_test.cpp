@@ -315,8 +315,16 @@ TEST(HostFaults, BadInputIsRefusedWithItsLine)
          "case.scene:3: instance \"i\": its transform steps multiply to a matrix that is singular"},
         {mesh + "instance i mesh b material m scale 1e20 1 1 scale 1e20 1 1\n",
          "case.scene:3: instance \"i\": its transform steps multiply to a matrix that is singular"},
+        {"light l rect center 0 0 3 u 1 0 0 v 0 1 0 samples 1024 shadow_samples 1024\n",
+         "case.scene:1: light \"l\": samples 1024 x shadow_samples 1024 is more than the 4096 shadow rays"},
+        {"material m scatter_radius 0.3 scatter_samples 2000000000\n",
+         "case.scene:1: material \"m\": scatter_samples must lie within 1 .. 4096"},
+        {"resolution 16384 16384\n", "case.scene:1: resolution 16384 x 16384 with 0 passes needs 4.0 GiB for"},
     };
+    const uint64_t memory = uint64_t(::sysconf(_SC_PHYS_PAGES)) * uint64_t(::sysconf(_SC_PAGESIZE));
     for (const auto &c : cases) {
+        if (c.scene.rfind("resolution", 0) == 0 && memory > (4ull << 30))
+            continue; /* the machine has room for that image */
         std::string path = c.scene.substr(1);
         if (c.scene[0] != '@') {
             path = dir + "/case.scene";
@@ -327,7 +335,55 @@ TEST(HostFaults, BadInputIsRefusedWithItsLine)
         EXPECT_NE(r.err.find(c.said), std::string::npos) << c.scene << ": " << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one line: " << r.err;
     }
+    // The built-in scene's 17 passes at the largest size: 172 GiB.
+    const Outcome big = druxrender({"--out", out, "--resolution", "16384x16384", "--no-progress", "--quiet"});
+    EXPECT_EQ(big.status, 2) << big.err;
+    EXPECT_NE(big.err.find("built-in scene: resolution 16384 x 16384 with 17 passes needs 172.0 GiB for its images, "
+                           "more than the "),
+              std::string::npos)
+        << big.err;
     EXPECT_TRUE(folder(out) == earlier);
+    removeAll(dir);
+}
+
+/* Fewer threads than asked for (a process-count limit through the pids
+   control group): the render goes on with those the system started and
+   gives the same image; with none, it stops with the reason. */
+TEST(HostFaults, ThreadsTheSystemCannotStart)
+{
+    const std::string group = "/sys/fs/cgroup/pids/druxfaults-" + std::to_string(::getpid());
+    if (::mkdir(group.c_str(), 0755) != 0)
+        GTEST_SKIP() << "no pids control group here (" << std::strerror(errno) << ")";
+    const std::string dir = tempDir();
+    const std::vector<std::string> args{"--out", dir + "/out", "--resolution", "64x48", "--samples", "1",
+                                        "--no-progress", "--quiet", "--image-stats"};
+    ASSERT_EQ(druxrender({args[0], args[1], args[2], args[3], args[4], args[5], args[6], args[7], args[8],
+                          dir + "/free.stats", "--threads", "1"})
+                  .status,
+              0);
+    for (int limit : {5, 2}) {
+        std::ofstream(group + "/pids.max") << limit;
+        std::string cmd = "echo $$ > " + group + "/cgroup.procs; exec " DRUXRENDER_PATH;
+        for (const std::string &a : args)
+            cmd += " " + a;
+        const std::string log = dir + "/log";
+        const int st = std::system(("sh -c '" + cmd + " " + dir + "/limited.stats --threads 8' 2>" + log).c_str());
+        const std::string err = text(log);
+        ASSERT_TRUE(WIFEXITED(st)) << err;
+        if (limit == 5) {
+            EXPECT_EQ(WEXITSTATUS(st), 0) << err;
+            EXPECT_NE(err.find("warning: the system started only "), std::string::npos) << err;
+            EXPECT_NE(err.find(" of 8 render threads (Resource temporarily unavailable); rendering with those"),
+                      std::string::npos)
+                << err;
+            EXPECT_EQ(text(dir + "/limited.stats"), text(dir + "/free.stats"));
+        } else {
+            EXPECT_EQ(WEXITSTATUS(st), 1) << err;
+            EXPECT_NE(err.find("druxrender: render stopped: cannot start a render thread: "), std::string::npos)
+                << err;
+        }
+    }
+    EXPECT_EQ(::rmdir(group.c_str()), 0);
     removeAll(dir);
 }
 
