@@ -192,7 +192,7 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("samples 2\nmaterial m focus 1\n", 2, "material \"m\": focus must lie in [0, 1)");
     expectError("material m ior 0\n", 1, "ior must be > 0");
     expectError("material m\nmaterial n reflect_rays 257\n", 2, "reflect_rays must lie within 1 .. 256");
-    expectError("material m scatter_samples 0\n", 1, "scatter_samples must be >= 1");
+    expectError("material m scatter_samples 0\n", 1, "scatter_samples must lie within 1 .. 4096");
     expectError("material m model glossy\n", 1, "model: \"glossy\" is not one of phong, blinn");
     expectError("\noptions trace_depth 65\n", 2, "options: trace_depth must lie within 0 .. 64");
     expectError("camera fov 179\n", 1, "camera: fov must lie in (0, 179)");
