@@ -158,7 +158,34 @@ std::string printable(const std::string &text)
 
 } // namespace
 
-SceneError::SceneError(int line, const std::string &what) : std::runtime_error(printable(what)), line_(line) {}
+namespace {
+
+/* A name quoted from a scene file may be of any length: a run of more than
+   160 bytes without a blank is shown as its first 120 bytes and its length,
+   so that a message stays one readable line. */
+std::string shortened(const std::string &text)
+{
+    const size_t kLongest = 160, kShown = 120;
+    std::string out;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(' ', start);
+        end = end == std::string::npos ? text.size() : end + 1;
+        if (end - start > kLongest)
+            out += text.substr(start, kShown) + "...(" + std::to_string(end - start) + " bytes)" +
+                   (text[end - 1] == ' ' ? " " : "");
+        else
+            out.append(text, start, end - start);
+        start = end;
+    }
+    return out;
+}
+
+} // namespace
+
+SceneError::SceneError(int line, const std::string &what) : std::runtime_error(printable(shortened(what))), line_(line)
+{
+}
 
 Matrix InstanceDesc::matrix() const
 {

@@ -133,6 +133,11 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     EXPECT_TRUE(back.lights[1].sharedShadow);
     EXPECT_EQ(back.passes.back().constant.b, 0.75f);
     EXPECT_EQ(back.textures[0].ramp[1].interpolation, RAMP_SMOOTH);
+
+    const std::string obj = "mesh gem obj \"models/gem.obj\" faceted\n";
+    const std::string objText = writeScene(parseScene(obj, DRUXHOST_SCENE_DIR));
+    EXPECT_NE(objText.find(obj), std::string::npos) << objText;
+    EXPECT_EQ(writeScene(parseScene(objText, DRUXHOST_SCENE_DIR)), objText);
 }
 
 TEST(HostSceneFormat, CommentsBlanksAndDefaults)
@@ -180,6 +185,10 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
     expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
+    /* a long name is cut to its start and its length */
+    const std::string longName(10000000, 'q');
+    expectError("instance i mesh " + longName + " material m\nmaterial m\n", 1,
+                "uses the unknown mesh \"" + longName.substr(0, 119) + "...(10000002 bytes)");
     /* checks of a whole description name the line it came from */
     expectError("material m\n\ninstance i mesh nosuch material m\n", 3, "unknown mesh \"nosuch\"");
     expectError("material m\nmaterial m\n", 2, "\"m\" is defined twice");
