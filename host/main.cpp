@@ -3,7 +3,7 @@
  *
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
  *              [--resolution WxH] [--no-progress] [--progress] [--quiet]
- *              [--shader-path DIRS] [--image-stats FILE] [--version]
+ *              [--shader-path DIRS] [--restrict-links] [--image-stats FILE] [--version]
  *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
@@ -66,6 +66,8 @@ void usage(std::ostream &o)
          "  --print-default-scene  print the built-in scene in the scene format and exit\n"
          "  --shader-path DIRS     folders (':'-separated) searched for linked shader libraries\n"
          "                         after the scene file's folder (also DRUX_SHADER_PATH)\n"
+         "  --restrict-links       link shader libraries only by name from the shader path and the\n"
+         "                         install, never from the scene's folder (also DRUX_RESTRICT_LINKS=1)\n"
          "  --version              print the version and exit\n"
          "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
          "  --debug-pixel X,Y[,S]  render sample S (default 0) of pixel X,Y alone and print the\n"
@@ -230,6 +232,8 @@ namespace {
 struct Args {
     std::string scenePath, outDir = "out", statsPath;
     std::vector<std::string> shaderPath;
+    bool restrictLinks = std::getenv("DRUX_RESTRICT_LINKS") && *std::getenv("DRUX_RESTRICT_LINKS") &&
+                         std::string(std::getenv("DRUX_RESTRICT_LINKS")) != "0";
     int threads = 0, samples = 0, width = 0, height = 0;
     int debugPx[3] = {-1, -1, 0};
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
@@ -289,6 +293,8 @@ int parseArgs(int argc, char **argv, Args &args)
             return 0;
         } else if (a == "--image-stats") {
             statsPath = value("a file");
+        } else if (a == "--restrict-links") {
+            args.restrictLinks = true;
         } else if (a == "--no-progress") {
             progress = false;
         } else if (a == "--progress") {
@@ -413,6 +419,7 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
     RenderOptions ro;
     ro.threads = args.threads;
     ro.shaderPath = args.shaderPath;
+    ro.restrictLinks = args.restrictLinks;
     ro.stop = &gStop;
     if (args.progress)
         ro.progress = drawBar;
@@ -471,6 +478,7 @@ int main(int argc, char **argv)
     if (args.debugPx[0] >= 0) {
         RenderOptions ro;
         ro.shaderPath = args.shaderPath;
+        ro.restrictLinks = args.restrictLinks;
         return runDebugPixel(scene, args.sceneName(), args.debugPx, ro);
     }
     if (!outputsWritable(args, scene))

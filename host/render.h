@@ -42,6 +42,9 @@ struct RenderOptions {
        file's own folder and before those of DRUX_SHADER_PATH (':'-separated)
        and the renderer's lib/ folder. */
     std::vector<std::string> shaderPath;
+    /* Every `link` only by name, from the shader path and the renderer's
+       lib/ folder (never the scene's folder or a path the scene gives). */
+    bool restrictLinks = false;
     /* When it points at a non-zero value (a signal number), the render
        threads take no further tile and render() throws RenderInterrupted. */
     const std::atomic<int> *stop = nullptr;

@@ -346,6 +346,48 @@ TEST(HostFaults, BadInputIsRefusedWithItsLine)
     removeAll(dir);
 }
 
+/* Where shader libraries come from: a scene's relative paths are relative
+   to the scene file; the implicit host library and, with restricted links,
+   every library come only from the shader path and the install. */
+TEST(HostFaults, ShaderLibrariesComeFromTrustedPlaces)
+{
+    const std::string dir = tempDir();
+    ASSERT_EQ(::mkdir((dir + "/sub").c_str(), 0777), 0);
+    ASSERT_EQ(std::system(("cp " DRUX_TEST_SHADER_DIR "/libtest_shaders.so " + dir + "/sub/").c_str()), 0);
+    ASSERT_EQ(::mkdir((dir + "/bare").c_str(), 0777), 0);
+    std::ofstream(dir + "/bare/libdruxhostshaders.so") << "not a library";
+    const std::string body = "resolution 8 8\nsamples 1\nmaterial m\nmesh quad plane 4 4 1 1\n"
+                             "instance q mesh quad material m\npass beauty beauty\n";
+    std::ofstream(dir + "/bare/plain.scene") << body;
+    std::ofstream(dir + "/linked.scene") << "link \"libdruxhostshaders.so\"\nlink \"sub/libtest_shaders.so\"\n" << body;
+    std::ofstream(dir + "/named.scene") << "link \"libdruxhostshaders.so\"\nlink \"libtest_shaders.so\"\n" << body;
+    std::ofstream(dir + "/sub/named.scene") << "link \"libdruxhostshaders.so\"\nlink \"libtest_shaders.so\"\n" << body;
+    const auto run = [&](const std::string &scene, std::vector<std::string> more) {
+        std::vector<std::string> args{"--scene", dir + "/" + scene, "--out", dir + "/out", "--no-progress", "--quiet"};
+        args.insert(args.end(), more.begin(), more.end());
+        return druxrender(args);
+    };
+    EXPECT_EQ(run("bare/plain.scene", {}).status, 0) << "the scene folder's libdruxhostshaders.so was loaded";
+    EXPECT_EQ(run("linked.scene", {}).status, 0) << "sub/ not taken from the scene's folder";
+    EXPECT_EQ(run("sub/named.scene", {}).status, 0) << "a bare name is found beside the scene";
+    EXPECT_EQ(run("sub/named.scene", {"--shader-path", dir + "/sub", "--restrict-links"}).status, 0);
+    Outcome r = run("linked.scene", {"--restrict-links"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("linked.scene:2: link \"sub/libtest_shaders.so\": a path is not allowed when links are "
+                         "restricted"),
+              std::string::npos)
+        << r.err;
+    ::setenv("DRUX_RESTRICT_LINKS", "1", 1);
+    r = run("sub/named.scene", {});
+    ::unsetenv("DRUX_RESTRICT_LINKS");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("named.scene:2: shader library \"libtest_shaders.so\" not found; searched: "),
+              std::string::npos)
+        << r.err;
+    EXPECT_EQ(r.err.find(dir + "/sub,"), std::string::npos) << "the scene's folder was searched: " << r.err;
+    removeAll(dir);
+}
+
 /* Fewer threads than asked for (a process-count limit through the pids
    control group): the render goes on with those the system started and
    gives the same image; with none, it stops with the reason. */
