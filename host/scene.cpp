@@ -5,6 +5,8 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <algorithm>
+#include <map>
 #include <set>
 
 namespace druxhost {
@@ -295,9 +297,26 @@ void validateTextures(const SceneDesc &s)
 void validateMaterials(const SceneDesc &s)
 {
     std::set<std::string> shaderNames;
-    for (const ShaderDesc &d : s.shaders)
+    /* instances connect only to earlier ones, so one pass finds each
+       instance's depth: the longest chain of connections down from it */
+    std::map<std::string, int> depth;
+    for (const ShaderDesc &d : s.shaders) {
         if (!shaderNames.insert(d.name).second)
             fail(d.line, "shader instance \"" + d.name + "\" is defined twice");
+        int deepest = 0;
+        for (size_t k = 0; k + 1 < d.values.size(); ++k)
+            if (d.values[k] == "=") {
+                const auto below = depth.find(d.values[k + 1]);
+                if (below != depth.end())
+                    deepest = std::max(deepest, below->second);
+            }
+        if (deepest + 1 > kMaxShaderChain)
+            fail(d.line, "shader instance \"" + d.name + "\" ends a chain of more than " +
+                             std::to_string(kMaxShaderChain) +
+                             " connected shaders, which would nest too deep on a render thread's stack; "
+                             "shorten the chain");
+        depth[d.name] = deepest + 1;
+    }
     for (const MaterialDesc &m : s.materials) {
         const std::string what = "material \"" + m.name + "\"";
         if (!m.shader.empty() && !shaderNames.count(m.shader))

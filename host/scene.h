@@ -80,6 +80,9 @@ constexpr float kCoordinateLimit = 1e15f;
 /* Most shadow rays a rect light may send per shaded point (samples x
    shadow_samples). */
 constexpr int kMaxShadowRays = 4096;
+/* Longest chain of connected shader instances (each connection's
+   evaluation nests on the render thread's stack). */
+constexpr int kMaxShaderChain = 1000;
 
 enum class SpecularModel { Phong = 0, Blinn = 1 };
 

@@ -296,6 +296,17 @@ TEST(HostFaults, BadInputIsRefusedWithItsLine)
     std::ofstream(dir + "/huge.obj") << "v 0 0 0\n";
     ASSERT_EQ(::truncate((dir + "/huge.obj").c_str(), off_t(kObjFileLimit) + 1), 0);
     const std::string mesh = "mesh b sphere 1 8 4\nmaterial m\n";
+    /* connected shader instances, each one on the one before */
+    const auto chain = [](int n) {
+        std::string text = "link \"libdruxhostshaders.so\"\nlink \"" DRUX_TEST_SHADER_DIR "/libtest_shaders.so\"\n"
+                           "resolution 4 4\nsamples 1\nshader s0 checker a 0.1 0.2 0.3 b 0.1 0.2 0.3\n";
+        for (int k = 1; k < n; ++k)
+            text += "shader s" + std::to_string(k) + " tint base = s" + std::to_string(k - 1) + " gain 1\n";
+        return text + "material m shader s" + std::to_string(n - 1) + "\nmesh quad plane 4 4 1 1\n"
+                                                                      "instance q mesh quad material m\n";
+    };
+    std::ofstream(dir + "/longest.scene") << chain(1000);
+    EXPECT_EQ(druxrender({"--scene", dir + "/longest.scene", "--out", dir + "/chain", "--quiet"}).status, 0);
     const struct {
         std::string scene; /* text of DIR/case.scene, or the --scene path after '@' */
         std::string said;
@@ -319,6 +330,8 @@ TEST(HostFaults, BadInputIsRefusedWithItsLine)
          "case.scene:1: light \"l\": samples 1024 x shadow_samples 1024 is more than the 4096 shadow rays"},
         {"material m scatter_radius 0.3 scatter_samples 2000000000\n",
          "case.scene:1: material \"m\": scatter_samples must lie within 1 .. 4096"},
+        {chain(1001), "case.scene:1005: shader instance \"s1000\" ends a chain of more than 1000 connected shaders"},
+        {chain(1000000), "case.scene:1005: shader instance \"s1000\" ends a chain of more than 1000 connected"},
         {"resolution 16384 16384\n", "case.scene:1: resolution 16384 x 16384 with 0 passes needs 4.0 GiB for"},
     };
     const uint64_t memory = uint64_t(::sysconf(_SC_PHYS_PAGES)) * uint64_t(::sysconf(_SC_PAGESIZE));
@@ -331,8 +344,9 @@ TEST(HostFaults, BadInputIsRefusedWithItsLine)
             std::ofstream(path) << c.scene;
         }
         const Outcome r = druxrender({"--scene", path, "--out", out, "--no-progress", "--quiet"});
-        EXPECT_EQ(r.status, 2) << c.scene << ": " << r.err;
-        EXPECT_NE(r.err.find(c.said), std::string::npos) << c.scene << ": " << r.err;
+        const std::string scene = c.scene.substr(0, 200);
+        EXPECT_EQ(r.status, 2) << scene << ": " << r.err;
+        EXPECT_NE(r.err.find(c.said), std::string::npos) << scene << ": " << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one line: " << r.err;
     }
     // The built-in scene's 17 passes at the largest size: 172 GiB.
