@@ -476,6 +476,7 @@ int main(int argc, char **argv)
     if (!sceneFor(args, scene))
         return 2;
     if (args.debugPx[0] >= 0) {
+        mirt::set_fatal_handler(onFatal);
         RenderOptions ro;
         ro.shaderPath = args.shaderPath;
         ro.restrictLinks = args.restrictLinks;
