@@ -168,6 +168,14 @@ void parseObj(const std::string &text, const std::string &path, MeshDesc &m)
         throw ObjError(path, 0, reader.Error().empty() ? "cannot be read" : reader.Error());
     const tinyobj::attrib_t &a = reader.GetAttrib();
     const size_t nv = a.vertices.size() / 3, nn = a.normals.size() / 3, nt = a.texcoords.size() / 2;
+    /* the OBJ parser reads numbers its own way: "0e50813" passes the check
+       above (0) but becomes 0 x infinity there */
+    const std::vector<float> *const arrays[3] = {&a.vertices, &a.texcoords, &a.normals};
+    for (int k = 0; k < 3; ++k)
+        for (size_t i = 0; i < arrays[k]->size(); ++i)
+            if (!std::isfinite((*arrays[k])[i]))
+                throw ObjError(path, 0, std::string(kElementNames[k]) + " " + std::to_string(i / (k == 1 ? 2 : 3) + 1) +
+                                            " does not read as a finite number; write its numbers plainly");
 
     bool allNormals = true, allUV = true;
     for (const tinyobj::shape_t &s : reader.GetShapes())

@@ -343,6 +343,9 @@ TEST(ObjModels, BadFilesAreReportedWithPathAndLine)
         {"v 0 0 0\nv 1 0 0\nf 1 2\n", 3, "at least 3 corners"},
         {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 x\n", 4, "\"x\" is not a face corner"},
         {"# nothing\n", 0, "no vertices or no faces"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1e39 0\nf 1 2 3\n", 3, "\"1e39\" is not a finite number in single precision"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nvn 0 0e50813 1\nf 1//1 2//1 3//1\n", 0,
+         "normal 1 does not read as a finite number"},
     };
     for (const Case &c : cases) {
         MeshDesc m;
