@@ -223,6 +223,13 @@ void onFatal(const std::string &text)
     ::_exit(1);
 }
 
+/* A variable set to anything but "" or "0". */
+bool envOn(const char *name)
+{
+    const char *v = std::getenv(name);
+    return v && *v && std::string(v) != "0";
+}
+
 const char *signalName(int sig) { return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal"; }
 
 } // namespace
@@ -232,8 +239,7 @@ namespace {
 struct Args {
     std::string scenePath, outDir = "out", statsPath;
     std::vector<std::string> shaderPath;
-    bool restrictLinks = std::getenv("DRUX_RESTRICT_LINKS") && *std::getenv("DRUX_RESTRICT_LINKS") &&
-                         std::string(std::getenv("DRUX_RESTRICT_LINKS")) != "0";
+    bool restrictLinks = envOn("DRUX_RESTRICT_LINKS");
     int threads = 0, samples = 0, width = 0, height = 0;
     int debugPx[3] = {-1, -1, 0};
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
