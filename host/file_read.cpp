@@ -44,10 +44,11 @@ std::string readRegularFile(const std::string &path, uint64_t limit, const char 
     if (::fstat(fd, &st) != 0)
         throw std::runtime_error(std::string("cannot read it: ") + std::strerror(errno));
     if (!S_ISREG(st.st_mode))
-        throw std::runtime_error(std::string("it is ") + kindOf(st.st_mode) + ", not a regular file; name a " + std::string(what) +
-                                 " file");
+        throw std::runtime_error(std::string("it is ") + kindOf(st.st_mode) + ", not a regular file; name a " +
+                                 what + " file");
     const auto tooLarge = [&] {
-        return std::runtime_error("it is larger than the " + mib(limit) + " " + (what[0] == 'O' ? "an " : "a ") + what + " file may have");
+        return std::runtime_error("it is larger than the " + mib(limit) + (what[0] == 'O' ? " an " : " a ") + what +
+                                  " file may have");
     };
     if (static_cast<uint64_t>(st.st_size) > limit)
         throw tooLarge();

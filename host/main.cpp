@@ -214,9 +214,9 @@ void onFatal(const std::string &text)
         for (;;)
             ::pause(); /* another thread is already ending the process */
     std::fflush(stdout);
-    const std::string msg = std::string(gProgress ? "\n" : "") + "druxrender: fatal error: " + text + "; the render is abandoned, " +
-                            (gOutDir.empty() ? std::string("nothing written") : gOutDir + " keeps its earlier files") +
-                            "\n";
+    const std::string where = gOutDir.empty() ? std::string("nothing written") : gOutDir + " keeps its earlier files";
+    const std::string msg = std::string(gProgress ? "\n" : "") + "druxrender: fatal error: " + text +
+                            "; the render is abandoned, " + where + "\n";
     if (::write(STDERR_FILENO, msg.data(), msg.size()) < 0) {
         /* nothing more to try */
     }

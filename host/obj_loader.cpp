@@ -64,7 +64,8 @@ void checkNumbers(const std::vector<std::string> &w, size_t least, size_t most, 
                                     (least == most ? "" : " to " + std::to_string(most)) + " numbers");
     for (size_t i = 1; i < w.size(); ++i)
         if (!finiteNumber(w[i]))
-            throw ObjError(path, n, "\"" + w[i] + "\" is not a finite number in single precision (at most 3.4e38 in size)");
+            throw ObjError(path, n,
+                           "\"" + w[i] + "\" is not a finite number in single precision (at most 3.4e38 in size)");
 }
 
 /* One face corner of line n (v, v/vt, v//vn, v/vt/vn): integers, not 0,
