@@ -3,16 +3,21 @@
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfIO.h>
 #include <OpenEXR/ImfInputFile.h>
 #include <OpenEXR/ImfOutputFile.h>
 #include <OpenEXR/ImfStringAttribute.h>
 #include <png.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <memory>
 #include <stdexcept>
+#include <unistd.h>
 
 namespace druxhost {
 
@@ -33,7 +38,79 @@ struct FileCloser {
     }
 };
 
+/* An OpenEXR output stream on a file descriptor that keeps the first write
+   error: OpenEXR writes the line offset table from the output file's
+   destructor and drops any error there, so the writer asks error() once the
+   file object is gone. */
+class FdOStream : public Imf::OStream {
+public:
+    FdOStream(int fd, const std::string &path) : Imf::OStream(path.c_str()), fd_(fd) {}
+    void write(const char c[], int n) override
+    {
+        while (n > 0) {
+            const ssize_t k = ::write(fd_, c, static_cast<size_t>(n));
+            if (k < 0 && errno == EINTR)
+                continue;
+            if (k <= 0)
+                fail(k < 0 ? errno : EIO);
+            c += k;
+            n -= static_cast<int>(k);
+            pos_ += static_cast<uint64_t>(k);
+        }
+    }
+    uint64_t tellp() override { return pos_; }
+    void seekp(uint64_t pos) override
+    {
+        if (::lseek(fd_, static_cast<off_t>(pos), SEEK_SET) < 0)
+            fail(errno);
+        pos_ = pos;
+    }
+    int error() const { return error_; }
+
+private:
+    [[noreturn]] void fail(int e)
+    {
+        if (!error_)
+            error_ = e;
+        throw std::runtime_error(std::strerror(e));
+    }
+    int fd_;
+    int error_ = 0;
+    uint64_t pos_ = 0;
+};
+
+/* Ends a write: the data must reach the disk (flush, sync) and the file
+   must close without error, else the file is not whole. */
+std::string syncAndClose(int fd)
+{
+    std::string why;
+    if (::fsync(fd) != 0)
+        why = std::strerror(errno);
+    if (::close(fd) != 0 && why.empty())
+        why = std::strerror(errno);
+    return why;
+}
+
 } // namespace
+
+void closeWrittenFile(FILE *f, const std::string &path)
+{
+    std::string why;
+    if (std::fflush(f) != 0 || std::ferror(f))
+        why = std::strerror(errno ? errno : EIO);
+    const int fd = ::dup(fileno(f));
+    if (std::fclose(f) != 0 && why.empty())
+        why = std::strerror(errno);
+    if (fd >= 0) {
+        const std::string synced = syncAndClose(fd);
+        if (why.empty())
+            why = synced;
+    } else if (why.empty()) {
+        why = std::strerror(errno);
+    }
+    if (!why.empty())
+        throw std::runtime_error("cannot write " + path + ": " + why);
+}
 
 void writeExr(const std::string &path, const std::vector<Layer> &layers,
               const std::vector<std::pair<std::string, std::string>> &attributes)
@@ -57,9 +134,24 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers,
                 char *base = reinterpret_cast<char *>(const_cast<float *>(l.image->rgba.data())) + c * sizeof(float);
                 fb.insert(name, Imf::Slice(Imf::FLOAT, base, 4 * sizeof(float), 4 * sizeof(float) * size_t(w)));
             }
-        Imf::OutputFile file(path.c_str(), header);
-        file.setFrameBuffer(fb);
-        file.writePixels(h);
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0)
+            throw std::runtime_error(std::strerror(errno));
+        FdOStream out(fd, path);
+        try {
+            Imf::OutputFile file(out, header);
+            file.setFrameBuffer(fb);
+            file.writePixels(h);
+        } catch (...) {
+            ::close(fd);
+            throw;
+        }
+        std::string why = out.error() ? std::strerror(out.error()) : "";
+        const std::string closed = syncAndClose(fd);
+        if (why.empty())
+            why = closed;
+        if (!why.empty())
+            throw std::runtime_error(why);
     } catch (const std::exception &ex) {
         throw std::runtime_error("cannot write " + path + ": " + ex.what());
     }
@@ -191,6 +283,7 @@ void writePng(const std::string &path, const Image &image)
         png_write_row(png, row.data());
     }
     png_write_end(png, nullptr);
+    closeWrittenFile(file.f.release(), path);
 }
 
 std::vector<unsigned char> readPng(const std::string &path, int &width, int &height)

@@ -7,6 +7,7 @@
 
 #include "shader.h"
 
+#include <cstdio>
 #include <utility>
 #include <string>
 #include <vector>
@@ -59,6 +60,11 @@ std::vector<std::pair<std::string, Image>> readExr(const std::string &path);
 void writePng(const std::string &path, const Image &image);
 /* 8-bit RGB pixels of a PNG (3 bytes per pixel), for checking previews. */
 std::vector<unsigned char> readPng(const std::string &path, int &width, int &height);
+
+/* Flushes, syncs and closes a file just written (also when that fails);
+   throws std::runtime_error naming `path` when any step fails, so that a
+   full disk is never taken for a written file. */
+void closeWrittenFile(FILE *f, const std::string &path);
 
 /* The sRGB code of a linear value in [0, 1] (clamped). */
 unsigned char srgbByte(float linear);

@@ -2,8 +2,8 @@
  * druxrender: the reference host renderer's command line.
  *
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
- *              [--resolution WxH] [--no-progress] [--quiet]
- *              [--shader-path DIRS] [--image-stats FILE] [--version]
+ *              [--resolution WxH] [--no-progress] [--progress] [--quiet]
+ *              [--shader-path DIRS] [--restrict-links] [--image-stats FILE] [--version]
  *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
@@ -20,13 +20,22 @@
  * Before rendering it checks that every output file can be written (exit 2
  * otherwise); when writing still fails after the render, the images go to a
  * new folder under the system's temporary directory, named on stderr, and
- * the exit status is 3.
+ * the exit status is 3.  Files are written under temporary names and moved
+ * into place together, so the output folder holds the whole earlier render
+ * or the whole new one.
+ *
+ * SIGINT and SIGTERM stop the render threads at their next tile; nothing is
+ * written, the output folder keeps its earlier files, and the exit status
+ * is 128 + the signal.  A fatal error of the renderer in any thread ends the
+ * process with its message and status 1.
  */
 #include "image_stats.h"
 #include "render.h"
 #include "runtime.h"
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -52,10 +61,13 @@ void usage(std::ostream &o)
          "  --samples N            eye samples per pixel (overrides the scene)\n"
          "  --resolution WxH       image size (overrides the scene)\n"
          "  --no-progress          no progress bar\n"
+         "  --progress             draw the progress bar also when stderr is not a terminal\n"
          "  --quiet                no summary\n"
          "  --print-default-scene  print the built-in scene in the scene format and exit\n"
          "  --shader-path DIRS     folders (':'-separated) searched for linked shader libraries\n"
          "                         after the scene file's folder (also DRUX_SHADER_PATH)\n"
+         "  --restrict-links       link shader libraries only by name from the shader path and the\n"
+         "                         install, never from the scene's folder (also DRUX_RESTRICT_LINKS=1)\n"
          "  --version              print the version and exit\n"
          "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
          "  --debug-pixel X,Y[,S]  render sample S (default 0) of pixel X,Y alone and print the\n"
@@ -162,6 +174,64 @@ void drawBar(double f)
     std::fflush(stderr);
 }
 
+/* The signal that asked the render to stop (0: none); set by the handler,
+   read by the render threads between tiles and by the writer between
+   files. */
+std::atomic<int> gStop{0};
+
+/* The first signal asks for a clean stop; a second one ends the process
+   at once (the default action), for a render that does not come back. */
+extern "C" void onStopSignal(int sig)
+{
+    int none = 0;
+    gStop.compare_exchange_strong(none, sig);
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+}
+
+void catchStopSignals()
+{
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onStopSignal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+std::string gOutDir;     /* named by the fatal message */
+bool gProgress = false;  /* a progress bar line to end first */
+
+/* A fatal error may come from a render thread holding runtime locks that
+   unwinding would never release: say what happened and end the process at
+   once, every thread with it.  Nothing has been moved into the output
+   folder at that point (writing happens after every thread is done). */
+void onFatal(const std::string &text)
+{
+    static std::atomic<bool> once{false};
+    if (once.exchange(true))
+        for (;;)
+            ::pause(); /* another thread is already ending the process */
+    std::fflush(stdout);
+    const std::string where = gOutDir.empty() ? std::string("nothing written") : gOutDir + " keeps its earlier files";
+    const std::string msg = std::string(gProgress ? "\n" : "") + "druxrender: fatal error: " + text +
+                            "; the render is abandoned, " + where + "\n";
+    if (::write(STDERR_FILENO, msg.data(), msg.size()) < 0) {
+        /* nothing more to try */
+    }
+    ::_exit(1);
+}
+
+/* A variable set to anything but "" or "0". */
+bool envOn(const char *name)
+{
+    const char *v = std::getenv(name);
+    return v && *v && std::string(v) != "0";
+}
+
+const char *signalName(int sig) { return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal"; }
+
 } // namespace
 
 namespace {
@@ -169,6 +239,7 @@ namespace {
 struct Args {
     std::string scenePath, outDir = "out", statsPath;
     std::vector<std::string> shaderPath;
+    bool restrictLinks = envOn("DRUX_RESTRICT_LINKS");
     int threads = 0, samples = 0, width = 0, height = 0;
     int debugPx[3] = {-1, -1, 0};
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
@@ -228,8 +299,12 @@ int parseArgs(int argc, char **argv, Args &args)
             return 0;
         } else if (a == "--image-stats") {
             statsPath = value("a file");
+        } else if (a == "--restrict-links") {
+            args.restrictLinks = true;
         } else if (a == "--no-progress") {
             progress = false;
+        } else if (a == "--progress") {
+            progress = true;
         } else if (a == "--quiet") {
             quiet = true;
         } else if (a == "--print-default-scene") {
@@ -306,17 +381,22 @@ bool outputsWritable(const Args &args, const SceneDesc &scene)
     return true;
 }
 
+/* Written under a temporary name in the file's folder and moved into
+   place: an earlier statistics file stays whole when writing fails. */
 void writeStatsFile(const RenderResult &result, const std::string &path)
 {
     const std::string text = formatStats(imageStats(result));
-    FILE *f = std::fopen(path.c_str(), "w");
-    bool ok = f != nullptr;
-    if (f) {
-        ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-        ok = std::fclose(f) == 0 && ok;
-    }
-    if (!ok)
+    const size_t slash = path.rfind('/');
+    StagedFiles staged(slash == std::string::npos ? std::string(".") : path.substr(0, slash));
+    const std::string temp = staged.stage(path.substr(slash == std::string::npos ? 0 : slash + 1));
+    FILE *f = std::fopen(temp.c_str(), "w");
+    if (!f)
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    const bool wrote = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    closeWrittenFile(f, temp);
+    if (!wrote)
         throw std::runtime_error("cannot write " + path);
+    staged.commit();
 }
 
 void printSummary(const RenderStats &st, const WrittenOutputs &written)
@@ -345,6 +425,8 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
     RenderOptions ro;
     ro.threads = args.threads;
     ro.shaderPath = args.shaderPath;
+    ro.restrictLinks = args.restrictLinks;
+    ro.stop = &gStop;
     if (args.progress)
         ro.progress = drawBar;
     if (!args.quiet)
@@ -357,9 +439,15 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
         result = render(scene, ro);
         if (args.progress)
             std::fprintf(stderr, "\n");
-        written = writeOutputsOrFallback(result, args.outDir);
+        written = writeOutputsOrFallback(result, args.outDir, &gStop);
         if (!args.statsPath.empty())
             writeStatsFile(result, args.statsPath);
+    } catch (const RenderInterrupted &e) {
+        if (args.progress)
+            std::fprintf(stderr, "\n");
+        std::cerr << "druxrender: interrupted by " << signalName(e.signal) << ": render stopped, nothing written, "
+                  << args.outDir << " keeps its earlier files (an interrupted render cannot be resumed)\n";
+        return 128 + e.signal;
     } catch (const SceneError &e) {
         /* a shader library or shader instance of the scene */
         if (args.progress)
@@ -394,11 +482,17 @@ int main(int argc, char **argv)
     if (!sceneFor(args, scene))
         return 2;
     if (args.debugPx[0] >= 0) {
+        mirt::set_fatal_handler(onFatal);
         RenderOptions ro;
         ro.shaderPath = args.shaderPath;
+        ro.restrictLinks = args.restrictLinks;
         return runDebugPixel(scene, args.sceneName(), args.debugPx, ro);
     }
     if (!outputsWritable(args, scene))
         return 2;
+    gOutDir = args.outDir;
+    gProgress = args.progress;
+    mirt::set_fatal_handler(onFatal);
+    catchStopSignals();
     return renderAndWrite(args, scene);
 }

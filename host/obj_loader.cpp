@@ -1,5 +1,6 @@
 #include "obj_loader.h"
 
+#include "file_read.h"
 #include "text_lines.h"
 
 #include <tiny_obj_loader.h>
@@ -35,7 +36,8 @@ bool finiteNumber(const std::string &s)
     char *end = nullptr;
     errno = 0;
     const double v = std::strtod(s.c_str(), &end);
-    return end != s.c_str() && *end == '\0' && errno != ERANGE && std::isfinite(v);
+    /* the mesh keeps single precision: 1e300 would become infinity */
+    return end != s.c_str() && *end == '\0' && errno != ERANGE && std::fabs(v) <= 3.4028234663852886e38;
 }
 
 bool integer(const std::string &s, long &v)
@@ -62,7 +64,8 @@ void checkNumbers(const std::vector<std::string> &w, size_t least, size_t most, 
                                     (least == most ? "" : " to " + std::to_string(most)) + " numbers");
     for (size_t i = 1; i < w.size(); ++i)
         if (!finiteNumber(w[i]))
-            throw ObjError(path, n, "\"" + w[i] + "\" is not a finite number");
+            throw ObjError(path, n,
+                           "\"" + w[i] + "\" is not a finite number in single precision (at most 3.4e38 in size)");
 }
 
 /* One face corner of line n (v, v/vt, v//vn, v/vt/vn): integers, not 0,
@@ -151,7 +154,7 @@ void check(const std::string &text, const std::string &path)
 } // namespace
 
 ObjError::ObjError(const std::string &path, int line, const std::string &what)
-    : std::runtime_error(path + ":" + std::to_string(line) + ": " + what), line_(line)
+    : std::runtime_error(path + (line > 0 ? ":" + std::to_string(line) : std::string()) + ": " + what), line_(line)
 {
 }
 
@@ -166,6 +169,14 @@ void parseObj(const std::string &text, const std::string &path, MeshDesc &m)
         throw ObjError(path, 0, reader.Error().empty() ? "cannot be read" : reader.Error());
     const tinyobj::attrib_t &a = reader.GetAttrib();
     const size_t nv = a.vertices.size() / 3, nn = a.normals.size() / 3, nt = a.texcoords.size() / 2;
+    /* the OBJ parser reads numbers its own way: "0e50813" passes the check
+       above (0) but becomes 0 x infinity there */
+    const std::vector<float> *const arrays[3] = {&a.vertices, &a.texcoords, &a.normals};
+    for (int k = 0; k < 3; ++k)
+        for (size_t i = 0; i < arrays[k]->size(); ++i)
+            if (!std::isfinite((*arrays[k])[i]))
+                throw ObjError(path, 0, std::string(kElementNames[k]) + " " + std::to_string(i / (k == 1 ? 2 : 3) + 1) +
+                                            " does not read as a finite number; write its numbers plainly");
 
     bool allNormals = true, allUV = true;
     for (const tinyobj::shape_t &s : reader.GetShapes())
@@ -220,12 +231,13 @@ void parseObj(const std::string &text, const std::string &path, MeshDesc &m)
 
 void loadObj(const std::string &path, MeshDesc &m)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw ObjError(path, 0, "cannot open the file");
-    std::ostringstream text;
-    text << in.rdbuf();
-    parseObj(text.str(), path, m);
+    std::string text;
+    try {
+        text = readRegularFile(path, kObjFileLimit, "OBJ");
+    } catch (const std::exception &e) {
+        throw ObjError(path, 0, e.what());
+    }
+    parseObj(text, path, m);
 }
 
 } // namespace druxhost

@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <unistd.h>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 namespace druxhost {
@@ -38,7 +42,36 @@ RenderResult emptyResult(const SceneDesc &s)
     return out;
 }
 
+/* Memory the system can give without swapping (MemAvailable), else all of
+   it; 0 when unknown. */
+uint64_t availableMemory()
+{
+    std::ifstream in("/proc/meminfo");
+    std::string key;
+    uint64_t kib = 0;
+    while (in >> key >> kib) {
+        if (key == "MemAvailable:")
+            return kib * 1024;
+        in.ignore(1 << 10, '\n');
+    }
+    const long pages = ::sysconf(_SC_PHYS_PAGES), size = ::sysconf(_SC_PAGESIZE);
+    return pages > 0 && size > 0 ? uint64_t(pages) * uint64_t(size) : 0;
+}
+
+std::string gib(uint64_t bytes)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.1f GiB", double(bytes) / double(1ull << 30));
+    return buf;
+}
+
 } // namespace
+
+uint64_t renderImageBytes(const SceneDesc &s)
+{
+    const uint64_t pixels = uint64_t(s.width) * uint64_t(s.height);
+    return pixels * sizeof(miColor) * (2 * uint64_t(s.passes.size()) + 9);
+}
 
 const Image *RenderResult::pass(const std::string &name) const
 {
@@ -133,6 +166,12 @@ void RenderSession::worker(int thread)
     PixelScratch px(s_.passes.size(), s_.samples);
     try {
         for (int tile; (tile = nextTile_.fetch_add(1)) < tiles_;) {
+            if (ro_.stop && ro_.stop->load()) {
+                std::lock_guard<std::mutex> lk(mu_);
+                stopped_ = ro_.stop->load();
+                nextTile_.store(tiles_);
+                break;
+            }
             if (!st) {
                 st = ctx_->begin_state(thread);
                 mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base_, sizeof base_, 2);
@@ -187,13 +226,27 @@ void RenderSession::renderTiles()
 
     const auto start = std::chrono::steady_clock::now();
     std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t)
-        pool.emplace_back(&RenderSession::worker, this, t);
+    for (int t = 0; t < threads; ++t) {
+        try {
+            pool.emplace_back(&RenderSession::worker, this, t);
+        } catch (const std::system_error &e) {
+            /* the system starts no more threads: render with those running */
+            if (pool.empty()) {
+                noteFatal(std::string("cannot start a render thread: ") + e.what());
+                return;
+            }
+            mi_warning("the system started only %zu of %d render threads (%s); rendering with those",
+                       pool.size(), threads, e.what());
+            break;
+        }
+    }
+    threads = static_cast<int>(pool.size());
+    out_.stats.threads = threads;
     waitForWorkers(threads);
     out_.stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     for (std::thread &t : pool)
         t.join();
-    if (ro_.progress)
+    if (ro_.progress && !stopped_)
         ro_.progress(1.0);
     out_.stats.eyeSamples =
         static_cast<uint64_t>(s_.width) * static_cast<uint64_t>(s_.height) * static_cast<uint64_t>(s_.samples);
@@ -203,11 +256,18 @@ void RenderSession::renderTiles()
 RenderResult render(const SceneDesc &s, const RenderOptions &ro)
 {
     validate(s);
+    const uint64_t need = renderImageBytes(s), have = availableMemory();
+    if (have && need > have)
+        throw SceneError(s.resolutionLine, "resolution " + std::to_string(s.width) + " x " + std::to_string(s.height) +
+                                               " with " + std::to_string(s.passes.size()) + " passes needs " +
+                                               gib(need) + " for its images, more than the " + gib(have) +
+                                               " of memory available; lower the resolution or leave passes out");
     const auto setupStart = std::chrono::steady_clock::now();
     const size_t errorsBefore = countMessages(mirt::Level::Error);
     const size_t warningsBefore = countMessages(mirt::Level::Warning);
     RenderResult out = emptyResult(s);
     std::string fatal;
+    int stopped = 0;
     {
         RenderSession session(s, ro, out);
         session.setUp();
@@ -216,6 +276,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         session.renderTiles();
         session.tearDown();
         fatal = session.fatal();
+        stopped = session.stopped();
     }
     for (TagMemory &m : out.stats.memory)
         m.after = mirt::mem_live_bytes(m.tag);
@@ -224,6 +285,8 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     out.stats.warnings = countMessages(mirt::Level::Warning) - warningsBefore;
     if (!fatal.empty())
         throw std::runtime_error("render stopped: " + fatal);
+    if (stopped)
+        throw RenderInterrupted(stopped);
     return out;
 }
 

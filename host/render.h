@@ -23,8 +23,10 @@
 #include "image_io.h"
 #include "scene.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -40,6 +42,19 @@ struct RenderOptions {
        file's own folder and before those of DRUX_SHADER_PATH (':'-separated)
        and the renderer's lib/ folder. */
     std::vector<std::string> shaderPath;
+    /* Every `link` only by name, from the shader path and the renderer's
+       lib/ folder (never the scene's folder or a path the scene gives). */
+    bool restrictLinks = false;
+    /* When it points at a non-zero value (a signal number), the render
+       threads take no further tile and render() throws RenderInterrupted. */
+    const std::atomic<int> *stop = nullptr;
+};
+
+/* A render or its writing stopped on request (`signal` is what was stored
+   in the stop flag); nothing half was written. */
+struct RenderInterrupted : std::runtime_error {
+    int signal;
+    explicit RenderInterrupted(int sig) : std::runtime_error("interrupted"), signal(sig) {}
 };
 
 /* Live bytes of one of the library's memory tags. */
@@ -79,11 +94,17 @@ struct RenderResult {
 /* The folders searched for a scene's shader libraries, in order. */
 std::vector<std::string> shaderSearchPath(const SceneDesc &scene, const RenderOptions &options);
 
+/* Bytes of the float images a render of this scene holds at once: the
+   host's main image, its pass images and the six ID-matte layers, the
+   renderer's frame buffer per pass and a preview image while writing. */
+uint64_t renderImageBytes(const SceneDesc &scene);
+
 /* The library's memory tags reported by the renderer. */
 const std::vector<std::string> &libraryMemoryTags();
 
 /* Throws SceneError for an invalid scene (also a shader library that cannot
-   be linked or a shader instance that cannot be made, with the scene line)
+   be linked or a shader instance that cannot be made, or images larger than
+   the memory available (renderImageBytes), with the scene line)
    and std::runtime_error when the renderer reports a fatal error. */
 RenderResult render(const SceneDesc &scene, const RenderOptions &options = RenderOptions());
 
@@ -105,12 +126,40 @@ struct PixelSample {
 PixelSample debugPixel(const SceneDesc &scene, int x, int y, int sample,
                        const RenderOptions &options = RenderOptions());
 
+/* Files written under temporary names in one folder (".druxrender-PID-new-
+   NAME") and moved into place together by commit(), so that the folder holds
+   either all the new files or all the earlier ones: an earlier file is kept
+   under a second name until every rename is done and put back when one
+   fails.  Temporary files not committed are removed by the destructor. */
+class StagedFiles {
+public:
+    explicit StagedFiles(const std::string &dir);
+    ~StagedFiles();
+    StagedFiles(const StagedFiles &) = delete;
+    StagedFiles &operator=(const StagedFiles &) = delete;
+    /* The temporary path to write `name` to. */
+    std::string stage(const std::string &name);
+    /* Renames every staged file into place; returns their final paths.
+       Throws std::runtime_error with the earlier files back in place. */
+    std::vector<std::string> commit();
+
+private:
+    struct Entry {
+        std::string path, temp, backup;
+    };
+    std::string dir_;
+    std::vector<Entry> entries_;
+};
+
 /* Writes <dir>/render.exr (main image as the default layer, one layer per
    pass, the ID mattes' layers and header attributes), <dir>/<name>.png for
    the main image ("main") and every pass, and <dir>/contact.png with all of
-   them as labelled thumbnails.
-   Returns the files written. */
-std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir);
+   them as labelled thumbnails, each write checked to the disk, all staged
+   (StagedFiles): a failure leaves the folder's earlier files as they were.
+   A non-zero *stop before the files are moved into place throws
+   RenderInterrupted, with nothing changed.  Returns the files written. */
+std::vector<std::string> writeOutputs(const RenderResult &result, const std::string &dir,
+                                      const std::atomic<int> *stop = nullptr);
 
 /* The file names writeOutputs writes for these passes, in its order. */
 std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames);
@@ -130,8 +179,10 @@ struct WrittenOutputs {
 /* writeOutputs into `dir`; when that fails (disk full, folder removed), into
    a new folder under the system's temporary directory, so that a finished
    render is never thrown away.  Throws std::runtime_error only when the
-   fallback folder cannot be written either. */
-WrittenOutputs writeOutputsOrFallback(const RenderResult &result, const std::string &dir);
+   fallback folder cannot be written either, and RenderInterrupted (nothing
+   moved into place, the fallback folder removed again) on a stop. */
+WrittenOutputs writeOutputsOrFallback(const RenderResult &result, const std::string &dir,
+                                      const std::atomic<int> *stop = nullptr);
 
 } // namespace druxhost
 

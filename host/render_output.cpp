@@ -22,10 +22,98 @@ std::vector<std::string> outputFileNames(const std::vector<std::string> &passNam
     return names;
 }
 
-std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir)
+namespace {
+
+bool exists(const std::string &path)
+{
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+void syncFolder(const std::string &dir)
+{
+    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+
+} // namespace
+
+StagedFiles::StagedFiles(const std::string &dir) : dir_(dir) {}
+
+StagedFiles::~StagedFiles()
+{
+    for (const Entry &e : entries_)
+        ::unlink(e.temp.c_str());
+}
+
+std::string StagedFiles::stage(const std::string &name)
+{
+    const std::string prefix = dir_ + "/.druxrender-" + std::to_string(::getpid()) + "-";
+    entries_.push_back(Entry{dir_ + "/" + name, prefix + "new-" + name, prefix + "old-" + name});
+    return entries_.back().temp;
+}
+
+std::vector<std::string> StagedFiles::commit()
+{
+    /* Hard links keep every earlier file under a second name, so that a
+       rename failing half-way can put the earlier render back whole. */
+    std::vector<bool> kept(entries_.size(), false);
+    auto dropKept = [&] {
+        for (size_t i = 0; i < entries_.size(); ++i)
+            if (kept[i])
+                ::unlink(entries_[i].backup.c_str());
+    };
+    for (size_t i = 0; i < entries_.size(); ++i) {
+        const Entry &e = entries_[i];
+        if (!exists(e.path))
+            continue;
+        ::unlink(e.backup.c_str());
+        if (::link(e.path.c_str(), e.backup.c_str()) != 0) {
+            const int err = errno;
+            dropKept();
+            throw std::runtime_error("cannot keep the earlier " + e.path + " while replacing it: " +
+                                     std::strerror(err));
+        }
+        kept[i] = true;
+    }
+    for (size_t i = 0; i < entries_.size(); ++i) {
+        if (::rename(entries_[i].temp.c_str(), entries_[i].path.c_str()) == 0)
+            continue;
+        const int err = errno;
+        for (size_t j = 0; j < i; ++j) {
+            const Entry &e = entries_[j];
+            if (kept[j])
+                ::rename(e.backup.c_str(), e.path.c_str());
+            else
+                ::unlink(e.path.c_str());
+            kept[j] = false;
+        }
+        dropKept();
+        throw std::runtime_error("cannot move " + entries_[i].temp + " to " + entries_[i].path + ": " +
+                                 std::strerror(err));
+    }
+    dropKept();
+    syncFolder(dir_);
+    std::vector<std::string> paths;
+    for (const Entry &e : entries_)
+        paths.push_back(e.path);
+    entries_.clear();
+    return paths;
+}
+
+std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir, const std::atomic<int> *stop)
 {
     const std::vector<std::string> names = outputFileNames(r.passNames);
-    std::vector<std::string> files;
+    StagedFiles staged(dir);
+    /* a stop asked for while writing leaves the earlier render as it was */
+    auto next = [&](const std::string &name) {
+        if (stop && stop->load())
+            throw RenderInterrupted(stop->load());
+        return staged.stage(name);
+    };
     std::vector<Layer> layers;
     layers.push_back(Layer{"", &r.main});
     bool zWritten = false;
@@ -42,17 +130,14 @@ std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &
         for (const auto &a : m.attributes())
             attributes.push_back(a);
     }
-    files.push_back(dir + "/" + names[0]);
-    writeExr(files.back(), layers, attributes);
-    files.push_back(dir + "/" + names[1]);
-    writePng(files.back(), r.main);
-    for (size_t i = 0; i < r.passes.size(); ++i) {
-        files.push_back(dir + "/" + names[2 + i]);
-        writePng(files.back(), displayImage(r.passRoles[i], r.passes[i]));
-    }
-    files.push_back(dir + "/" + names.back());
-    writePng(files.back(), makeContactSheet(contactTiles(r)).image);
-    return files;
+    writeExr(next(names[0]), layers, attributes);
+    writePng(next(names[1]), r.main);
+    for (size_t i = 0; i < r.passes.size(); ++i)
+        writePng(next(names[2 + i]), displayImage(r.passRoles[i], r.passes[i]));
+    writePng(next(names.back()), makeContactSheet(contactTiles(r)).image);
+    if (stop && stop->load())
+        throw RenderInterrupted(stop->load());
+    return staged.commit();
 }
 
 std::string probeOutputs(const std::string &dir, const std::vector<std::string> &files)
@@ -78,13 +163,15 @@ std::string probeOutputs(const std::string &dir, const std::vector<std::string> 
     return "";
 }
 
-WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &dir)
+WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &dir, const std::atomic<int> *stop)
 {
     WrittenOutputs out;
     try {
-        out.files = writeOutputs(r, dir);
+        out.files = writeOutputs(r, dir, stop);
         out.dir = dir;
         return out;
+    } catch (const RenderInterrupted &) {
+        throw;
     } catch (const std::exception &e) {
         out.failure = e.what();
     }
@@ -100,7 +187,10 @@ WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &
         throw std::runtime_error(out.failure + "; cannot create a folder under " + tmp.string() + " either: " +
                                  std::strerror(errno));
     try {
-        out.files = writeOutputs(r, out.dir);
+        out.files = writeOutputs(r, out.dir, stop);
+    } catch (const RenderInterrupted &) {
+        ::rmdir(out.dir.c_str());
+        throw;
     } catch (const std::exception &e) {
         throw std::runtime_error(out.failure + "; writing to " + out.dir + " failed too: " + e.what());
     }

@@ -127,6 +127,8 @@ public:
         initialised_ = false;
     }
     const std::string &fatal() const { return fatal_; }
+    /* the signal that stopped the render early, 0 when it ran to the end */
+    int stopped() const { return stopped_; }
 
 private:
     /* Per-thread buffers of a pixel. */
@@ -183,6 +185,7 @@ private:
     int finished_ = 0;
     bool release_ = false;
     std::string fatal_;
+    int stopped_ = 0;
 };
 
 /* Shader libraries and shader instances, before any state. */

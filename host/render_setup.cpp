@@ -97,13 +97,29 @@ static BaseShaderState baseState(const OptionsDesc &o)
 void RenderSession::linkShaders()
 {
     const std::vector<std::string> folders = shaderSearchPath(s_, ro_);
+    /* the shader path and the install only: a scene's folder may hold
+       anything its author put there */
+    std::vector<std::string> trusted = folders;
+    if (!s_.directory.empty() && !trusted.empty() && trusted.front() == s_.directory)
+        trusted.erase(trusted.begin());
     int line = 0;
     try {
         if (s_.links.empty())
-            libs_.link("libdruxhostshaders.so", folders);
+            libs_.link("libdruxhostshaders.so", trusted);
         for (const LinkDesc &k : s_.links) {
             line = k.line;
-            libs_.link(k.file, folders);
+            std::string file = k.file;
+            if (file.size() >= 2 && file.front() == '"' && file.back() == '"')
+                file = file.substr(1, file.size() - 2);
+            const bool path = file.find('/') != std::string::npos;
+            if (path && ro_.restrictLinks)
+                throw SceneError(line, "link \"" + file + "\": a path is not allowed when links are restricted "
+                                       "(--restrict-links, DRUX_RESTRICT_LINKS); put the library in a "
+                                       "--shader-path folder and link it by name");
+            /* a relative path is relative to the scene file, as OBJ files are */
+            if (path && file[0] != '/' && !s_.directory.empty())
+                file = s_.directory + "/" + file;
+            libs_.link(file, ro_.restrictLinks ? trusted : folders);
         }
         line = 0;
         builtin_ = resolveBuiltins(libs_);

@@ -5,6 +5,8 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <algorithm>
+#include <map>
 #include <set>
 
 namespace druxhost {
@@ -83,6 +85,27 @@ void checkKeysOf(const Key<D, P> (&keys)[N], const D &d, const std::string &what
         fail(d.line, what + ": " + why);
 }
 
+/* "" when every component lies within kCoordinateLimit, else the vector
+   as text for the message. */
+std::string beyondLimit(const miVector &v)
+{
+    if (std::fabs(v.x) <= kCoordinateLimit && std::fabs(v.y) <= kCoordinateLimit && std::fabs(v.z) <= kCoordinateLimit)
+        return "";
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "%g %g %g", double(v.x), double(v.y), double(v.z));
+    return buf;
+}
+
+const char *const kBeyondLimit = " lies beyond the coordinate limit 1e15 that the ray caster accepts; "
+                                 "move the scene nearer the origin or scale it down";
+
+void checkCoordinate(int line, const std::string &what, const miVector &v)
+{
+    const std::string text = beyondLimit(v);
+    if (!text.empty())
+        fail(line, what + " " + text + kBeyondLimit);
+}
+
 std::string decimal(double v)
 {
     char buf[32];
@@ -145,7 +168,34 @@ std::string printable(const std::string &text)
 
 } // namespace
 
-SceneError::SceneError(int line, const std::string &what) : std::runtime_error(printable(what)), line_(line) {}
+namespace {
+
+/* A name quoted from a scene file may be of any length: a run of more than
+   160 bytes without a blank is shown as its first 120 bytes and its length,
+   so that a message stays one readable line. */
+std::string shortened(const std::string &text)
+{
+    const size_t kLongest = 160, kShown = 120;
+    std::string out;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find(' ', start);
+        end = end == std::string::npos ? text.size() : end + 1;
+        if (end - start > kLongest)
+            out += text.substr(start, kShown) + "...(" + std::to_string(end - start) + " bytes)" +
+                   (text[end - 1] == ' ' ? " " : "");
+        else
+            out.append(text, start, end - start);
+        start = end;
+    }
+    return out;
+}
+
+} // namespace
+
+SceneError::SceneError(int line, const std::string &what) : std::runtime_error(printable(shortened(what))), line_(line)
+{
+}
 
 Matrix InstanceDesc::matrix() const
 {
@@ -231,6 +281,8 @@ void validateFrame(const SceneDesc &s)
     if (s.samples < 1 || s.samples > 4096)
         fail(s.samplesLine, "samples " + std::to_string(s.samples) + " is outside 1 .. 4096");
     checkKeysOf(kCameraKeys, s.camera, "camera");
+    checkCoordinate(s.camera.line, "camera position", s.camera.position);
+    checkCoordinate(s.camera.line, "camera target", s.camera.target);
     const miVector fwd = sub(s.camera.target, s.camera.position);
     if (length(fwd) == 0.0f || length(cross(fwd, s.camera.up)) < 1e-6f * length(fwd) * length(s.camera.up))
         fail(s.camera.line, "camera position, target and up must be finite, distinct and not collinear");
@@ -253,9 +305,26 @@ void validateTextures(const SceneDesc &s)
 void validateMaterials(const SceneDesc &s)
 {
     std::set<std::string> shaderNames;
-    for (const ShaderDesc &d : s.shaders)
+    /* instances connect only to earlier ones, so one pass finds each
+       instance's depth: the longest chain of connections down from it */
+    std::map<std::string, int> depth;
+    for (const ShaderDesc &d : s.shaders) {
         if (!shaderNames.insert(d.name).second)
             fail(d.line, "shader instance \"" + d.name + "\" is defined twice");
+        int deepest = 0;
+        for (size_t k = 0; k + 1 < d.values.size(); ++k)
+            if (d.values[k] == "=") {
+                const auto below = depth.find(d.values[k + 1]);
+                if (below != depth.end())
+                    deepest = std::max(deepest, below->second);
+            }
+        if (deepest + 1 > kMaxShaderChain)
+            fail(d.line, "shader instance \"" + d.name + "\" ends a chain of more than " +
+                             std::to_string(kMaxShaderChain) +
+                             " connected shaders, which would nest too deep on a render thread's stack; "
+                             "shorten the chain");
+        depth[d.name] = deepest + 1;
+    }
     for (const MaterialDesc &m : s.materials) {
         const std::string what = "material \"" + m.name + "\"";
         if (!m.shader.empty() && !shaderNames.count(m.shader))
@@ -316,6 +385,50 @@ void validateMeshes(const SceneDesc &s)
     }
 }
 
+/* The linear part's determinant and inverse, in double precision as the
+   renderer inverts it, must be non-zero and finite in single precision. */
+bool invertible(const Matrix &m)
+{
+    for (float x : m)
+        if (!std::isfinite(x))
+            return false;
+    const double a = m[0], b = m[1], c = m[2], d = m[4], e = m[5], f = m[6], g = m[8], h = m[9], i = m[10];
+    const double det = a * (e * i - f * h) - b * (d * i - f * g) + c * (d * h - e * g);
+    if (!(std::fabs(det) >= 1e-300))
+        return false;
+    const double adj[9] = {e * i - f * h, b * i - c * h, b * f - c * e, d * i - f * g, a * i - c * g,
+                           a * f - c * d, d * h - e * g, a * h - b * g, a * e - b * d};
+    for (double x : adj)
+        if (!(std::fabs(x / det) <= 3.4e38))
+            return false;
+    return true;
+}
+
+/* Corners of a box holding the mesh in its own space. */
+std::vector<miVector> boundCorners(const MeshDesc &m)
+{
+    miVector lo{0, 0, 0}, hi{0, 0, 0};
+    switch (m.kind) {
+    case MeshKind::Plane: hi = v3(m.a, m.b, 0); break;
+    case MeshKind::Sphere: hi = v3(m.a, m.a, m.a); break;
+    case MeshKind::Box: hi = v3(m.a, m.b, m.c); break;
+    case MeshKind::Torus: hi = v3(m.a + m.b, m.a + m.b, m.b); break;
+    case MeshKind::Triangles:
+    case MeshKind::Obj:
+        for (const miVector &p : m.P) {
+            lo = v3(std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z));
+            hi = v3(std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z));
+        }
+        break;
+    }
+    if (m.kind != MeshKind::Triangles && m.kind != MeshKind::Obj)
+        lo = v3(-hi.x, -hi.y, -hi.z);
+    std::vector<miVector> out;
+    for (int k = 0; k < 8; ++k)
+        out.push_back(v3(k & 1 ? hi.x : lo.x, k & 2 ? hi.y : lo.y, k & 4 ? hi.z : lo.z));
+    return out;
+}
+
 void validateInstances(const SceneDesc &s)
 {
     for (const InstanceDesc &i : s.instances) {
@@ -332,6 +445,15 @@ void validateInstances(const SceneDesc &s)
         for (const TransformStep &st : i.steps)
             if (!finite(st.v) || (st.kind == TransformStep::Scale && (st.v.x == 0 || st.v.y == 0 || st.v.z == 0)))
                 fail(i.line, what + " has a transform that is not finite or not invertible");
+        const Matrix m = i.matrix();
+        if (!invertible(m))
+            fail(i.line, what + ": its transform steps multiply to a matrix that is singular in single precision "
+                                "(scale factors whose product is 0 or overflows); use scale factors nearer 1");
+        for (const miVector &corner : boundCorners(*s.mesh(i.mesh))) {
+            const std::string text = beyondLimit(transformPoint(m, corner));
+            if (!text.empty())
+                fail(i.line, what + ": mesh \"" + i.mesh + "\" placed at " + text + kBeyondLimit);
+        }
     }
 }
 
@@ -339,6 +461,13 @@ void validateLightsAndPasses(const SceneDesc &s)
 {
     for (const LightDesc &l : s.lights) {
         checkKeysOf(kLightKeys, l, "light \"" + l.name + "\"");
+        checkCoordinate(l.line, "light \"" + l.name + "\" at", l.position);
+        checkCoordinate(l.line, "light \"" + l.name + "\": half edge", l.u);
+        checkCoordinate(l.line, "light \"" + l.name + "\": half edge", l.v);
+        if (l.kind == LightKind::Rect && int64_t(l.samples) * l.shadowSamples > kMaxShadowRays)
+            fail(l.line, "light \"" + l.name + "\": samples " + std::to_string(l.samples) + " x shadow_samples " +
+                             std::to_string(l.shadowSamples) + " is more than the " + std::to_string(kMaxShadowRays) +
+                             " shadow rays per shaded point allowed; lower one of them");
         if (l.kind == LightKind::Rect && length(cross(l.u, l.v)) == 0.0f)
             fail(l.line, "light \"" + l.name + "\": the half edges u and v do not span a rectangle");
     }

@@ -49,6 +49,16 @@ struct TextureDesc {
     std::vector<RampColorEntry> ramp; /* at most kMaxRampKeys keys */
     int line = 0;
 };
+/* Largest coordinate (absolute, world space) of a camera, light or placed
+   mesh: the ray caster (Embree, single precision) cannot build or trace
+   scenes far beyond it. */
+constexpr float kCoordinateLimit = 1e15f;
+/* Most shadow rays a rect light may send per shaded point (samples x
+   shadow_samples). */
+constexpr int kMaxShadowRays = 4096;
+/* Longest chain of connected shader instances (each connection's
+   evaluation nests on the render thread's stack). */
+constexpr int kMaxShaderChain = 1000;
 
 /* A material's keys, their defaults and ranges are those of the key table
    (scene_keys.h); a fresh MaterialDesc holds the defaults. */

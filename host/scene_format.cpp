@@ -17,7 +17,9 @@
  */
 #include "scene.h"
 
+#include "file_read.h"
 #include "obj_loader.h"
+#include "text_lines.h"
 #include "scene_keys.h"
 
 #include <array>
@@ -463,14 +465,22 @@ SceneDesc parseScene(const std::string &text, const std::string &baseDir)
 
 SceneDesc loadScene(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw SceneError(0, "cannot read the scene file " + path);
-    std::ostringstream text;
-    text << in.rdbuf();
+    std::string text;
+    try {
+        text = readRegularFile(path, kSceneFileLimit, "scene");
+    } catch (const std::exception &e) {
+        throw SceneError(0, std::string("cannot read the scene file: ") + e.what());
+    }
+    bool commands = false;
+    forEachLine(text, [&](const std::string &line, int) {
+        const size_t first = line.find_first_not_of(" \t\r");
+        commands = commands || (first != std::string::npos && line[first] != '#');
+    });
+    if (!commands)
+        throw SceneError(0, "the scene file holds no commands (it is empty or only comments); nothing to render");
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash == 0 ? 1 : slash);
-    SceneDesc s = parseScene(text.str(), dir);
+    SceneDesc s = parseScene(text, dir);
     s.directory = dir.empty() ? std::string(".") : dir;
     return s;
 }

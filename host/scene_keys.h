@@ -190,7 +190,7 @@ inline constexpr MaterialKey kMaterialKeys[] = {
     colourKey("irradiance_tint", &MD::irradianceTint, {1, 1, 1, 1}, &MP::irradianceTint),
     numberKey("scatter_radius", &MD::scatterRadius, 0.0f, atLeast(0), &MP::scatterRadius),
     colourKey("scatter_scale", &MD::scatterScale, {1, 1, 1, 1}, &MP::scatterScale),
-    integerKey("scatter_samples", &MD::scatterSamples, 8, atLeast(1), &MP::scatterSamples),
+    integerKey("scatter_samples", &MD::scatterSamples, 8, within(1, 4096), &MP::scatterSamples),
     integerKey("scatter_falloff", &MD::scatterFalloff, 2, kAnyValue, &MP::scatterFalloff),
     numberKey("scatter_diffuse", &MD::scatterDiffuse, 1.0f, kAnyValue, &MP::scatterDiffuse),
     integerKey("scatter_cache", &MD::scatterCache, 0, atLeast(0), &MP::scatterCache),

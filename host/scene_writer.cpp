@@ -137,7 +137,7 @@ void writeMesh(std::ostream &o, const MeshDesc &m)
     o << "mesh " << m.name << " " << kMeshKinds[static_cast<int>(m.kind)];
     const char *const eol = m.faceted ? " faceted\n" : "\n";
     if (m.kind == MeshKind::Obj) {
-        o << " \"" << m.file << "\"\n";
+        o << " \"" << m.file << "\"" << eol;
         return;
     }
     if (m.kind != MeshKind::Triangles) {

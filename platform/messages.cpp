@@ -18,6 +18,7 @@ struct MessageLog {
     std::mutex mu;
     std::vector<Message> messages;
     std::atomic<bool> echo{false};
+    std::atomic<FatalHandler> fatal{nullptr};
 };
 
 MessageLog *make_message_log()
@@ -88,16 +89,30 @@ void error(const char *fmt, ...)
 
 } // namespace rt
 
-void log_message(Level level, const std::string &text)
+namespace {
+
+void store_message(MessageLog &log, Level level, const std::string &text)
 {
-    MessageLog &log = message_log();
-    {
-        std::lock_guard<std::mutex> lk(log.mu);
-        log.messages.push_back(Message{level, text});
-    }
+    std::lock_guard<std::mutex> lk(log.mu);
+    log.messages.push_back(Message{level, text});
+}
+
+void echo_message(MessageLog &log, Level level, const std::string &text)
+{
     if (log.echo.load(std::memory_order_relaxed))
         std::fprintf(stderr, "%s: %s\n", level_name(level), text.c_str());
 }
+
+} // namespace
+
+void log_message(Level level, const std::string &text)
+{
+    MessageLog &log = message_log();
+    store_message(log, level, text);
+    echo_message(log, level, text);
+}
+
+void set_fatal_handler(FatalHandler handler) { message_log().fatal.store(handler); }
 
 std::vector<Message> messages() { return locked_copy(message_log(), &MessageLog::messages); }
 
@@ -118,8 +133,13 @@ void mi_fatal(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string s = vlog(Level::Fatal, fmt, ap);
+    std::string s = vformat(fmt, ap);
     va_end(ap);
+    MessageLog &log = message_log();
+    store_message(log, Level::Fatal, s);
+    if (FatalHandler handler = log.fatal.load())
+        handler(s);
+    echo_message(log, Level::Fatal, s);
     throw FatalError{s};
 }
 

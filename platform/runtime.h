@@ -82,6 +82,14 @@ MI_API void set_echo_messages(bool on);
 struct FatalError {
     std::string text;
 };
+/* Called by mi_fatal with the message (logged, not echoed) before it
+   throws.  A renderer whose render threads may hold runtime locks when a
+   shader fails fatally gives a handler that ends the process (_exit):
+   unwinding such a thread would leave the lock held and the other threads
+   waiting in mi_lock for ever.  A handler that returns lets mi_fatal echo
+   and throw as without one; nullptr removes it. */
+using FatalHandler = void (*)(const std::string &text);
+MI_API void set_fatal_handler(FatalHandler handler);
 
 /* ------------------------------------------------------------- random */
 

@@ -108,6 +108,10 @@ const char *param_type_name(int type)
     return t ? t->name : "unknown";
 }
 
+/* Largest parameter block: 2 GiB less the alignment and the 4 bytes of
+   slack the instances allocate beyond it. */
+constexpr size_t kMaxParamBlock = 0x7FFFFFF0;
+
 std::vector<ParamSlot> layout_params(const miShaderDecl &decl, size_t *block_size)
 {
     std::vector<ParamSlot> out;
@@ -137,6 +141,12 @@ std::vector<ParamSlot> layout_params(const miShaderDecl &decl, size_t *block_siz
         s.size = p.array_max > 0 ? 8 + size * static_cast<size_t>(p.array_max) : size;
         s.default_value = p.default_value;
         at += s.size;
+        /* the renderer keeps a block's size in an int: a larger declaration
+           would give a block of a wrapped (0 or negative) size */
+        if (at > kMaxParamBlock)
+            throw LoadError("shader \"" + std::string(decl.name) + "\": its parameters need more than " +
+                            std::to_string(kMaxParamBlock) + " bytes (parameter \"" + name +
+                            "\" ends at byte " + std::to_string(at) + "); declare smaller arrays");
         out.push_back(s);
     }
     if (block_size)

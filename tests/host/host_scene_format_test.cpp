@@ -133,6 +133,11 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     EXPECT_TRUE(back.lights[1].sharedShadow);
     EXPECT_EQ(back.passes.back().constant.b, 0.75f);
     EXPECT_EQ(back.textures[0].ramp[1].interpolation, RAMP_SMOOTH);
+
+    const std::string obj = "mesh gem obj \"models/gem.obj\" faceted\n";
+    const std::string objText = writeScene(parseScene(obj, DRUXHOST_SCENE_DIR));
+    EXPECT_NE(objText.find(obj), std::string::npos) << objText;
+    EXPECT_EQ(writeScene(parseScene(objText, DRUXHOST_SCENE_DIR)), objText);
 }
 
 TEST(HostSceneFormat, CommentsBlanksAndDefaults)
@@ -180,6 +185,10 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
     expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
     expectError("instance i mesh m\n", 1, "needs a mesh and a material");
+    /* a long name is cut to its start and its length */
+    const std::string longName(10000000, 'q');
+    expectError("instance i mesh " + longName + " material m\nmaterial m\n", 1,
+                "uses the unknown mesh \"" + longName.substr(0, 119) + "...(10000002 bytes)");
     /* checks of a whole description name the line it came from */
     expectError("material m\n\ninstance i mesh nosuch material m\n", 3, "unknown mesh \"nosuch\"");
     expectError("material m\nmaterial m\n", 2, "\"m\" is defined twice");
@@ -192,7 +201,7 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("samples 2\nmaterial m focus 1\n", 2, "material \"m\": focus must lie in [0, 1)");
     expectError("material m ior 0\n", 1, "ior must be > 0");
     expectError("material m\nmaterial n reflect_rays 257\n", 2, "reflect_rays must lie within 1 .. 256");
-    expectError("material m scatter_samples 0\n", 1, "scatter_samples must be >= 1");
+    expectError("material m scatter_samples 0\n", 1, "scatter_samples must lie within 1 .. 4096");
     expectError("material m model glossy\n", 1, "model: \"glossy\" is not one of phong, blinn");
     expectError("\noptions trace_depth 65\n", 2, "options: trace_depth must lie within 0 .. 64");
     expectError("camera fov 179\n", 1, "camera: fov must lie in (0, 179)");

@@ -47,6 +47,17 @@ TEST_F(Core, FatalLogsThenThrows)
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m[0].level, mirt::Level::Fatal);
     EXPECT_EQ(m[0].text, "broken scene at 50%");
+
+    // A handler sees the logged text first; one that returns lets it throw.
+    static std::string seen;
+    mirt::set_fatal_handler(
+        [](const std::string &text) { seen = text + " (" + std::to_string(mirt::messages().size()) + ")"; });
+    EXPECT_THROW(mi_fatal("cache of %d slots", 7), mirt::FatalError);
+    EXPECT_EQ(seen, "cache of 7 slots (2)");
+    mirt::set_fatal_handler(nullptr);
+    seen.clear();
+    EXPECT_THROW(mi_fatal("again"), mirt::FatalError);
+    EXPECT_EQ(seen, "");
 }
 
 TEST_F(Core, MessagesFromSeveralThreadsAreAllKept)

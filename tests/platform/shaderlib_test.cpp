@@ -200,6 +200,18 @@ TEST(ShaderLibraryLoader, ErrorsNameTheCause)
     EXPECT_NE(errorOf([&] { libs.shader("badTable"); }).find("the declaration of \"badTable\" is malformed"),
               std::string::npos);
 
+    /* 600 arrays of 65536 transforms: 2.5 GB, refused rather than wrapped */
+    std::vector<std::string> names(600);
+    std::vector<miParamDecl> params(names.size());
+    for (size_t k = 0; k < names.size(); ++k) {
+        names[k] = "m" + std::to_string(k);
+        params[k] = miParamDecl{names[k].c_str(), miTYPE_TRANSFORM, 65536, nullptr};
+    }
+    const miShaderDecl huge{"huge", miTYPE_COLOR, 1, params.data(), static_cast<int>(params.size())};
+    EXPECT_EQ(errorOf([&] { mirt::layout_params(huge, nullptr); }),
+              "shader \"huge\": its parameters need more than 2147483632 bytes (parameter \"m511\" ends at byte "
+              "2147487744); declare smaller arrays"); /* 512 x (8 + 64 x 65536) */
+
     const long pins = mirt::db_total_pins();
     Made made;
     libs.instantiate("chk", "checker", {}, made.tags);
