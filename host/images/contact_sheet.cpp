@@ -1,7 +1,7 @@
 #include "contact_sheet.h"
 
 #include "pass_images.h"
-#include "render.h"
+#include "outputs.h"
 
 #include <algorithm>
 #include <cctype>
@@ -147,7 +147,7 @@ ContactSheet makeContactSheet(const std::vector<ContactTile> &tiles, int thumbWi
     return sheet;
 }
 
-std::vector<ContactTile> contactTiles(const RenderResult &r)
+std::vector<ContactTile> contactTiles(const RenderImages &r)
 {
     std::vector<ContactTile> tiles;
     tiles.push_back(ContactTile{"main", r.main});

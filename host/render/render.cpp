@@ -73,13 +73,6 @@ uint64_t renderImageBytes(const SceneDesc &s)
     return pixels * sizeof(miColor) * (2 * uint64_t(s.passes.size()) + 9);
 }
 
-const Image *RenderResult::pass(const std::string &name) const
-{
-    for (size_t i = 0; i < passNames.size(); ++i)
-        if (passNames[i] == name)
-            return &passes[i];
-    return nullptr;
-}
 
 miColor RenderSession::shadeSample(miState *st, int x, int y, int k, CryptoPixel *objectPx, CryptoPixel *materialPx)
 {

@@ -1,4 +1,4 @@
-#include "render.h"
+#include "outputs.h"
 
 #include "contact_sheet.h"
 #include "pass_images.h"
@@ -12,6 +12,14 @@
 #include <unistd.h>
 
 namespace druxhost {
+
+const Image *RenderImages::pass(const std::string &name) const
+{
+    for (size_t i = 0; i < passNames.size(); ++i)
+        if (passNames[i] == name)
+            return &passes[i];
+    return nullptr;
+}
 
 std::vector<std::string> outputFileNames(const std::vector<std::string> &passNames)
 {
@@ -104,7 +112,7 @@ std::vector<std::string> StagedFiles::commit()
     return paths;
 }
 
-std::vector<std::string> writeOutputs(const RenderResult &r, const std::string &dir, const std::atomic<int> *stop)
+std::vector<std::string> writeOutputs(const RenderImages &r, const std::string &dir, const std::atomic<int> *stop)
 {
     const std::vector<std::string> names = outputFileNames(r.passNames);
     StagedFiles staged(dir);
@@ -163,7 +171,7 @@ std::string probeOutputs(const std::string &dir, const std::vector<std::string> 
     return "";
 }
 
-WrittenOutputs writeOutputsOrFallback(const RenderResult &r, const std::string &dir, const std::atomic<int> *stop)
+WrittenOutputs writeOutputsOrFallback(const RenderImages &r, const std::string &dir, const std::atomic<int> *stop)
 {
     WrittenOutputs out;
     try {

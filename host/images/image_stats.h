@@ -11,7 +11,7 @@
 #ifndef DRUXHOST_IMAGE_STATS_H
 #define DRUXHOST_IMAGE_STATS_H
 
-#include "render.h"
+#include "outputs.h"
 
 #include <cstdint>
 #include <string>
@@ -26,7 +26,7 @@ struct LayerStats {
 };
 
 LayerStats layerStats(const std::string &name, const Image &image);
-std::vector<LayerStats> imageStats(const RenderResult &result);
+std::vector<LayerStats> imageStats(const RenderImages &result);
 std::string formatStats(const std::vector<LayerStats> &stats);
 /* Throws std::runtime_error on a malformed line. */
 std::vector<LayerStats> parseStats(const std::string &text);

@@ -15,7 +15,7 @@
 
 namespace druxhost {
 
-struct RenderResult;
+struct RenderImages;
 
 struct ContactTile {
     std::string label;
@@ -40,7 +40,7 @@ ContactSheet makeContactSheet(const std::vector<ContactTile> &tiles, int thumbWi
 
 /* The tiles of a render: "main", every pass (data passes scaled for the eye)
    and one picture per ID matte (each id in its own colour, by rank 0). */
-std::vector<ContactTile> contactTiles(const RenderResult &r);
+std::vector<ContactTile> contactTiles(const RenderImages &r);
 
 /* Draws text in the 5 x 7 font at (x, y) (top left), `scale` pixels per font
    pixel; returns the width drawn.  Unknown characters are drawn as boxes. */

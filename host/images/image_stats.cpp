@@ -37,7 +37,7 @@ LayerStats layerStats(const std::string &name, const Image &image)
     return s;
 }
 
-std::vector<LayerStats> imageStats(const RenderResult &r)
+std::vector<LayerStats> imageStats(const RenderImages &r)
 {
     std::vector<LayerStats> out;
     out.push_back(layerStats("main", r.main));
