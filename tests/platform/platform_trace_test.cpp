@@ -469,31 +469,30 @@ protected:
     MeshScene scene;
 };
 
-TEST_F(Mirrors, ReflectionStopsAtTheReflectionDepth)
+// The deepest material's level comes back up unchanged as red; a refraction
+// level counts towards the trace depth but not the reflection depth.
+TEST_F(Mirrors, ReflectionStopsAtTheReflectionOrTheTraceDepth)
 {
-    ctx->options().reflection_depth = 2;
-    ctx->options().trace_depth = 10;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    const miColor c = shade(st);
-    EXPECT_EQ(g_log.levels, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(g_log.traced, (std::vector<miBoolean>{miFALSE, miTRUE, miTRUE}));
-    EXPECT_EQ(c.r, 2.0f) << "the deepest material's colour comes back up unchanged";
-    EXPECT_TRUE(g_log.env.empty());
-    ctx->end_state(st);
-}
-
-TEST_F(Mirrors, ReflectionStopsAtTheTraceDepth)
-{
-    ctx->options().reflection_depth = 10;
-    ctx->options().trace_depth = 2;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    st->refraction_level = 1; /* counts towards the trace depth */
-    shade(st);
-    EXPECT_EQ(g_log.levels, (std::vector<int>{0, 1}));
-    EXPECT_EQ(g_log.traced, (std::vector<miBoolean>{miFALSE, miTRUE}));
-    ctx->end_state(st);
+    struct Case {
+        int reflectionDepth, traceDepth, refractionLevel;
+        std::vector<int> levels;
+        std::vector<miBoolean> traced;
+    } cases[] = {{2, 10, 0, {0, 1, 2}, {miFALSE, miTRUE, miTRUE}}, {10, 2, 1, {0, 1}, {miFALSE, miTRUE}}};
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.reflectionDepth);
+        g_log = RayLog();
+        ctx->options().reflection_depth = k.reflectionDepth;
+        ctx->options().trace_depth = k.traceDepth;
+        miState *st = ctx->begin_state();
+        ctx->begin_sample(st, 0, 0);
+        st->refraction_level = k.refractionLevel;
+        const miColor c = shade(st);
+        EXPECT_EQ(g_log.levels, k.levels);
+        EXPECT_EQ(g_log.traced, k.traced);
+        EXPECT_EQ(c.r, float(k.levels.size() - 1));
+        EXPECT_TRUE(g_log.env.empty());
+        ctx->end_state(st);
+    }
 }
 
 TEST_F(Mirrors, ReflectedChildDescribesItsHit)
@@ -802,49 +801,39 @@ TEST_F(Shadows, CloselyStackedOccludersAreEachVisitedOnceInOrder)
     ctx->end_state(st);
 }
 
-TEST_F(Shadows, OpaqueOccluderBlacksOutTheFilter)
+// The walk ends at the first occluder that is opaque (no shadow shader), whose
+// shader refuses, or that leaves the filter black; nothing behind it is
+// visited and the light shader passes the walk's result on.
+TEST_F(Shadows, OpaqueRefusingOrBlackOccluderEndsTheWalk)
 {
-    const miTag s = shadowShader(0.5f, miTRUE);
-    occluder(1, s);
-    occluder(2, 0); /* no shadow shader: opaque */
-    occluder(3, s);
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    miBoolean got = miTRUE;
-    sample(st, &got);
-    EXPECT_FALSE(got) << "the light shader passes the walk's result on";
-    EXPECT_FALSE(g_shadowTraceResult);
-    EXPECT_EQ(g_shadow.size(), 1u) << "nothing behind the opaque occluder is visited";
-    EXPECT_EQ(g_shadowFilter.r, 0.0f);
-    EXPECT_EQ(g_shadowFilter.g, 0.0f);
-    EXPECT_EQ(g_shadowFilter.b, 0.0f);
-    ctx->end_state(st);
-}
-
-TEST_F(Shadows, ShaderRefusalOrBlackFilterEndsTheWalk)
-{
-    occluder(1, shadowShader(1.0f, miFALSE));
-    occluder(2, shadowShader(0.5f, miTRUE));
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    sample(st);
-    EXPECT_FALSE(g_shadowTraceResult);
-    EXPECT_EQ(g_shadow.size(), 1u);
-    ctx->end_state(st);
-
-    for (auto &g : geo)
-        mirt::delete_instance(g);
-    geo.clear();
-    scene = MeshScene();
-    g_shadow.clear();
-    occluder(1, shadowShader(0.0f, miTRUE)); /* returns true but leaves black */
-    occluder(2, shadowShader(0.5f, miTRUE));
-    st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    sample(st);
-    EXPECT_FALSE(g_shadowTraceResult);
-    EXPECT_EQ(g_shadow.size(), 1u);
-    ctx->end_state(st);
+    struct Case {
+        const char *name;
+        float factor1;
+        miBoolean ret1;
+        bool opaque2;
+    } cases[] = {{"opaque second", 0.5f, miTRUE, true}, {"refusal", 1.0f, miFALSE, false},
+                 {"black filter", 0.0f, miTRUE, false}};
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.name);
+        for (auto &g : geo)
+            mirt::delete_instance(g);
+        geo.clear();
+        scene = MeshScene();
+        g_shadow.clear();
+        occluder(1, shadowShader(k.factor1, k.ret1));
+        occluder(2, k.opaque2 ? 0 : shadowShader(0.5f, miTRUE));
+        occluder(3, shadowShader(0.5f, miTRUE));
+        miState *st = ctx->begin_state();
+        ctx->begin_sample(st, 0, 0);
+        miBoolean got = miTRUE;
+        sample(st, &got);
+        EXPECT_FALSE(got);
+        EXPECT_FALSE(g_shadowTraceResult);
+        EXPECT_EQ(g_shadow.size(), 1u);
+        if (k.opaque2)
+            expectRGB(g_shadowFilter, 0, 0, 0, 0);
+        ctx->end_state(st);
+    }
 }
 
 TEST_F(Shadows, UnoccludedAndNonCastingLightsKeepTheFilter)

@@ -59,6 +59,8 @@ std::vector<Case> catalogue()
     return {
         {"good", [](fbtest::FbufBuilder &) {}, nullptr},
         {"other byte order", [](fbtest::FbufBuilder &b) { b.byteSwapped(); }, "other byte order"},
+        // Only the magic reversed: the block reads as the other byte order.
+        {"other byte order magic", [](fbtest::FbufBuilder &b) { b.byteSwappedMagic(); }, "other byte order"},
         {"cut inside the fixed part", [](fbtest::FbufBuilder &b) { b.truncate(92); }, "shorter than its fixed part"},
         {"size word 40", [](fbtest::FbufBuilder &b) { b.parameterSizeOverride(40); }, "shorter than its fixed part"},
         // A header too short for even the magic word: no block is there at all.
@@ -71,6 +73,10 @@ std::vector<Case> catalogue()
         {"records first index before the block", [](fbtest::FbufBuilder &b) { b.frameBufferInfoFirst(-1); },
          "frameBufferInfo array lies outside"},
         {"records count huge", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(INT_MAX); },
+         "frameBufferInfo array lies outside"},
+        {"records count one beyond", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(4); },
+         "frameBufferInfo array lies outside"},
+        {"last record cut", [](fbtest::FbufBuilder &b) { b.truncate(b.recordsOffset() + 60 * 2 + 30); },
          "frameBufferInfo array lies outside"},
         {"records count negative", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(-1); },
          "frameBufferInfo array has a negative count"},
@@ -101,7 +107,7 @@ std::vector<Case> catalogue()
 
 TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
 {
-    fbtest::FbufSetup s = fbtest::install(*ctx, threeRecords(), {false, true, {}});
+    fbtest::FbufSetup s = fbtest::install(*ctx, threeRecords(), {false, true, {{0, {1, 1, 1, 1}, false}}});
     for (const Case &c : catalogue()) {
         SCOPED_TRACE(c.name);
         fbtest::FbufBuilder b = threeRecords();
@@ -127,7 +133,12 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
             FrameBufferDataRef ref = getFrameBufferDataBlock(st);
             EXPECT_EQ(ref.block, nullptr);
             EXPECT_EQ(ref.tag, 0u);
-            EXPECT_EQ(ref.swapped, std::string(c.name) == "other byte order" ? miTRUE : miFALSE);
+            EXPECT_EQ(ref.swapped, std::string(c.name).compare(0, 16, "other byte order") == 0 ? miTRUE : miFALSE);
+            // Samples on the refused block stay quiet, the init shader's included.
+            mirt::clear_messages();
+            ctx->begin_sample(st, 0, 0);
+            ctx->end_sample(st, miTRUE);
+            EXPECT_EQ(countLevel(mirt::Level::Error) + countLevel(mirt::Level::Warning), 0);
         } else {
             EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 0);
             // The slot block stays: 3 entries of 6 slots (trace depth 4 + 2) of 52 bytes.
