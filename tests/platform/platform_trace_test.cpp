@@ -73,8 +73,12 @@ miBoolean constColor(void *result, miState *, void *params)
     return miTRUE;
 }
 
-/* The whole suite runs on a clean database; every pin must be given back. */
-class Trace : public RuntimeTest {};
+/* The whole suite runs on a clean database with a render context of 8 x 8
+   pixels; every pin must be given back. */
+class Trace : public RuntimeTest {
+protected:
+    Trace() : RuntimeTest(8, 8) {}
+};
 
 // ================================================================ records
 
@@ -449,14 +453,8 @@ protected:
         top = mirt::build_instance(mirt::make_plane(10, 10, 1, 1), hi);
         scene.add(bottom);
         scene.add(top);
-        ctx.reset(new Context);
         ctx->set_scene(&scene);
         ctx->set_environment(env);
-    }
-    void finish() override
-    {
-        ctx.reset();
-        Trace::finish();
     }
     miColor shade(miState *st)
     {
@@ -697,13 +695,12 @@ protected:
     {
         Trace::prepare();
         g_shadow.clear();
-        ctx.reset(new Context);
         ctx->set_scene(&scene);
         light = ctx->add_point_light({0, 0, 5}, colorShader(miSHADER_LIGHT, shadowingLight, {1, 1, 1, 1}, "l"));
     }
     void finish() override
     {
-        ctx.reset();
+        ctx->set_scene(nullptr);
         for (auto &g : geo)
             mirt::delete_instance(g);
         Trace::finish();
@@ -886,12 +883,6 @@ protected:
         Trace::prepare();
         g_light.clear();
         g_lightCalls = 0;
-        ctx.reset(new Context);
-    }
-    void finish() override
-    {
-        ctx.reset();
-        Trace::finish();
     }
     miTag shader(miColor c, bool refuseOdd = false)
     {
@@ -948,6 +939,7 @@ TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
     int n = 0, yielded = 0;
     while (mi_sample_light(&c, &dir, &dot_nl, st, light, &n)) {
         ++yielded;
+        EXPECT_EQ(n, yielded) << "inside the loop: the samples taken so far, this one included";
         const miState &ls = g_light.back().copy;
         const miVector rel{ls.point.x - center.x, ls.point.y - center.y, ls.point.z - center.z};
         EXPECT_NEAR(rel.z, 0.0f, 1e-6) << "in the rectangle's plane";
@@ -1088,7 +1080,6 @@ TEST_F(Lights, InstanceLightListOrEveryLight)
 
 TEST_F(Trace, GeometricQueriesOnATransformedInstance)
 {
-    Context ctx;
     /* x doubled, y -> z, z -> -y, lifted by 3: the 2 x 2 plane spans x in [-2, 2], y = 0, z in [2, 4] */
     InstanceDesc d;
     setMatrix(d, {2, 0, 0}, {0, 0, 1}, {0, -1, 0}, {0, 0, 3});
@@ -1097,7 +1088,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     bare.uv.clear();
     GeometryTags plain = mirt::build_instance(bare, InstanceDesc());
     GeometryTags empty = mirt::build_instance(Mesh(), InstanceDesc());
-    miState *st = ctx.begin_state();
+    miState *st = ctx->begin_state();
 
     st->instance = g.instance;
     miVector lo{}, hi{};
@@ -1116,7 +1107,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     miScalar *m2 = nullptr;
     ASSERT_TRUE(mi_query(miQ_INST_GLOBAL_TO_LOCAL, st, 0, &m2)) << "no tag: the state's instance";
     EXPECT_EQ(m2, m);
-    EXPECT_FALSE(mi_query(miQ_INST_GLOBAL_TO_LOCAL, nullptr, ctx.options_tag(), &m));
+    EXPECT_FALSE(mi_query(miQ_INST_GLOBAL_TO_LOCAL, nullptr, ctx->options_tag(), &m));
 
     st->instance = empty.instance;
     EXPECT_FALSE(mi_query(miQ_INST_GEOMETRY, st, 0, &flag));
@@ -1128,10 +1119,10 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     MeshScene scene;
     scene.add(g);
     scene.add(plain);
-    ctx.set_scene(&scene);
+    ctx->set_scene(&scene);
     miColor c;
     int bumps = -1, derivs = -1;
-    ctx.shade_eye(st, {1, 5, 3.5f}, {0, -1, 0}, &c);
+    ctx->shade_eye(st, {1, 5, 3.5f}, {0, -1, 0}, &c);
     ASSERT_EQ(st->instance, g.instance);
     ASSERT_TRUE(mi_query(miQ_NUM_BUMPS, st, 0, &bumps));
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
@@ -1139,7 +1130,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     EXPECT_NE(derivs, 0);
     expectVec(st->derivs[1], 0, 0, 2);
     expectVec(st->tex_list[0], 0.75f, 0.75f, 0);
-    ctx.shade_eye(st, {0.1f, 0.1f, 1}, {0, 0, -1}, &c);
+    ctx->shade_eye(st, {0.1f, 0.1f, 1}, {0, 0, -1}, &c);
     ASSERT_EQ(st->instance, plain.instance);
     ASSERT_TRUE(mi_query(miQ_NUM_BUMPS, st, 0, &bumps));
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
@@ -1154,7 +1145,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
     EXPECT_EQ(derivs, 0);
 
-    ctx.end_state(st);
+    ctx->end_state(st);
     for (auto *t : {&g, &plain, &empty})
         mirt::delete_instance(*t);
 }
@@ -1171,11 +1162,10 @@ miBoolean gatherEnv(void *result, miState *s, void *params)
 
 TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0.25f, 0.5f, 0.75f, 1}, "env"));
-    ctx.options().finalgather_rays = 5;
-    miState *st = ctx.begin_state();
-    ctx.begin_sample(st, 2, 3);
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0.25f, 0.5f, 0.75f, 1}, "env"));
+    ctx->options().finalgather_rays = 5;
+    miState *st = ctx->begin_state();
+    ctx->begin_sample(st, 2, 3);
     st->point = {1, 2, 3};
     st->normal = {0, 1, 0};
     g_gather.clear();
@@ -1208,32 +1198,31 @@ TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
     ASSERT_TRUE(mi_compute_avg_radiance(&r, st, 'f', &absent));
     EXPECT_EQ(g_gather.size(), 5u) << "a record of size 0 counts as absent";
 
-    const auto calls = ctx.irradiance_calls();
+    const auto calls = ctx->irradiance_calls();
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_EQ(std::memcmp(&calls[0], &o, sizeof o), 0) << "a byte copy of the record";
     EXPECT_EQ(calls[1].size, 0);
     EXPECT_EQ(calls[2].size, 0);
-    ctx.clear_irradiance_calls();
-    EXPECT_TRUE(ctx.irradiance_calls().empty());
+    ctx->clear_irradiance_calls();
+    EXPECT_TRUE(ctx->irradiance_calls().empty());
 
     // no rays: black and success, no environment call
-    ctx.options().finalgather_rays = 0;
+    ctx->options().finalgather_rays = 0;
     g_gather.clear();
     r = {1, 1, 1, 1};
     EXPECT_TRUE(mi_compute_avg_radiance(&r, st, 'f', nullptr));
     EXPECT_EQ(r.r, 0.0f);
     EXPECT_EQ(r.a, 0.0f);
     EXPECT_TRUE(g_gather.empty());
-    ctx.end_state(st);
+    ctx->end_state(st);
 }
 
 TEST_F(Trace, GatherDirectionsAreCosineWeighted)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {1, 1, 1, 1}, "env"));
-    ctx.options().finalgather_rays = 512;
-    miState *st = ctx.begin_state();
-    ctx.begin_sample(st, 0, 0);
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {1, 1, 1, 1}, "env"));
+    ctx->options().finalgather_rays = 512;
+    miState *st = ctx->begin_state();
+    ctx->begin_sample(st, 0, 0);
     const float s = std::sqrt(1.0f / 3.0f);
     st->normal = {s, s, s};
     for (miUchar face : {miUchar('f'), miUchar('b')}) {
@@ -1251,22 +1240,21 @@ TEST_F(Trace, GatherDirectionsAreCosineWeighted)
         /* a cosine-weighted hemisphere has E[cos] = 2/3 */
         EXPECT_NEAR(mean / 512, 2.0 / 3.0, 0.02) << face;
     }
-    ctx.end_state(st);
+    ctx->end_state(st);
 }
 
 TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0, 0, 1, 1}, "env"));
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0, 0, 1, 1}, "env"));
     InstanceDesc d = facingDown(1);
     d.material = colorShader(miSHADER_MATERIAL, gatherEnv, {1, 0, 0, 1}, "red");
     GeometryTags roof = mirt::build_instance(mirt::make_plane(4000, 4000, 1, 1), d);
     MeshScene scene;
     scene.add(roof);
-    ctx.set_scene(&scene);
-    ctx.options().finalgather_rays = 16;
-    miState *st = ctx.begin_state();
-    ctx.begin_sample(st, 0, 0);
+    ctx->set_scene(&scene);
+    ctx->options().finalgather_rays = 16;
+    miState *st = ctx->begin_state();
+    ctx->begin_sample(st, 0, 0);
     st->normal = {0, 0, 1};
     g_gather.clear();
     miColor r;
@@ -1280,12 +1268,12 @@ TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
     EXPECT_EQ(g_gather[0].parent, st);
 
     // at the trace depth hits are black; the material is not called
-    ctx.options().trace_depth = 0;
+    ctx->options().trace_depth = 0;
     g_gather.clear();
     ASSERT_TRUE(mi_compute_avg_radiance(&r, st, 'f', nullptr));
     EXPECT_EQ(r.r, 0.0f);
     EXPECT_TRUE(g_gather.empty());
-    ctx.end_state(st);
+    ctx->end_state(st);
     mirt::delete_instance(roof);
 }
 
@@ -1299,8 +1287,7 @@ miBoolean whoAmI(void *result, miState *s, void *)
 
 TEST_F(Trace, CallShaderSwitchesTheCurrentShaderForTheCall)
 {
-    Context ctx;
-    miState *st = ctx.begin_state();
+    miState *st = ctx->begin_state();
     const miTag f = mirt::make_function(miSHADER_ENVIRONMENT, whoAmI, nullptr, 0, 16, false, "who");
     miFunction *before = st->shader;
     miColor c{};
@@ -1311,24 +1298,23 @@ TEST_F(Trace, CallShaderSwitchesTheCurrentShaderForTheCall)
     c = {3, 3, 3, 3};
     EXPECT_FALSE(mi_call_shader_x(&c, miSHADER_ENVIRONMENT, st, 0, nullptr));
     EXPECT_EQ(c.r, 3.0f) << "no shader: the result is left alone";
-    ctx.end_state(st);
+    ctx->end_state(st);
 }
 
 TEST_F(Trace, EyeRayOnAnInstanceWithoutMaterialShadesNothing)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {1, 1, 1, 1}, "env"));
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {1, 1, 1, 1}, "env"));
     GeometryTags g = mirt::build_instance(mirt::make_plane(2, 2, 1, 1), InstanceDesc());
     MeshScene scene;
     scene.add(g);
-    ctx.set_scene(&scene);
-    miState *st = ctx.begin_state();
+    ctx->set_scene(&scene);
+    miState *st = ctx->begin_state();
     miColor c{5, 5, 5, 5};
-    EXPECT_FALSE(ctx.shade_eye(st, {0, 0, 1}, {0, 0, -1}, &c));
+    EXPECT_FALSE(ctx->shade_eye(st, {0, 0, 1}, {0, 0, -1}, &c));
     EXPECT_EQ(c.r, 0.0f);
     EXPECT_EQ(st->instance, g.instance) << "the hit is still recorded";
-    EXPECT_EQ(ctx.scene(), &scene);
-    ctx.end_state(st);
+    EXPECT_EQ(ctx->scene(), &scene);
+    ctx->end_state(st);
     mirt::delete_instance(g);
 }
 
@@ -1368,8 +1354,7 @@ miBoolean litMaterial(void *result, miState *s, void *)
 
 TEST_F(Trace, StatesOnSeveralThreadsTraceIndependently)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {0, 0, 0.5f, 1}, "env"));
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {0, 0, 0.5f, 1}, "env"));
     const miTag mat = mirt::make_function(miSHADER_MATERIAL, litMaterial, nullptr, 0, 16, false, "lit");
     InstanceDesc floor = lifted(0), blocker = lifted(2);
     floor.material = mat;
@@ -1380,20 +1365,20 @@ TEST_F(Trace, StatesOnSeveralThreadsTraceIndependently)
     MeshScene scene;
     scene.add(f);
     scene.add(b);
-    ctx.set_scene(&scene);
-    ctx.add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 8,
+    ctx->set_scene(&scene);
+    ctx->add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 8,
                        colorShader(miSHADER_LIGHT, shadowedLightMT, {1, 1, 1, 1}, "light"));
 
     auto render = [&](int thread, std::vector<miColor> &out) {
-        miState *st = ctx.begin_state(thread);
+        miState *st = ctx->begin_state(thread);
         for (int y = 0; y < 6; ++y)
             for (int x = 0; x < 6; ++x) {
-                ctx.begin_sample(st, x, y);
+                ctx->begin_sample(st, x, y);
                 miColor c{};
-                ctx.shade_eye(st, {x - 2.5f, y - 2.5f, 10}, {0, 0, -1}, &c);
+                ctx->shade_eye(st, {x - 2.5f, y - 2.5f, 10}, {0, 0, -1}, &c);
                 out.push_back(c);
             }
-        ctx.end_state(st);
+        ctx->end_state(st);
     };
     std::vector<miColor> ref, a, bb;
     render(0, ref);

@@ -507,43 +507,41 @@ protected:
     miState *st = nullptr;
 };
 
-TEST_F(RampArrays, ElementsWithinTheBlockAreUsed)
+// Elements that end exactly at the block's end are used; elements, or a
+// header, reaching outside the shader's parameter block refuse the ramp,
+// with a message naming the shader.
+TEST_F(RampArrays, OnlyElementsWithinTheBlockAreUsed)
 {
-    RampBlock blk{1, 2, {{0.2f, 500, RAMP_NONE}, {1, 3, RAMP_LINEAR}, {0, 1, RAMP_LINEAR}}};
-    const Ramp r = build(&blk, sizeof blk, 0); // elements 1 and 2 end exactly at the block's end
-    EXPECT_EQ(r.count, 2);
-    EXPECT_EQ(ramp_get_interp_float(&r, 0.25f), 1.5f);
-    EXPECT_EQ(countContaining(mirt::Level::Error, "ramp_constructor()"), 0);
-}
-
-TEST_F(RampArrays, ElementsOutsideTheBlockRefuseTheRamp)
-{
-    struct Bad {
+    const RampScalarEntry keys[3] = {{0.2f, 500, RAMP_NONE}, {1, 3, RAMP_LINEAR}, {0, 1, RAMP_LINEAR}};
+    struct Case {
         const char *name;
-        int first, count;
-    };
-    for (const Bad &b : {Bad{"first index past the end", 2, 2}, Bad{"first index before the block", -2, 1},
-                         Bad{"count beyond the elements", 0, 4}, Bad{"more than 50 declared, 3 present", 0, 60},
-                         Bad{"huge first index", INT_MAX, 1}, Bad{"most negative first index", INT_MIN, 2}}) {
-        SCOPED_TRACE(b.name);
+        int first, count, at; // at: the parameter's byte offset in the block
+        const char *error;    // null: used
+    } cases[] = {{"elements 1 and 2 end at the block's end", 1, 2, 0, nullptr},
+                 {"first index past the end", 2, 2, 0, "reaches outside its parameter block"},
+                 {"first index before the block", -2, 1, 0, "reaches outside its parameter block"},
+                 {"count beyond the elements", 0, 4, 0, "reaches outside its parameter block"},
+                 {"more than 50 declared, 3 present", 0, 60, 0, "reaches outside its parameter block"},
+                 {"huge first index", INT_MAX, 1, 0, "reaches outside its parameter block"},
+                 {"most negative first index", INT_MIN, 2, 0, "reaches outside its parameter block"},
+                 {"header cut by the block end", 0, 1, int(sizeof(RampBlock)) - 4, "does not fit in its parameter block"}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
         mirt::clear_messages();
-        RampBlock blk{b.first, b.count, {{0, 1, RAMP_LINEAR}, {1, 3, RAMP_LINEAR}, {2, 5, RAMP_LINEAR}}};
-        const Ramp r = build(&blk, sizeof blk, 0);
+        RampBlock blk{c.first, c.count, {keys[0], keys[1], keys[2]}};
+        const Ramp r = build(&blk, sizeof blk, c.at);
+        if (!c.error) {
+            EXPECT_EQ(r.count, 2);
+            EXPECT_EQ(ramp_get_interp_float(&r, 0.25f), 1.5f);
+            EXPECT_EQ(countContaining(mirt::Level::Error, "ramp_constructor()"), 0);
+            continue;
+        }
         EXPECT_EQ(r.count, 0);
         EXPECT_EQ(r.is_color, 0);
         EXPECT_EQ(ramp_get_interp_float(&r, 0.5f), 0.0f);
-        EXPECT_EQ(countContaining(mirt::Level::Error, "reaches outside its parameter block"), 1);
+        EXPECT_EQ(countContaining(mirt::Level::Error, c.error), 1);
         EXPECT_EQ(countContaining(mirt::Level::Error, "\"rampOwner\""), 1);
     }
-}
-
-TEST_F(RampArrays, AHeaderCutByTheBlockEndRefusesTheRamp)
-{
-    RampBlock blk{0, 1, {{0, 1, RAMP_LINEAR}, {1, 3, RAMP_LINEAR}, {2, 5, RAMP_LINEAR}}};
-    // The parameter starts 4 bytes before the end: its count would lie past it.
-    const Ramp r = build(&blk, sizeof blk, sizeof blk - 4);
-    EXPECT_EQ(r.count, 0);
-    EXPECT_EQ(countContaining(mirt::Level::Error, "does not fit in its parameter block"), 1);
 }
 
 TEST_F(RampArrays, ACopyOutsideAnyBlockIsReadAsGiven)

@@ -63,23 +63,7 @@ fbtest::FbufBuilder passes(const std::vector<P> &ps)
     return b;
 }
 
-/* A rendering state with its pass records, at the first sample of pixel 0,0. */
-struct Rig {
-    mirt::Context ctx;
-    miState *st = nullptr;
-    miUint n = 0;
-    FrameBufferInfo *e = nullptr;
-    explicit Rig(const fbtest::FbufBuilder &b, int traceDepth = 2)
-    {
-        ctx.options().trace_depth = traceDepth;
-        fbtest::install(ctx, b);
-        st = ctx.begin_state();
-        ctx.begin_sample(st, 0, 0);
-        PassTypeInfo *types = nullptr;
-        n = getFrameBufferInfo(st, &types, &e);
-    }
-    ~Rig() { ctx.end_state(st); }
-};
+using Rig = fbtest::PassRig;
 
 class LightLoop : public RuntimeTest {};
 
