@@ -78,6 +78,13 @@ miBoolean constColor(void *result, miState *, void *params)
 class Trace : public RuntimeTest {
 protected:
     Trace() : RuntimeTest(8, 8) {}
+    /* A state at sample 0 of pixel 0,0, ended after the test. */
+    miState *sampleState()
+    {
+        miState *st = beginState();
+        ctx->begin_sample(st, 0, 0);
+        return st;
+    }
 };
 
 // ================================================================ records
@@ -496,8 +503,7 @@ TEST_F(Mirrors, ReflectionStopsAtTheReflectionOrTheTraceDepth)
 TEST_F(Mirrors, ReflectedChildDescribesItsHit)
 {
     ctx->options().reflection_depth = 1;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     shade(st);
     ASSERT_EQ(g_log.states.size(), 2u);
     const miState &eye = g_log.states[0], &child = g_log.states[1];
@@ -527,13 +533,11 @@ TEST_F(Mirrors, ReflectedChildDescribesItsHit)
     EXPECT_EQ(child.inv_normal, 0);
     EXPECT_FLOAT_EQ(child.dot_nd, -1.0f);
     EXPECT_EQ(child.shaderstate, st->shaderstate) << "children share the eye state's store";
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, NormalsFacingAwayAreFlippedTowardsTheRay)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c{};
     /* from above the top plane, looking down at its back */
     ctx->options().reflection_depth = 0;
@@ -544,13 +548,11 @@ TEST_F(Mirrors, NormalsFacingAwayAreFlippedTowardsTheRay)
     expectVec(g_log.states[0].normal, 0, 0, 1);
     expectVec(g_log.states[0].normal_geom, 0, 0, 1);
     EXPECT_FLOAT_EQ(g_log.states[0].dot_nd, -1.0f);
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, MissesGoToTheEnvironment)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c{};
     // an eye ray that leaves the scene
     EXPECT_TRUE(ctx->shade_eye(st, {20, 0, 2}, {1, 0, 0}, &c));
@@ -585,13 +587,11 @@ TEST_F(Mirrors, MissesGoToTheEnvironment)
     EXPECT_FALSE(ctx->shade_eye(st, {20, 0, 2}, {1, 0, 0}, &c));
     EXPECT_EQ(c.r, 0.0f);
     EXPECT_EQ(c.a, 0.0f);
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, EnvironmentRaysIgnoreGeometry)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->point = {0, 0, 1};
     st->reflection_level = 1;
     miVector up{0, 0, 5}; /* straight at the top plane */
@@ -604,14 +604,12 @@ TEST_F(Mirrors, EnvironmentRaysIgnoreGeometry)
     EXPECT_EQ(g_log.env[0].instance, 0u);
     EXPECT_EQ(g_log.env[0].reflection_level, 1);
     expectVec(g_log.env[0].dir, 0, 0, 1);
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, RefractionChildTakesTheParentsIndexAndVolumes)
 {
     ctx->options().refraction_depth = 1;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->point = {0.3f, 0.2f, 2};
     st->ior = 1.33f;
     st->ior_in = 1.0f;
@@ -642,7 +640,6 @@ TEST_F(Mirrors, RefractionChildTakesTheParentsIndexAndVolumes)
     EXPECT_TRUE(g_log.env.empty());
     EXPECT_EQ(st->child->instance, 0u);
     EXPECT_EQ(c.r, 0.0f);
-    ctx->end_state(st);
 }
 
 // ================================================================ shadows
@@ -748,8 +745,7 @@ TEST_F(Shadows, OccludersAreVisitedNearestFirstOnTheSameState)
     const miTag i3 = occluder(3, s).instance, i1 = occluder(1, s).instance, i2 = occluder(2, s).instance;
     occluder(6, s);
     occluder(-1, s);
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     const int probe = 42;
     mi_shaderstate_set(st, "probe", &probe, sizeof probe, 2);
     st->instance = 0x777;
@@ -773,7 +769,6 @@ TEST_F(Shadows, OccludersAreVisitedNearestFirstOnTheSameState)
     EXPECT_EQ(ls->type, miRAY_LIGHT);
     expectVec(ls->point, 0, 0, 5);
     EXPECT_NEAR(ls->dist, std::sqrt(0.02 + 25.0), 1e-5);
-    ctx->end_state(st);
 }
 
 // Three transparent occluders 3e-4 apart (a few times the step a shadow walk
@@ -784,8 +779,7 @@ TEST_F(Shadows, CloselyStackedOccludersAreEachVisitedOnceInOrder)
     const miTag s = shadowShader(0.5f, miTRUE);
     const miTag far = occluder(2.0006f, s).instance, near = occluder(2.0f, s).instance,
                 mid = occluder(2.0003f, s).instance;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     const miColor c = sample(st);
     ASSERT_EQ(g_shadow.size(), 3u);
     const miTag want[3] = {near, mid, far};
@@ -795,7 +789,6 @@ TEST_F(Shadows, CloselyStackedOccludersAreEachVisitedOnceInOrder)
     EXPECT_LT(g_shadow[1].z, g_shadow[2].z);
     EXPECT_FLOAT_EQ(g_shadowFilter.r, 0.125f);
     EXPECT_FLOAT_EQ(c.r, 0.125f);
-    ctx->end_state(st);
 }
 
 // The walk ends at the first occluder that is opaque (no shadow shader), whose
@@ -835,8 +828,7 @@ TEST_F(Shadows, OpaqueRefusingOrBlackOccluderEndsTheWalk)
 
 TEST_F(Shadows, UnoccludedAndNonCastingLightsKeepTheFilter)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c = sample(st);
     EXPECT_TRUE(g_shadowTraceResult);
     EXPECT_EQ(c.r, 1.0f);
@@ -847,7 +839,6 @@ TEST_F(Shadows, UnoccludedAndNonCastingLightsKeepTheFilter)
     c = sample(st);
     EXPECT_TRUE(g_shadowTraceResult) << "a light that casts no shadow is not traced";
     EXPECT_EQ(c.r, 1.0f);
-    ctx->end_state(st);
 }
 
 // ================================================================ light sampling
@@ -894,8 +885,7 @@ protected:
 TEST_F(Lights, PointLightGivesOneSampleWithDirectionAndCosine)
 {
     const miTag light = ctx->add_point_light({3, 0, 4}, shader({0.5f, 0.25f, 1, 1}));
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->point = {0, 0, 0};
     st->normal = {0, 0, 1};
     miColor c{};
@@ -922,14 +912,13 @@ TEST_F(Lights, PointLightGivesOneSampleWithDirectionAndCosine)
     int *calls = static_cast<int *>(mi_shaderstate_get(st, "lightcalls", &size));
     ASSERT_NE(calls, nullptr) << "the light shader shares the caller's store";
     EXPECT_EQ(*calls, 1);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
 {
     const miVector center{1, 2, 6}, hu{2, 0, 0}, hv{0, 0.5f, 0};
     const miTag light = ctx->add_rect_light(center, hu, hv, 9, shader({1, 1, 1, 1}));
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 3, 5);
     st->point = {0, 0, 0};
     st->normal = {0, 0, 1};
@@ -968,14 +957,12 @@ TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
     expectVec(local, 1, 1, 0);
     mi_point_transform(&local, &center, m);
     expectVec(local, 0, 0, 0);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, RefusedSamplesAreSkippedButCounted)
 {
     const miTag light = ctx->add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 5, shader({1, 1, 1, 1}, true));
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c;
     miVector dir;
     miScalar dot_nl;
@@ -991,7 +978,6 @@ TEST_F(Lights, RefusedSamplesAreSkippedButCounted)
         ++yielded;
     EXPECT_EQ(yielded, 2) << "the shader's call count continues: calls 6 and 8";
     EXPECT_EQ(n, 5);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, NestedLoopsOnOtherStatesKeepTheirOwnPosition)
@@ -1029,7 +1015,7 @@ TEST_F(Lights, NestedLoopsOnOtherStatesKeepTheirOwnPosition)
 
 TEST_F(Lights, BadLightTagIsReported)
 {
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     mirt::clear_messages();
     miColor c;
     miVector dir;
@@ -1039,7 +1025,6 @@ TEST_F(Lights, BadLightTagIsReported)
     EXPECT_EQ(n, 0);
     ASSERT_EQ(mirt::messages().size(), 1u);
     EXPECT_EQ(mirt::messages()[0].level, mirt::Level::Error);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, InstanceLightListOrEveryLight)
@@ -1047,7 +1032,7 @@ TEST_F(Lights, InstanceLightListOrEveryLight)
     const miTag l1 = ctx->add_point_light({0, 0, 1}, shader({1, 1, 1, 1}));
     const miTag l2 = ctx->add_point_light({0, 0, 2}, shader({1, 1, 1, 1}));
     GeometryTags g = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), InstanceDesc());
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     st->instance = g.instance;
     int n = 0;
     miTag *lights = nullptr;
@@ -1072,7 +1057,6 @@ TEST_F(Lights, InstanceLightListOrEveryLight)
     mi_instance_lightlist(&n, &lights, st);
     EXPECT_EQ(n, 1);
     EXPECT_EQ(mirt::messages().size(), 1u);
-    ctx->end_state(st);
     mirt::delete_instance(g);
 }
 
@@ -1088,7 +1072,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     bare.uv.clear();
     GeometryTags plain = mirt::build_instance(bare, InstanceDesc());
     GeometryTags empty = mirt::build_instance(Mesh(), InstanceDesc());
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
 
     st->instance = g.instance;
     miVector lo{}, hi{};
@@ -1145,7 +1129,6 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
     EXPECT_EQ(derivs, 0);
 
-    ctx->end_state(st);
     for (auto *t : {&g, &plain, &empty})
         mirt::delete_instance(*t);
 }
@@ -1164,7 +1147,7 @@ TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
 {
     ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0.25f, 0.5f, 0.75f, 1}, "env"));
     ctx->options().finalgather_rays = 5;
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 2, 3);
     st->point = {1, 2, 3};
     st->normal = {0, 1, 0};
@@ -1214,15 +1197,13 @@ TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
     EXPECT_EQ(r.r, 0.0f);
     EXPECT_EQ(r.a, 0.0f);
     EXPECT_TRUE(g_gather.empty());
-    ctx->end_state(st);
 }
 
 TEST_F(Trace, GatherDirectionsAreCosineWeighted)
 {
     ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {1, 1, 1, 1}, "env"));
     ctx->options().finalgather_rays = 512;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     const float s = std::sqrt(1.0f / 3.0f);
     st->normal = {s, s, s};
     for (miUchar face : {miUchar('f'), miUchar('b')}) {
@@ -1240,7 +1221,6 @@ TEST_F(Trace, GatherDirectionsAreCosineWeighted)
         /* a cosine-weighted hemisphere has E[cos] = 2/3 */
         EXPECT_NEAR(mean / 512, 2.0 / 3.0, 0.02) << face;
     }
-    ctx->end_state(st);
 }
 
 TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
@@ -1253,8 +1233,7 @@ TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
     scene.add(roof);
     ctx->set_scene(&scene);
     ctx->options().finalgather_rays = 16;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->normal = {0, 0, 1};
     g_gather.clear();
     miColor r;
@@ -1273,7 +1252,6 @@ TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
     ASSERT_TRUE(mi_compute_avg_radiance(&r, st, 'f', nullptr));
     EXPECT_EQ(r.r, 0.0f);
     EXPECT_TRUE(g_gather.empty());
-    ctx->end_state(st);
     mirt::delete_instance(roof);
 }
 
@@ -1287,7 +1265,7 @@ miBoolean whoAmI(void *result, miState *s, void *)
 
 TEST_F(Trace, CallShaderSwitchesTheCurrentShaderForTheCall)
 {
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     const miTag f = mirt::make_function(miSHADER_ENVIRONMENT, whoAmI, nullptr, 0, 16, false, "who");
     miFunction *before = st->shader;
     miColor c{};
@@ -1298,7 +1276,6 @@ TEST_F(Trace, CallShaderSwitchesTheCurrentShaderForTheCall)
     c = {3, 3, 3, 3};
     EXPECT_FALSE(mi_call_shader_x(&c, miSHADER_ENVIRONMENT, st, 0, nullptr));
     EXPECT_EQ(c.r, 3.0f) << "no shader: the result is left alone";
-    ctx->end_state(st);
 }
 
 TEST_F(Trace, EyeRayOnAnInstanceWithoutMaterialShadesNothing)
@@ -1308,13 +1285,12 @@ TEST_F(Trace, EyeRayOnAnInstanceWithoutMaterialShadesNothing)
     MeshScene scene;
     scene.add(g);
     ctx->set_scene(&scene);
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     miColor c{5, 5, 5, 5};
     EXPECT_FALSE(ctx->shade_eye(st, {0, 0, 1}, {0, 0, -1}, &c));
     EXPECT_EQ(c.r, 0.0f);
     EXPECT_EQ(st->instance, g.instance) << "the hit is still recorded";
     EXPECT_EQ(ctx->scene(), &scene);
-    ctx->end_state(st);
     mirt::delete_instance(g);
 }
 
