@@ -145,6 +145,12 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
             EXPECT_EQ(mirt::mem_live_bytes(kFbFile), 3 * 6 * 52);
             const miUint expect = std::string(c.name) == "counts do not add up" ? 0u : 3u;
             EXPECT_EQ(getFrameBufferInfo(st, nullptr, nullptr), expect);
+            // A sample resolves the names of the usable entries only, and the
+            // init shader that of its non-material pass.
+            const uint64_t lookups = ctx->fb_lookup_count();
+            ctx->begin_sample(st, 0, 0);
+            ctx->end_sample(st, miTRUE);
+            EXPECT_EQ(ctx->fb_lookup_count() - lookups, expect + 1);
         }
         EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), c.reason ? 0u : static_cast<miUint>(ctx->add_framebuffer("matte")));
         ctx->end_state(st);

@@ -339,25 +339,6 @@ TEST_F(FbState, TypeRangesAndCountChecks)
     EXPECT_NE(getFrameBufferState(st), nullptr);
 }
 
-TEST_F(FbState, CountsThatDoNotAddUpDisableTheStateWithoutLeaking)
-{
-    fbtest::FbufBuilder b;
-    b.add("a", 0);
-    b.add("b", 0);
-    b.add("c", 12);
-    b.typeCount(0, 3); /* 4 in total for 3 records */
-    fbtest::FbufSetup s = fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
-    EXPECT_GT(mirt::mem_live_bytes(kTag), 0);
-    EXPECT_EQ(records(st).n, 0u);
-    const uint64_t lookups = ctx->fb_lookup_count();
-    ctx->begin_sample(st, 0, 0);
-    ctx->end_sample(st, miTRUE);
-    EXPECT_EQ(ctx->fb_lookup_count(), lookups);
-    ctx->end_state(st); /* the slot block goes although names were never resolved */
-    EXPECT_EQ(mirt::mem_live_bytes(kTag), 0);
-}
-
 TEST_F(FbState, ZeroRecords)
 {
     fbtest::FbufBuilder b;
