@@ -8,14 +8,16 @@
 
 namespace {
 
-class Core : public RuntimeTest {};
+class Core : public RuntimeTest {
+protected:
+    Core() : RuntimeTest(8, 8) {}
+};
 
 // ------------------------------------------------------------- queries
 
 TEST_F(Core, QueriesAnswerFromTheContext)
 {
-    mirt::Context ctx;
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     int v = -1;
     ASSERT_TRUE(mi_query(miQ_PRECOMPUTE_PASS, s, 0, &v));
     EXPECT_EQ(v, 0);
@@ -23,8 +25,8 @@ TEST_F(Core, QueriesAnswerFromTheContext)
     EXPECT_EQ(v, 1);
     ASSERT_TRUE(mi_query(miQ_FB_RECORDS, s, 0, &v));
     EXPECT_EQ(v, 1);
-    ctx.set_query_int(miQ_PRECOMPUTE_PASS, 1);
-    ctx.fail_query(miQ_FB_RECORDS);
+    ctx->set_query_int(miQ_PRECOMPUTE_PASS, 1);
+    ctx->fail_query(miQ_FB_RECORDS);
     ASSERT_TRUE(mi_query(miQ_PRECOMPUTE_PASS, s, 0, &v));
     EXPECT_EQ(v, 1);
     v = -7;
@@ -43,12 +45,12 @@ TEST_F(Core, QueriesAnswerFromTheContext)
     ASSERT_TRUE(mi_query(miQ_DATA_PARAM, nullptr, u, &p));
     EXPECT_EQ(p, static_cast<char *>(mirt::db_data(u)) + 24);
     EXPECT_EQ(static_cast<int *>(p)[1], 32);
-    EXPECT_FALSE(mi_query(miQ_DATA_PARAM, s, ctx.camera_tag(), &p));
+    EXPECT_FALSE(mi_query(miQ_DATA_PARAM, s, ctx->camera_tag(), &p));
     EXPECT_FALSE(mi_query(miQ_DATA_PARAM, s, 0, &p));
     EXPECT_EQ(mirt::db_total_pins(), 0);
 
     // 52: one lock per render, usable
-    miState *s2 = ctx.begin_state(1);
+    miState *s2 = beginState(1);
     miLock *l1 = nullptr, *l2 = nullptr;
     ASSERT_TRUE(mi_query(miQ_SHADER_CACHE_LOCK, s, 0, &l1));
     ASSERT_TRUE(mi_query(miQ_SHADER_CACHE_LOCK, s2, 0, &l2));
@@ -72,8 +74,6 @@ TEST_F(Core, QueriesAnswerFromTheContext)
     EXPECT_NE(*l1, nullptr) << "the lock variable is untouched";
     mi_lock(*l1);
     mi_unlock(*l1);
-    ctx.end_state(s2);
-    ctx.end_state(s);
 }
 
 } // namespace

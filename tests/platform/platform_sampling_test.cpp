@@ -14,15 +14,17 @@
 
 namespace {
 
-class Core : public RuntimeTest {};
+class Core : public RuntimeTest {
+protected:
+    Core() : RuntimeTest(8, 8) {}
+};
 
 // ------------------------------------------------------------- quasi-random samples
 
 TEST_F(Core, SampleStopsAtTheCountAndAdvancesTheInstance)
 {
-    mirt::Context ctx;
-    miState *s = ctx.begin_state();
-    ctx.begin_sample(s, 1, 1);
+    miState *s = beginState();
+    ctx->begin_sample(s, 1, 1);
     const miUint n = 5;
     int i = 0, yielded = 0;
     double xi[2];
@@ -46,14 +48,12 @@ TEST_F(Core, SampleStopsAtTheCountAndAdvancesTheInstance)
     i = 1000000;
     EXPECT_TRUE(mi_sample(xi, &i, s, 2, nullptr));
     EXPECT_EQ(i, 1000001);
-    ctx.end_state(s);
 }
 
 TEST_F(Core, SamplesAreStratifiedAndDecorrelated)
 {
-    mirt::Context ctx;
-    miState *s = ctx.begin_state();
-    ctx.begin_sample(s, 2, 5, 3);
+    miState *s = beginState();
+    ctx->begin_sample(s, 2, 5, 3);
     // Dimension 0 fills all 64 strata with its first 64 points, dimension 1
     // all 81 strata with its first 81 points.
     for (auto [dim, count] : {std::pair<int, int>{0, 64}, {1, 81}}) {
@@ -89,15 +89,14 @@ TEST_F(Core, SamplesAreStratifiedAndDecorrelated)
     double a1[3], a2[3], b1[3];
     int ia = 7, ib = 7;
     mi_sample(a1, &ia, s, 3, nullptr);
-    ctx.begin_sample(s, 2, 5, 3);
+    ctx->begin_sample(s, 2, 5, 3);
     mi_sample(a2, &ib, s, 3, nullptr);
     EXPECT_EQ(std::memcmp(a1, a2, sizeof a1), 0);
-    ctx.begin_sample(s, 2, 5, 4);
+    ctx->begin_sample(s, 2, 5, 4);
     ib = 7;
     mi_sample(b1, &ib, s, 3, nullptr);
     EXPECT_NE(a1[0], b1[0]);
     EXPECT_NE(a1[2], b1[2]);
-    ctx.end_state(s);
 }
 
 // ------------------------------------------------------------- transforms
@@ -130,7 +129,6 @@ TEST_F(Core, TransformsUseRowVectors)
 
 TEST_F(Core, ObjectAndCameraSpaces)
 {
-    mirt::Context ctx;
     // instance rotated 90 degrees about z (x -> y) and moved
     miTag inst = mirt::db_create(miSCENE_INSTANCE, sizeof(miInstance));
     auto *ir = static_cast<miInstance *>(mirt::db_data(inst));
@@ -138,7 +136,7 @@ TEST_F(Core, ObjectAndCameraSpaces)
     const miMatrix g2l = {0, -1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, -6, 5, -7, 1};
     std::memcpy(ir->local_to_global, l2g, sizeof l2g);
     std::memcpy(ir->global_to_local, g2l, sizeof g2l);
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     s->instance = inst;
     miVector x{1, 0, 0}, r;
     mi_vector_from_object(s, &r, &x);
@@ -149,14 +147,14 @@ TEST_F(Core, ObjectAndCameraSpaces)
     // camera: identity until moved; vectors ignore the translation
     mi_vector_to_camera(s, &r, &x);
     expectVec(r, 1, 0, 0, kUlps);
-    ctx.set_camera_transform(l2g);
-    const auto *ci = static_cast<const miInstance *>(mirt::db_data(ctx.camera_instance()));
+    ctx->set_camera_transform(l2g);
+    const auto *ci = static_cast<const miInstance *>(mirt::db_data(ctx->camera_instance()));
     EXPECT_EQ(ci->local_to_global[12], 5.0f);
     for (int k = 0; k < 16; ++k)
         EXPECT_EQ(ci->global_to_local[k], g2l[k]) << "exact inverse of a rotation, entry " << k;
     // a projective camera matrix goes through the general inverse: M * M^-1 = I
     const miMatrix persp = {2, 0, 0, 0, 0, 1, 1, 0, 0, 0.5f, 1, 1, 1, 0, 0, 2};
-    ctx.set_camera_transform(persp);
+    ctx->set_camera_transform(persp);
     for (int r = 0; r < 4; ++r)
         for (int c = 0; c < 4; ++c) {
             double sum = 0;
@@ -164,14 +162,13 @@ TEST_F(Core, ObjectAndCameraSpaces)
                 sum += double(persp[r * 4 + k]) * ci->global_to_local[k * 4 + c];
             EXPECT_NEAR(sum, r == c ? 1.0 : 0.0, 1e-6) << r << "," << c;
         }
-    ctx.set_camera_transform(l2g);
+    ctx->set_camera_transform(l2g);
     mi_vector_from_camera(s, &r, &x);
     expectVec(r, 0, 1, 0, kUlps);
     miVector y{0, 1, 0};
     mi_vector_to_camera(s, &r, &y);
     expectVec(r, 1, 0, 0, kUlps);
     EXPECT_EQ(mirt::db_total_pins(), 0) << "transforms do not pin";
-    ctx.end_state(s);
 }
 
 } // namespace

@@ -14,13 +14,15 @@ namespace {
 
 using namespace coretest;
 
-class Core : public RuntimeTest {};
+class Core : public RuntimeTest {
+protected:
+    Core() : RuntimeTest(8, 8) {}
+};
 
 // ------------------------------------------------------------- shader calls
 
 TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
 {
-    mirt::Context ctx;
     const float two = 2.0f, three = 3.0f;
     miTag src1 = mirt::make_function(miSHADER_TEXTURE, source_shader, &two, 4, sizeof(miColor), false, "src1");
     miTag src2 = mirt::make_function(miSHADER_TEXTURE, source_shader, &three, 4, sizeof(miColor), false, "src2");
@@ -40,7 +42,7 @@ TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
     EXPECT_EQ(words[4], src2);
     EXPECT_EQ(words[8], 0u);
 
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     s->shader = f;
     s->point = miVector{1.5f, -4.0f, 0};
     auto *params = static_cast<ParamBlock *>(f->params);
@@ -76,7 +78,6 @@ TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
     mirt::connect(mat, 36, src2);
     EXPECT_EQ(countLevel(mirt::Level::Error), 3);
     EXPECT_EQ(mirt::function(src1)->has_connections, 0);
-    ctx.end_state(s);
 }
 
 // mi_eval and its typed forms: connected parameters give the connected
@@ -86,13 +87,12 @@ TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
 // unknown shader once per shader and parameter.
 TEST_F(Core, EvalGivesConnectedResultsAndReportsStrayPointersOnce)
 {
-    mirt::Context ctx;
     const float two = 2.0f;
     miTag src = mirt::make_function(miSHADER_TEXTURE, source_shader, &two, 4, sizeof(miColor), false, "src");
     ParamBlock pb{{1, 1, 1, 1}, {0.5f, 0.25f, 0.5f, 0.5f}, 7.0f};
     miTag mat = mirt::make_function(miSHADER_MATERIAL, source_shader, &pb, sizeof pb, sizeof(miColor), true, "mat");
     mirt::connect(mat, 0, src);
-    miState *state = ctx.begin_state();
+    miState *state = beginState();
     state->shader = mirt::function(mat);
     state->point = miVector{1.5f, -4.0f, 0};
     auto *params = static_cast<ParamBlock *>(state->shader->params);
@@ -121,7 +121,6 @@ TEST_F(Core, EvalGivesConnectedResultsAndReportsStrayPointersOnce)
     EXPECT_NE(mirt::messages()[2].text.find("byte 16 of shader mat is connected to unknown shader 999999"),
               std::string::npos)
         << mirt::messages()[2].text;
-    ctx.end_state(state);
 }
 
 void init_requesting_nothing(miState *state, void *params, miBoolean *req)
@@ -133,17 +132,15 @@ void init_requesting_nothing(miState *state, void *params, miBoolean *req)
 
 TEST_F(Core, CallInitSwitchesTheCurrentShader)
 {
-    mirt::Context ctx;
     miTag st = mirt::make_function(miSHADER_STATE, source_shader, nullptr, 0, 0, false, "st");
     miTag tex = mirt::make_function(miSHADER_TEXTURE, source_shader, nullptr, 0, 0, false, "tex");
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     EXPECT_EQ(s->shader, nullptr);
     int type = 0;
     EXPECT_FALSE(mi_query(miQ_FUNC_TYPE, s, 0, &type)) << "no current shader";
     EXPECT_FALSE(mirt::call_init(s, st, init_requesting_nothing)) << "init cleared the request";
     EXPECT_TRUE(mirt::call_init(s, tex, init_requesting_nothing));
     EXPECT_EQ(s->shader, nullptr);
-    ctx.end_state(s);
 }
 
 // ------------------------------------------------------------- state life cycle
@@ -202,8 +199,7 @@ TEST_F(Core, StateLifeCycleRunsStateShadersInOrder)
 
 TEST_F(Core, ChildStatesCopyTheParentAndOwnTheirStorage)
 {
-    mirt::Context ctx;
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     s->point = miVector{1, 2, 3};
     s->reflection_level = 1;
     miState *c = mirt::child_state(s);
@@ -243,22 +239,19 @@ TEST_F(Core, ChildStatesCopyTheParentAndOwnTheirStorage)
     miState *bc = mirt::child_state(&bare);
     ASSERT_NE(bc, nullptr);
     EXPECT_EQ(bc->parent, &bare);
-    ctx.end_state(s);
 }
 
 TEST_F(Core, CallFunctionGivesStateShadersTheirArgument)
 {
     g_ops = OpLog();
-    mirt::Context ctx;
     miTag st = mirt::make_function(miSHADER_STATE, as_shader(logging_state_shader), nullptr, 0, 0, false, "st");
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     miShader_state_arg arg{miSHADERSTATE_SAMPLE_INIT, miTRUE};
     EXPECT_TRUE(mirt::call_function(st, nullptr, s, &arg));
     ASSERT_EQ(g_ops.ops.size(), 1u);
     EXPECT_EQ(g_ops.ops[0], miSHADERSTATE_SAMPLE_INIT);
     EXPECT_EQ(s->shader, nullptr);
     EXPECT_FALSE(mirt::call_function(0, nullptr, s, nullptr));
-    ctx.end_state(s);
 }
 
 } // namespace

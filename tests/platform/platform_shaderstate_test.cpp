@@ -14,14 +14,16 @@
 
 namespace {
 
-class Core : public RuntimeTest {};
+class Core : public RuntimeTest {
+protected:
+    Core() : RuntimeTest(8, 8) {}
+};
 
 // ------------------------------------------------------------- shader state
 
 TEST_F(Core, ShaderStateCopiesReplacesAndRemoves)
 {
-    mirt::Context ctx;
-    miState *s = ctx.begin_state();
+    miState *s = beginState();
     int value[4] = {1, 2, 3, 4};
     ASSERT_TRUE(mi_shaderstate_set(s, "rec", value, sizeof value, 2));
     value[0] = 99; // the store holds a copy
@@ -56,13 +58,11 @@ TEST_F(Core, ShaderStateCopiesReplacesAndRemoves)
     EXPECT_EQ(*static_cast<int *>(mi_shaderstate_get(s, "other", nullptr)), 99);
 
     // a second eye state has its own store
-    miState *s2 = ctx.begin_state(1);
+    miState *s2 = beginState(1);
     EXPECT_EQ(mi_shaderstate_get(s2, "other", nullptr), nullptr);
     // bad input is refused with a message
     EXPECT_FALSE(mi_shaderstate_set(s2, "x", nullptr, 8, 2));
     EXPECT_EQ(countLevel(mirt::Level::Error), 1);
-    ctx.end_state(s2);
-    ctx.end_state(s);
 }
 
 // The store's table: hundreds of keys through growth, removals leaving holes
@@ -70,8 +70,7 @@ TEST_F(Core, ShaderStateCopiesReplacesAndRemoves)
 // seen before must not answer for the text it now holds).
 TEST_F(Core, ShaderStateTableManyKeysRemovalsAndReusedKeyBuffers)
 {
-    mirt::Context ctx;
-    miState *s = ctx.begin_state();
+    miState *s = ctx->begin_state();
     constexpr int kKeys = 300;
     char buf[32];
     for (int i = 0; i < kKeys; ++i) {
@@ -125,7 +124,7 @@ TEST_F(Core, ShaderStateTableManyKeysRemovalsAndReusedKeyBuffers)
     EXPECT_EQ(*static_cast<int *>(mi_shaderstate_get(s, "key1x", nullptr)), 1);
     EXPECT_EQ(*static_cast<int *>(mi_shaderstate_get(s, "key1", nullptr)), 1);
     EXPECT_EQ(*static_cast<int *>(mi_shaderstate_get(s, "", nullptr)), 2);
-    ctx.end_state(s);
+    ctx->end_state(s);
     EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }
 
@@ -134,13 +133,12 @@ TEST_F(Core, ShaderStateTableManyKeysRemovalsAndReusedKeyBuffers)
 // only its own values.
 TEST_F(Core, ShaderStateSameKeysFromTwoThreads)
 {
-    mirt::Context ctx;
     static const char *const keys[3] = {"druxFBInfo", "kelubase", "druxPassState"};
     std::atomic<int> wrong{0};
     std::vector<std::thread> th;
     for (int t = 0; t < 2; ++t)
         th.emplace_back([&, t] {
-            miState *s = ctx.begin_state(t);
+            miState *s = ctx->begin_state(t);
             miState *c = mirt::child_state(s);
             for (int round = 0; round < 2000; ++round) {
                 const int v = t * 100000 + round;
@@ -153,7 +151,7 @@ TEST_F(Core, ShaderStateSameKeysFromTwoThreads)
                         wrong.fetch_add(1);
                 }
             }
-            ctx.end_state(s);
+            ctx->end_state(s);
         });
     for (auto &x : th)
         x.join();

@@ -73,8 +73,19 @@ miBoolean constColor(void *result, miState *, void *params)
     return miTRUE;
 }
 
-/* The whole suite runs on a clean database; every pin must be given back. */
-class Trace : public RuntimeTest {};
+/* The whole suite runs on a clean database with a render context of 8 x 8
+   pixels; every pin must be given back. */
+class Trace : public RuntimeTest {
+protected:
+    Trace() : RuntimeTest(8, 8) {}
+    /* A state at sample 0 of pixel 0,0, ended after the test. */
+    miState *sampleState()
+    {
+        miState *st = beginState();
+        ctx->begin_sample(st, 0, 0);
+        return st;
+    }
+};
 
 // ================================================================ records
 
@@ -449,14 +460,8 @@ protected:
         top = mirt::build_instance(mirt::make_plane(10, 10, 1, 1), hi);
         scene.add(bottom);
         scene.add(top);
-        ctx.reset(new Context);
         ctx->set_scene(&scene);
         ctx->set_environment(env);
-    }
-    void finish() override
-    {
-        ctx.reset();
-        Trace::finish();
     }
     miColor shade(miState *st)
     {
@@ -469,38 +474,36 @@ protected:
     MeshScene scene;
 };
 
-TEST_F(Mirrors, ReflectionStopsAtTheReflectionDepth)
+// The deepest material's level comes back up unchanged as red; a refraction
+// level counts towards the trace depth but not the reflection depth.
+TEST_F(Mirrors, ReflectionStopsAtTheReflectionOrTheTraceDepth)
 {
-    ctx->options().reflection_depth = 2;
-    ctx->options().trace_depth = 10;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    const miColor c = shade(st);
-    EXPECT_EQ(g_log.levels, (std::vector<int>{0, 1, 2}));
-    EXPECT_EQ(g_log.traced, (std::vector<miBoolean>{miFALSE, miTRUE, miTRUE}));
-    EXPECT_EQ(c.r, 2.0f) << "the deepest material's colour comes back up unchanged";
-    EXPECT_TRUE(g_log.env.empty());
-    ctx->end_state(st);
-}
-
-TEST_F(Mirrors, ReflectionStopsAtTheTraceDepth)
-{
-    ctx->options().reflection_depth = 10;
-    ctx->options().trace_depth = 2;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    st->refraction_level = 1; /* counts towards the trace depth */
-    shade(st);
-    EXPECT_EQ(g_log.levels, (std::vector<int>{0, 1}));
-    EXPECT_EQ(g_log.traced, (std::vector<miBoolean>{miFALSE, miTRUE}));
-    ctx->end_state(st);
+    struct Case {
+        int reflectionDepth, traceDepth, refractionLevel;
+        std::vector<int> levels;
+        std::vector<miBoolean> traced;
+    } cases[] = {{2, 10, 0, {0, 1, 2}, {miFALSE, miTRUE, miTRUE}}, {10, 2, 1, {0, 1}, {miFALSE, miTRUE}}};
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.reflectionDepth);
+        g_log = RayLog();
+        ctx->options().reflection_depth = k.reflectionDepth;
+        ctx->options().trace_depth = k.traceDepth;
+        miState *st = ctx->begin_state();
+        ctx->begin_sample(st, 0, 0);
+        st->refraction_level = k.refractionLevel;
+        const miColor c = shade(st);
+        EXPECT_EQ(g_log.levels, k.levels);
+        EXPECT_EQ(g_log.traced, k.traced);
+        EXPECT_EQ(c.r, float(k.levels.size() - 1));
+        EXPECT_TRUE(g_log.env.empty());
+        ctx->end_state(st);
+    }
 }
 
 TEST_F(Mirrors, ReflectedChildDescribesItsHit)
 {
     ctx->options().reflection_depth = 1;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     shade(st);
     ASSERT_EQ(g_log.states.size(), 2u);
     const miState &eye = g_log.states[0], &child = g_log.states[1];
@@ -530,13 +533,11 @@ TEST_F(Mirrors, ReflectedChildDescribesItsHit)
     EXPECT_EQ(child.inv_normal, 0);
     EXPECT_FLOAT_EQ(child.dot_nd, -1.0f);
     EXPECT_EQ(child.shaderstate, st->shaderstate) << "children share the eye state's store";
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, NormalsFacingAwayAreFlippedTowardsTheRay)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c{};
     /* from above the top plane, looking down at its back */
     ctx->options().reflection_depth = 0;
@@ -547,13 +548,11 @@ TEST_F(Mirrors, NormalsFacingAwayAreFlippedTowardsTheRay)
     expectVec(g_log.states[0].normal, 0, 0, 1);
     expectVec(g_log.states[0].normal_geom, 0, 0, 1);
     EXPECT_FLOAT_EQ(g_log.states[0].dot_nd, -1.0f);
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, MissesGoToTheEnvironment)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c{};
     // an eye ray that leaves the scene
     EXPECT_TRUE(ctx->shade_eye(st, {20, 0, 2}, {1, 0, 0}, &c));
@@ -588,13 +587,11 @@ TEST_F(Mirrors, MissesGoToTheEnvironment)
     EXPECT_FALSE(ctx->shade_eye(st, {20, 0, 2}, {1, 0, 0}, &c));
     EXPECT_EQ(c.r, 0.0f);
     EXPECT_EQ(c.a, 0.0f);
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, EnvironmentRaysIgnoreGeometry)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->point = {0, 0, 1};
     st->reflection_level = 1;
     miVector up{0, 0, 5}; /* straight at the top plane */
@@ -607,14 +604,12 @@ TEST_F(Mirrors, EnvironmentRaysIgnoreGeometry)
     EXPECT_EQ(g_log.env[0].instance, 0u);
     EXPECT_EQ(g_log.env[0].reflection_level, 1);
     expectVec(g_log.env[0].dir, 0, 0, 1);
-    ctx->end_state(st);
 }
 
 TEST_F(Mirrors, RefractionChildTakesTheParentsIndexAndVolumes)
 {
     ctx->options().refraction_depth = 1;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->point = {0.3f, 0.2f, 2};
     st->ior = 1.33f;
     st->ior_in = 1.0f;
@@ -645,7 +640,6 @@ TEST_F(Mirrors, RefractionChildTakesTheParentsIndexAndVolumes)
     EXPECT_TRUE(g_log.env.empty());
     EXPECT_EQ(st->child->instance, 0u);
     EXPECT_EQ(c.r, 0.0f);
-    ctx->end_state(st);
 }
 
 // ================================================================ shadows
@@ -698,13 +692,12 @@ protected:
     {
         Trace::prepare();
         g_shadow.clear();
-        ctx.reset(new Context);
         ctx->set_scene(&scene);
         light = ctx->add_point_light({0, 0, 5}, colorShader(miSHADER_LIGHT, shadowingLight, {1, 1, 1, 1}, "l"));
     }
     void finish() override
     {
-        ctx.reset();
+        ctx->set_scene(nullptr);
         for (auto &g : geo)
             mirt::delete_instance(g);
         Trace::finish();
@@ -752,8 +745,7 @@ TEST_F(Shadows, OccludersAreVisitedNearestFirstOnTheSameState)
     const miTag i3 = occluder(3, s).instance, i1 = occluder(1, s).instance, i2 = occluder(2, s).instance;
     occluder(6, s);
     occluder(-1, s);
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     const int probe = 42;
     mi_shaderstate_set(st, "probe", &probe, sizeof probe, 2);
     st->instance = 0x777;
@@ -777,7 +769,6 @@ TEST_F(Shadows, OccludersAreVisitedNearestFirstOnTheSameState)
     EXPECT_EQ(ls->type, miRAY_LIGHT);
     expectVec(ls->point, 0, 0, 5);
     EXPECT_NEAR(ls->dist, std::sqrt(0.02 + 25.0), 1e-5);
-    ctx->end_state(st);
 }
 
 // Three transparent occluders 3e-4 apart (a few times the step a shadow walk
@@ -788,8 +779,7 @@ TEST_F(Shadows, CloselyStackedOccludersAreEachVisitedOnceInOrder)
     const miTag s = shadowShader(0.5f, miTRUE);
     const miTag far = occluder(2.0006f, s).instance, near = occluder(2.0f, s).instance,
                 mid = occluder(2.0003f, s).instance;
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     const miColor c = sample(st);
     ASSERT_EQ(g_shadow.size(), 3u);
     const miTag want[3] = {near, mid, far};
@@ -799,58 +789,46 @@ TEST_F(Shadows, CloselyStackedOccludersAreEachVisitedOnceInOrder)
     EXPECT_LT(g_shadow[1].z, g_shadow[2].z);
     EXPECT_FLOAT_EQ(g_shadowFilter.r, 0.125f);
     EXPECT_FLOAT_EQ(c.r, 0.125f);
-    ctx->end_state(st);
 }
 
-TEST_F(Shadows, OpaqueOccluderBlacksOutTheFilter)
+// The walk ends at the first occluder that is opaque (no shadow shader), whose
+// shader refuses, or that leaves the filter black; nothing behind it is
+// visited and the light shader passes the walk's result on.
+TEST_F(Shadows, OpaqueRefusingOrBlackOccluderEndsTheWalk)
 {
-    const miTag s = shadowShader(0.5f, miTRUE);
-    occluder(1, s);
-    occluder(2, 0); /* no shadow shader: opaque */
-    occluder(3, s);
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    miBoolean got = miTRUE;
-    sample(st, &got);
-    EXPECT_FALSE(got) << "the light shader passes the walk's result on";
-    EXPECT_FALSE(g_shadowTraceResult);
-    EXPECT_EQ(g_shadow.size(), 1u) << "nothing behind the opaque occluder is visited";
-    EXPECT_EQ(g_shadowFilter.r, 0.0f);
-    EXPECT_EQ(g_shadowFilter.g, 0.0f);
-    EXPECT_EQ(g_shadowFilter.b, 0.0f);
-    ctx->end_state(st);
-}
-
-TEST_F(Shadows, ShaderRefusalOrBlackFilterEndsTheWalk)
-{
-    occluder(1, shadowShader(1.0f, miFALSE));
-    occluder(2, shadowShader(0.5f, miTRUE));
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    sample(st);
-    EXPECT_FALSE(g_shadowTraceResult);
-    EXPECT_EQ(g_shadow.size(), 1u);
-    ctx->end_state(st);
-
-    for (auto &g : geo)
-        mirt::delete_instance(g);
-    geo.clear();
-    scene = MeshScene();
-    g_shadow.clear();
-    occluder(1, shadowShader(0.0f, miTRUE)); /* returns true but leaves black */
-    occluder(2, shadowShader(0.5f, miTRUE));
-    st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
-    sample(st);
-    EXPECT_FALSE(g_shadowTraceResult);
-    EXPECT_EQ(g_shadow.size(), 1u);
-    ctx->end_state(st);
+    struct Case {
+        const char *name;
+        float factor1;
+        miBoolean ret1;
+        bool opaque2;
+    } cases[] = {{"opaque second", 0.5f, miTRUE, true}, {"refusal", 1.0f, miFALSE, false},
+                 {"black filter", 0.0f, miTRUE, false}};
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.name);
+        for (auto &g : geo)
+            mirt::delete_instance(g);
+        geo.clear();
+        scene = MeshScene();
+        g_shadow.clear();
+        occluder(1, shadowShader(k.factor1, k.ret1));
+        occluder(2, k.opaque2 ? 0 : shadowShader(0.5f, miTRUE));
+        occluder(3, shadowShader(0.5f, miTRUE));
+        miState *st = ctx->begin_state();
+        ctx->begin_sample(st, 0, 0);
+        miBoolean got = miTRUE;
+        sample(st, &got);
+        EXPECT_FALSE(got);
+        EXPECT_FALSE(g_shadowTraceResult);
+        EXPECT_EQ(g_shadow.size(), 1u);
+        if (k.opaque2)
+            expectRGB(g_shadowFilter, 0, 0, 0, 0);
+        ctx->end_state(st);
+    }
 }
 
 TEST_F(Shadows, UnoccludedAndNonCastingLightsKeepTheFilter)
 {
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c = sample(st);
     EXPECT_TRUE(g_shadowTraceResult);
     EXPECT_EQ(c.r, 1.0f);
@@ -861,7 +839,6 @@ TEST_F(Shadows, UnoccludedAndNonCastingLightsKeepTheFilter)
     c = sample(st);
     EXPECT_TRUE(g_shadowTraceResult) << "a light that casts no shadow is not traced";
     EXPECT_EQ(c.r, 1.0f);
-    ctx->end_state(st);
 }
 
 // ================================================================ light sampling
@@ -897,12 +874,6 @@ protected:
         Trace::prepare();
         g_light.clear();
         g_lightCalls = 0;
-        ctx.reset(new Context);
-    }
-    void finish() override
-    {
-        ctx.reset();
-        Trace::finish();
     }
     miTag shader(miColor c, bool refuseOdd = false)
     {
@@ -914,8 +885,7 @@ protected:
 TEST_F(Lights, PointLightGivesOneSampleWithDirectionAndCosine)
 {
     const miTag light = ctx->add_point_light({3, 0, 4}, shader({0.5f, 0.25f, 1, 1}));
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     st->point = {0, 0, 0};
     st->normal = {0, 0, 1};
     miColor c{};
@@ -942,14 +912,13 @@ TEST_F(Lights, PointLightGivesOneSampleWithDirectionAndCosine)
     int *calls = static_cast<int *>(mi_shaderstate_get(st, "lightcalls", &size));
     ASSERT_NE(calls, nullptr) << "the light shader shares the caller's store";
     EXPECT_EQ(*calls, 1);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
 {
     const miVector center{1, 2, 6}, hu{2, 0, 0}, hv{0, 0.5f, 0};
     const miTag light = ctx->add_rect_light(center, hu, hv, 9, shader({1, 1, 1, 1}));
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     ctx->begin_sample(st, 3, 5);
     st->point = {0, 0, 0};
     st->normal = {0, 0, 1};
@@ -959,6 +928,7 @@ TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
     int n = 0, yielded = 0;
     while (mi_sample_light(&c, &dir, &dot_nl, st, light, &n)) {
         ++yielded;
+        EXPECT_EQ(n, yielded) << "inside the loop: the samples taken so far, this one included";
         const miState &ls = g_light.back().copy;
         const miVector rel{ls.point.x - center.x, ls.point.y - center.y, ls.point.z - center.z};
         EXPECT_NEAR(rel.z, 0.0f, 1e-6) << "in the rectangle's plane";
@@ -987,14 +957,12 @@ TEST_F(Lights, RectangleLightSamplesLieOnTheRectangle)
     expectVec(local, 1, 1, 0);
     mi_point_transform(&local, &center, m);
     expectVec(local, 0, 0, 0);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, RefusedSamplesAreSkippedButCounted)
 {
     const miTag light = ctx->add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 5, shader({1, 1, 1, 1}, true));
-    miState *st = ctx->begin_state();
-    ctx->begin_sample(st, 0, 0);
+    miState *st = sampleState();
     miColor c;
     miVector dir;
     miScalar dot_nl;
@@ -1010,7 +978,6 @@ TEST_F(Lights, RefusedSamplesAreSkippedButCounted)
         ++yielded;
     EXPECT_EQ(yielded, 2) << "the shader's call count continues: calls 6 and 8";
     EXPECT_EQ(n, 5);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, NestedLoopsOnOtherStatesKeepTheirOwnPosition)
@@ -1048,7 +1015,7 @@ TEST_F(Lights, NestedLoopsOnOtherStatesKeepTheirOwnPosition)
 
 TEST_F(Lights, BadLightTagIsReported)
 {
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     mirt::clear_messages();
     miColor c;
     miVector dir;
@@ -1058,7 +1025,6 @@ TEST_F(Lights, BadLightTagIsReported)
     EXPECT_EQ(n, 0);
     ASSERT_EQ(mirt::messages().size(), 1u);
     EXPECT_EQ(mirt::messages()[0].level, mirt::Level::Error);
-    ctx->end_state(st);
 }
 
 TEST_F(Lights, InstanceLightListOrEveryLight)
@@ -1066,7 +1032,7 @@ TEST_F(Lights, InstanceLightListOrEveryLight)
     const miTag l1 = ctx->add_point_light({0, 0, 1}, shader({1, 1, 1, 1}));
     const miTag l2 = ctx->add_point_light({0, 0, 2}, shader({1, 1, 1, 1}));
     GeometryTags g = mirt::build_instance(mirt::make_plane(1, 1, 1, 1), InstanceDesc());
-    miState *st = ctx->begin_state();
+    miState *st = beginState();
     st->instance = g.instance;
     int n = 0;
     miTag *lights = nullptr;
@@ -1091,7 +1057,6 @@ TEST_F(Lights, InstanceLightListOrEveryLight)
     mi_instance_lightlist(&n, &lights, st);
     EXPECT_EQ(n, 1);
     EXPECT_EQ(mirt::messages().size(), 1u);
-    ctx->end_state(st);
     mirt::delete_instance(g);
 }
 
@@ -1099,7 +1064,6 @@ TEST_F(Lights, InstanceLightListOrEveryLight)
 
 TEST_F(Trace, GeometricQueriesOnATransformedInstance)
 {
-    Context ctx;
     /* x doubled, y -> z, z -> -y, lifted by 3: the 2 x 2 plane spans x in [-2, 2], y = 0, z in [2, 4] */
     InstanceDesc d;
     setMatrix(d, {2, 0, 0}, {0, 0, 1}, {0, -1, 0}, {0, 0, 3});
@@ -1108,7 +1072,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     bare.uv.clear();
     GeometryTags plain = mirt::build_instance(bare, InstanceDesc());
     GeometryTags empty = mirt::build_instance(Mesh(), InstanceDesc());
-    miState *st = ctx.begin_state();
+    miState *st = beginState();
 
     st->instance = g.instance;
     miVector lo{}, hi{};
@@ -1127,7 +1091,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     miScalar *m2 = nullptr;
     ASSERT_TRUE(mi_query(miQ_INST_GLOBAL_TO_LOCAL, st, 0, &m2)) << "no tag: the state's instance";
     EXPECT_EQ(m2, m);
-    EXPECT_FALSE(mi_query(miQ_INST_GLOBAL_TO_LOCAL, nullptr, ctx.options_tag(), &m));
+    EXPECT_FALSE(mi_query(miQ_INST_GLOBAL_TO_LOCAL, nullptr, ctx->options_tag(), &m));
 
     st->instance = empty.instance;
     EXPECT_FALSE(mi_query(miQ_INST_GEOMETRY, st, 0, &flag));
@@ -1139,10 +1103,10 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     MeshScene scene;
     scene.add(g);
     scene.add(plain);
-    ctx.set_scene(&scene);
+    ctx->set_scene(&scene);
     miColor c;
     int bumps = -1, derivs = -1;
-    ctx.shade_eye(st, {1, 5, 3.5f}, {0, -1, 0}, &c);
+    ctx->shade_eye(st, {1, 5, 3.5f}, {0, -1, 0}, &c);
     ASSERT_EQ(st->instance, g.instance);
     ASSERT_TRUE(mi_query(miQ_NUM_BUMPS, st, 0, &bumps));
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
@@ -1150,7 +1114,7 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     EXPECT_NE(derivs, 0);
     expectVec(st->derivs[1], 0, 0, 2);
     expectVec(st->tex_list[0], 0.75f, 0.75f, 0);
-    ctx.shade_eye(st, {0.1f, 0.1f, 1}, {0, 0, -1}, &c);
+    ctx->shade_eye(st, {0.1f, 0.1f, 1}, {0, 0, -1}, &c);
     ASSERT_EQ(st->instance, plain.instance);
     ASSERT_TRUE(mi_query(miQ_NUM_BUMPS, st, 0, &bumps));
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
@@ -1165,7 +1129,6 @@ TEST_F(Trace, GeometricQueriesOnATransformedInstance)
     ASSERT_TRUE(mi_query(miQ_DERIVS, st, 0, &derivs));
     EXPECT_EQ(derivs, 0);
 
-    ctx.end_state(st);
     for (auto *t : {&g, &plain, &empty})
         mirt::delete_instance(*t);
 }
@@ -1182,11 +1145,10 @@ miBoolean gatherEnv(void *result, miState *s, void *params)
 
 TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0.25f, 0.5f, 0.75f, 1}, "env"));
-    ctx.options().finalgather_rays = 5;
-    miState *st = ctx.begin_state();
-    ctx.begin_sample(st, 2, 3);
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0.25f, 0.5f, 0.75f, 1}, "env"));
+    ctx->options().finalgather_rays = 5;
+    miState *st = beginState();
+    ctx->begin_sample(st, 2, 3);
     st->point = {1, 2, 3};
     st->normal = {0, 1, 0};
     g_gather.clear();
@@ -1219,32 +1181,29 @@ TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
     ASSERT_TRUE(mi_compute_avg_radiance(&r, st, 'f', &absent));
     EXPECT_EQ(g_gather.size(), 5u) << "a record of size 0 counts as absent";
 
-    const auto calls = ctx.irradiance_calls();
+    const auto calls = ctx->irradiance_calls();
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_EQ(std::memcmp(&calls[0], &o, sizeof o), 0) << "a byte copy of the record";
     EXPECT_EQ(calls[1].size, 0);
     EXPECT_EQ(calls[2].size, 0);
-    ctx.clear_irradiance_calls();
-    EXPECT_TRUE(ctx.irradiance_calls().empty());
+    ctx->clear_irradiance_calls();
+    EXPECT_TRUE(ctx->irradiance_calls().empty());
 
     // no rays: black and success, no environment call
-    ctx.options().finalgather_rays = 0;
+    ctx->options().finalgather_rays = 0;
     g_gather.clear();
     r = {1, 1, 1, 1};
     EXPECT_TRUE(mi_compute_avg_radiance(&r, st, 'f', nullptr));
     EXPECT_EQ(r.r, 0.0f);
     EXPECT_EQ(r.a, 0.0f);
     EXPECT_TRUE(g_gather.empty());
-    ctx.end_state(st);
 }
 
 TEST_F(Trace, GatherDirectionsAreCosineWeighted)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {1, 1, 1, 1}, "env"));
-    ctx.options().finalgather_rays = 512;
-    miState *st = ctx.begin_state();
-    ctx.begin_sample(st, 0, 0);
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {1, 1, 1, 1}, "env"));
+    ctx->options().finalgather_rays = 512;
+    miState *st = sampleState();
     const float s = std::sqrt(1.0f / 3.0f);
     st->normal = {s, s, s};
     for (miUchar face : {miUchar('f'), miUchar('b')}) {
@@ -1262,22 +1221,19 @@ TEST_F(Trace, GatherDirectionsAreCosineWeighted)
         /* a cosine-weighted hemisphere has E[cos] = 2/3 */
         EXPECT_NEAR(mean / 512, 2.0 / 3.0, 0.02) << face;
     }
-    ctx.end_state(st);
 }
 
 TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0, 0, 1, 1}, "env"));
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, gatherEnv, {0, 0, 1, 1}, "env"));
     InstanceDesc d = facingDown(1);
     d.material = colorShader(miSHADER_MATERIAL, gatherEnv, {1, 0, 0, 1}, "red");
     GeometryTags roof = mirt::build_instance(mirt::make_plane(4000, 4000, 1, 1), d);
     MeshScene scene;
     scene.add(roof);
-    ctx.set_scene(&scene);
-    ctx.options().finalgather_rays = 16;
-    miState *st = ctx.begin_state();
-    ctx.begin_sample(st, 0, 0);
+    ctx->set_scene(&scene);
+    ctx->options().finalgather_rays = 16;
+    miState *st = sampleState();
     st->normal = {0, 0, 1};
     g_gather.clear();
     miColor r;
@@ -1291,12 +1247,11 @@ TEST_F(Trace, GatherRaysShadeHitsWithTheMaterialWhileDepthAllows)
     EXPECT_EQ(g_gather[0].parent, st);
 
     // at the trace depth hits are black; the material is not called
-    ctx.options().trace_depth = 0;
+    ctx->options().trace_depth = 0;
     g_gather.clear();
     ASSERT_TRUE(mi_compute_avg_radiance(&r, st, 'f', nullptr));
     EXPECT_EQ(r.r, 0.0f);
     EXPECT_TRUE(g_gather.empty());
-    ctx.end_state(st);
     mirt::delete_instance(roof);
 }
 
@@ -1310,8 +1265,7 @@ miBoolean whoAmI(void *result, miState *s, void *)
 
 TEST_F(Trace, CallShaderSwitchesTheCurrentShaderForTheCall)
 {
-    Context ctx;
-    miState *st = ctx.begin_state();
+    miState *st = beginState();
     const miTag f = mirt::make_function(miSHADER_ENVIRONMENT, whoAmI, nullptr, 0, 16, false, "who");
     miFunction *before = st->shader;
     miColor c{};
@@ -1322,24 +1276,21 @@ TEST_F(Trace, CallShaderSwitchesTheCurrentShaderForTheCall)
     c = {3, 3, 3, 3};
     EXPECT_FALSE(mi_call_shader_x(&c, miSHADER_ENVIRONMENT, st, 0, nullptr));
     EXPECT_EQ(c.r, 3.0f) << "no shader: the result is left alone";
-    ctx.end_state(st);
 }
 
 TEST_F(Trace, EyeRayOnAnInstanceWithoutMaterialShadesNothing)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {1, 1, 1, 1}, "env"));
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {1, 1, 1, 1}, "env"));
     GeometryTags g = mirt::build_instance(mirt::make_plane(2, 2, 1, 1), InstanceDesc());
     MeshScene scene;
     scene.add(g);
-    ctx.set_scene(&scene);
-    miState *st = ctx.begin_state();
+    ctx->set_scene(&scene);
+    miState *st = beginState();
     miColor c{5, 5, 5, 5};
-    EXPECT_FALSE(ctx.shade_eye(st, {0, 0, 1}, {0, 0, -1}, &c));
+    EXPECT_FALSE(ctx->shade_eye(st, {0, 0, 1}, {0, 0, -1}, &c));
     EXPECT_EQ(c.r, 0.0f);
     EXPECT_EQ(st->instance, g.instance) << "the hit is still recorded";
-    EXPECT_EQ(ctx.scene(), &scene);
-    ctx.end_state(st);
+    EXPECT_EQ(ctx->scene(), &scene);
     mirt::delete_instance(g);
 }
 
@@ -1379,8 +1330,7 @@ miBoolean litMaterial(void *result, miState *s, void *)
 
 TEST_F(Trace, StatesOnSeveralThreadsTraceIndependently)
 {
-    Context ctx;
-    ctx.set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {0, 0, 0.5f, 1}, "env"));
+    ctx->set_environment(colorShader(miSHADER_ENVIRONMENT, constColor, {0, 0, 0.5f, 1}, "env"));
     const miTag mat = mirt::make_function(miSHADER_MATERIAL, litMaterial, nullptr, 0, 16, false, "lit");
     InstanceDesc floor = lifted(0), blocker = lifted(2);
     floor.material = mat;
@@ -1391,20 +1341,20 @@ TEST_F(Trace, StatesOnSeveralThreadsTraceIndependently)
     MeshScene scene;
     scene.add(f);
     scene.add(b);
-    ctx.set_scene(&scene);
-    ctx.add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 8,
+    ctx->set_scene(&scene);
+    ctx->add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 8,
                        colorShader(miSHADER_LIGHT, shadowedLightMT, {1, 1, 1, 1}, "light"));
 
     auto render = [&](int thread, std::vector<miColor> &out) {
-        miState *st = ctx.begin_state(thread);
+        miState *st = ctx->begin_state(thread);
         for (int y = 0; y < 6; ++y)
             for (int x = 0; x < 6; ++x) {
-                ctx.begin_sample(st, x, y);
+                ctx->begin_sample(st, x, y);
                 miColor c{};
-                ctx.shade_eye(st, {x - 2.5f, y - 2.5f, 10}, {0, 0, -1}, &c);
+                ctx->shade_eye(st, {x - 2.5f, y - 2.5f, 10}, {0, 0, -1}, &c);
                 out.push_back(c);
             }
-        ctx.end_state(st);
+        ctx->end_state(st);
     };
     std::vector<miColor> ref, a, bb;
     render(0, ref);

@@ -217,20 +217,22 @@ TEST(ShaderLibraryLoader, ErrorsNameTheCause)
     libs.instantiate("chk", "checker", {}, made.tags);
     libs.instantiate("num", "scalarOut", {}, made.tags);
     const size_t before = made.tags.size();
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "tint", {"colour", "1", "1", "1"}, made.tags); }),
-              "unknown parameter \"colour\" of shader \"tint\"");
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "allTypes", {"str", "s", "i", "2.5"}, made.tags); }),
-              "wrong type: parameter \"i\" is integer, \"2.5\" is not a whole number");
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "allTypes", {"b", "maybe"}, made.tags); }),
-              "wrong type: parameter \"b\" is boolean, \"maybe\" is not on or off");
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "allTypes", {"c", "1", "red"}, made.tags); }),
-              "wrong type: parameter \"c\" is color, \"red\" is not a number");
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "tint", {"base", "=", "num"}, made.tags); }),
-              "wrong type: parameter \"base\" is color, \"num\" returns scalar");
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "tint", {"base", "=", "later"}, made.tags); }),
-              "parameter \"base\": no shader instance \"later\" (instances are named before use)");
-    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "allTypes", {"arr", "[", "1", "2", "3", "4", "5", "]"}, made.tags); }),
-              "parameter \"arr\": more than 4 elements");
+    const struct {
+        const char *shader;
+        std::vector<std::string> args;
+        const char *error;
+    } bad[] = {
+        {"tint", {"colour", "1", "1", "1"}, "unknown parameter \"colour\" of shader \"tint\""},
+        {"allTypes", {"str", "s", "i", "2.5"}, "wrong type: parameter \"i\" is integer, \"2.5\" is not a whole number"},
+        {"allTypes", {"b", "maybe"}, "wrong type: parameter \"b\" is boolean, \"maybe\" is not on or off"},
+        {"allTypes", {"c", "1", "red"}, "wrong type: parameter \"c\" is color, \"red\" is not a number"},
+        {"tint", {"base", "=", "num"}, "wrong type: parameter \"base\" is color, \"num\" returns scalar"},
+        {"tint", {"base", "=", "later"},
+         "parameter \"base\": no shader instance \"later\" (instances are named before use)"},
+        {"allTypes", {"arr", "[", "1", "2", "3", "4", "5", "]"}, "parameter \"arr\": more than 4 elements"},
+    };
+    for (const auto &b : bad)
+        EXPECT_EQ(errorOf([&] { libs.instantiate("x", b.shader, b.args, made.tags); }), b.error);
     EXPECT_NE(libs.shader("hostBuilt").fn, nullptr);
     EXPECT_EQ(errorOf([&] { libs.instantiate("x", "hostBuilt", {}, made.tags); }),
               "shader \"hostBuilt\" declares no parameters: its blocks are built by the program that uses it, not "

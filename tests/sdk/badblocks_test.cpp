@@ -59,6 +59,8 @@ std::vector<Case> catalogue()
     return {
         {"good", [](fbtest::FbufBuilder &) {}, nullptr},
         {"other byte order", [](fbtest::FbufBuilder &b) { b.byteSwapped(); }, "other byte order"},
+        // Only the magic reversed: the block reads as the other byte order.
+        {"other byte order magic", [](fbtest::FbufBuilder &b) { b.byteSwappedMagic(); }, "other byte order"},
         {"cut inside the fixed part", [](fbtest::FbufBuilder &b) { b.truncate(92); }, "shorter than its fixed part"},
         {"size word 40", [](fbtest::FbufBuilder &b) { b.parameterSizeOverride(40); }, "shorter than its fixed part"},
         // A header too short for even the magic word: no block is there at all.
@@ -71,6 +73,10 @@ std::vector<Case> catalogue()
         {"records first index before the block", [](fbtest::FbufBuilder &b) { b.frameBufferInfoFirst(-1); },
          "frameBufferInfo array lies outside"},
         {"records count huge", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(INT_MAX); },
+         "frameBufferInfo array lies outside"},
+        {"records count one beyond", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(4); },
+         "frameBufferInfo array lies outside"},
+        {"last record cut", [](fbtest::FbufBuilder &b) { b.truncate(b.recordsOffset() + 60 * 2 + 30); },
          "frameBufferInfo array lies outside"},
         {"records count negative", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(-1); },
          "frameBufferInfo array has a negative count"},
@@ -101,7 +107,7 @@ std::vector<Case> catalogue()
 
 TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
 {
-    fbtest::FbufSetup s = fbtest::install(*ctx, threeRecords(), {false, true, {}});
+    fbtest::FbufSetup s = fbtest::install(*ctx, threeRecords(), {false, true, {{0, {1, 1, 1, 1}, false}}});
     for (const Case &c : catalogue()) {
         SCOPED_TRACE(c.name);
         fbtest::FbufBuilder b = threeRecords();
@@ -127,13 +133,24 @@ TEST_F(BadBlocks, SetUpRefusesExactlyTheBlocksThatLeadOutside)
             FrameBufferDataRef ref = getFrameBufferDataBlock(st);
             EXPECT_EQ(ref.block, nullptr);
             EXPECT_EQ(ref.tag, 0u);
-            EXPECT_EQ(ref.swapped, std::string(c.name) == "other byte order" ? miTRUE : miFALSE);
+            EXPECT_EQ(ref.swapped, std::string(c.name).compare(0, 16, "other byte order") == 0 ? miTRUE : miFALSE);
+            // Samples on the refused block stay quiet, the init shader's included.
+            mirt::clear_messages();
+            ctx->begin_sample(st, 0, 0);
+            ctx->end_sample(st, miTRUE);
+            EXPECT_EQ(countLevel(mirt::Level::Error) + countLevel(mirt::Level::Warning), 0);
         } else {
             EXPECT_EQ(countContaining(mirt::Level::Error, "is ignored"), 0);
             // The slot block stays: 3 entries of 6 slots (trace depth 4 + 2) of 52 bytes.
             EXPECT_EQ(mirt::mem_live_bytes(kFbFile), 3 * 6 * 52);
             const miUint expect = std::string(c.name) == "counts do not add up" ? 0u : 3u;
             EXPECT_EQ(getFrameBufferInfo(st, nullptr, nullptr), expect);
+            // A sample resolves the names of the usable entries only, and the
+            // init shader that of its non-material pass.
+            const uint64_t lookups = ctx->fb_lookup_count();
+            ctx->begin_sample(st, 0, 0);
+            ctx->end_sample(st, miTRUE);
+            EXPECT_EQ(ctx->fb_lookup_count() - lookups, expect + 1);
         }
         EXPECT_EQ(getNonMaterialPassFrameBufferIndex(st, 0), c.reason ? 0u : static_cast<miUint>(ctx->add_framebuffer("matte")));
         ctx->end_state(st);
@@ -496,43 +513,41 @@ protected:
     miState *st = nullptr;
 };
 
-TEST_F(RampArrays, ElementsWithinTheBlockAreUsed)
+// Elements that end exactly at the block's end are used; elements, or a
+// header, reaching outside the shader's parameter block refuse the ramp,
+// with a message naming the shader.
+TEST_F(RampArrays, OnlyElementsWithinTheBlockAreUsed)
 {
-    RampBlock blk{1, 2, {{0.2f, 500, RAMP_NONE}, {1, 3, RAMP_LINEAR}, {0, 1, RAMP_LINEAR}}};
-    const Ramp r = build(&blk, sizeof blk, 0); // elements 1 and 2 end exactly at the block's end
-    EXPECT_EQ(r.count, 2);
-    EXPECT_EQ(ramp_get_interp_float(&r, 0.25f), 1.5f);
-    EXPECT_EQ(countContaining(mirt::Level::Error, "ramp_constructor()"), 0);
-}
-
-TEST_F(RampArrays, ElementsOutsideTheBlockRefuseTheRamp)
-{
-    struct Bad {
+    const RampScalarEntry keys[3] = {{0.2f, 500, RAMP_NONE}, {1, 3, RAMP_LINEAR}, {0, 1, RAMP_LINEAR}};
+    struct Case {
         const char *name;
-        int first, count;
-    };
-    for (const Bad &b : {Bad{"first index past the end", 2, 2}, Bad{"first index before the block", -2, 1},
-                         Bad{"count beyond the elements", 0, 4}, Bad{"more than 50 declared, 3 present", 0, 60},
-                         Bad{"huge first index", INT_MAX, 1}, Bad{"most negative first index", INT_MIN, 2}}) {
-        SCOPED_TRACE(b.name);
+        int first, count, at; // at: the parameter's byte offset in the block
+        const char *error;    // null: used
+    } cases[] = {{"elements 1 and 2 end at the block's end", 1, 2, 0, nullptr},
+                 {"first index past the end", 2, 2, 0, "reaches outside its parameter block"},
+                 {"first index before the block", -2, 1, 0, "reaches outside its parameter block"},
+                 {"count beyond the elements", 0, 4, 0, "reaches outside its parameter block"},
+                 {"more than 50 declared, 3 present", 0, 60, 0, "reaches outside its parameter block"},
+                 {"huge first index", INT_MAX, 1, 0, "reaches outside its parameter block"},
+                 {"most negative first index", INT_MIN, 2, 0, "reaches outside its parameter block"},
+                 {"header cut by the block end", 0, 1, int(sizeof(RampBlock)) - 4, "does not fit in its parameter block"}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
         mirt::clear_messages();
-        RampBlock blk{b.first, b.count, {{0, 1, RAMP_LINEAR}, {1, 3, RAMP_LINEAR}, {2, 5, RAMP_LINEAR}}};
-        const Ramp r = build(&blk, sizeof blk, 0);
+        RampBlock blk{c.first, c.count, {keys[0], keys[1], keys[2]}};
+        const Ramp r = build(&blk, sizeof blk, c.at);
+        if (!c.error) {
+            EXPECT_EQ(r.count, 2);
+            EXPECT_EQ(ramp_get_interp_float(&r, 0.25f), 1.5f);
+            EXPECT_EQ(countContaining(mirt::Level::Error, "ramp_constructor()"), 0);
+            continue;
+        }
         EXPECT_EQ(r.count, 0);
         EXPECT_EQ(r.is_color, 0);
         EXPECT_EQ(ramp_get_interp_float(&r, 0.5f), 0.0f);
-        EXPECT_EQ(countContaining(mirt::Level::Error, "reaches outside its parameter block"), 1);
+        EXPECT_EQ(countContaining(mirt::Level::Error, c.error), 1);
         EXPECT_EQ(countContaining(mirt::Level::Error, "\"rampOwner\""), 1);
     }
-}
-
-TEST_F(RampArrays, AHeaderCutByTheBlockEndRefusesTheRamp)
-{
-    RampBlock blk{0, 1, {{0, 1, RAMP_LINEAR}, {1, 3, RAMP_LINEAR}, {2, 5, RAMP_LINEAR}}};
-    // The parameter starts 4 bytes before the end: its count would lie past it.
-    const Ramp r = build(&blk, sizeof blk, sizeof blk - 4);
-    EXPECT_EQ(r.count, 0);
-    EXPECT_EQ(countContaining(mirt::Level::Error, "does not fit in its parameter block"), 1);
 }
 
 TEST_F(RampArrays, ACopyOutsideAnyBlockIsReadAsGiven)

@@ -10,7 +10,6 @@
 
 #include <climits>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -340,25 +339,6 @@ TEST_F(FbState, TypeRangesAndCountChecks)
     EXPECT_NE(getFrameBufferState(st), nullptr);
 }
 
-TEST_F(FbState, CountsThatDoNotAddUpDisableTheStateWithoutLeaking)
-{
-    fbtest::FbufBuilder b;
-    b.add("a", 0);
-    b.add("b", 0);
-    b.add("c", 12);
-    b.typeCount(0, 3); /* 4 in total for 3 records */
-    fbtest::FbufSetup s = fbtest::install(*ctx, b);
-    miState *st = ctx->begin_state();
-    EXPECT_GT(mirt::mem_live_bytes(kTag), 0);
-    EXPECT_EQ(records(st).n, 0u);
-    const uint64_t lookups = ctx->fb_lookup_count();
-    ctx->begin_sample(st, 0, 0);
-    ctx->end_sample(st, miTRUE);
-    EXPECT_EQ(ctx->fb_lookup_count(), lookups);
-    ctx->end_state(st); /* the slot block goes although names were never resolved */
-    EXPECT_EQ(mirt::mem_live_bytes(kTag), 0);
-}
-
 TEST_F(FbState, ZeroRecords)
 {
     fbtest::FbufBuilder b;
@@ -445,62 +425,6 @@ TEST_F(FbState, KeyVariablesChooseWhereRecordsLive)
 }
 
 // ------------------------------------------------------------ bad data
-
-TEST_F(FbState, DamagedBlocksAreRefused)
-{
-    struct Fault {
-        const char *what;
-        std::function<void(fbtest::FbufBuilder &)> apply;
-    };
-    const std::vector<Fault> faults = {
-        {"swapped", [](fbtest::FbufBuilder &b) { b.byteSwapped(); }},
-        {"swapped magic", [](fbtest::FbufBuilder &b) { b.byteSwappedMagic(); }},
-        {"records first far", [](fbtest::FbufBuilder &b) { b.frameBufferInfoFirst(1000); }},
-        {"records first negative", [](fbtest::FbufBuilder &b) { b.frameBufferInfoFirst(-5); }},
-        {"records count beyond", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(4); }},
-        {"records count negative", [](fbtest::FbufBuilder &b) { b.frameBufferInfoCount(-1); }},
-        {"non-material first", [](fbtest::FbufBuilder &b) { b.nonMaterialFirst(INT_MAX); }},
-        {"non-material count", [](fbtest::FbufBuilder &b) { b.nonMaterialCount(1 << 30); }},
-        {"non-material count negative", [](fbtest::FbufBuilder &b) { b.nonMaterialCount(-3); }},
-        {"type counts first", [](fbtest::FbufBuilder &b) { b.typeCountsFirst(-30); }},
-        {"type counts overflow", [](fbtest::FbufBuilder &b) { b.typeCount(0, INT_MAX).typeCount(1, 5); }},
-        {"shorter than fixed part", [](fbtest::FbufBuilder &b) { b.truncate(90); }},
-        {"last record cut", [](fbtest::FbufBuilder &b) { b.truncate(b.recordsOffset() + 60 * 2 + 30); }},
-        {"size word too small", [](fbtest::FbufBuilder &b) { b.parameterSizeOverride(100); }},
-    };
-    for (const Fault &f : faults) {
-        SCOPED_TRACE(f.what);
-        ctx.reset();
-        mirt::reset();
-        ctx = std::make_unique<mirt::Context>(4, 4);
-        fbtest::FbufBuilder b;
-        b.add("a", 0);
-        b.add("b", 3);
-        b.add("c", 12);
-        b.addNonMaterialPass("m");
-        f.apply(b);
-        fbtest::FbufSetup s = fbtest::install(*ctx, b, {true, true, {{0, {1, 1, 1, 1}, false}}});
-        mirt::mem_clear_events();
-        miState *st = ctx->begin_state();
-        EXPECT_TRUE(noRecordsStored(st));
-        EXPECT_EQ(countContaining(mirt::Level::Error, "frame-buffer data block"), 1);
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-        FrameBufferDataRef ref = getFrameBufferDataBlock(st);
-        EXPECT_EQ(ref.block, nullptr);
-        EXPECT_EQ(ref.tag, 0u);
-        const bool swapped = std::string(f.what).compare(0, 7, "swapped") == 0;
-        EXPECT_EQ(ref.swapped, swapped ? miTRUE : miFALSE);
-        EXPECT_EQ(countContaining(mirt::Level::Error, "other byte order"), swapped ? 1 : 0) << "once per state";
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-        mirt::clear_messages();
-        ctx->begin_sample(st, 0, 0); /* the init shader stays quiet per sample */
-        ctx->end_sample(st, miTRUE);
-        EXPECT_EQ(countLevel(mirt::Level::Error) + countLevel(mirt::Level::Warning), 0);
-        ctx->end_state(st);
-        EXPECT_TRUE(ourEvents().empty());
-        EXPECT_EQ(mirt::db_total_pins(), 0);
-    }
-}
 
 TEST_F(FbState, ToleratedOddities)
 {

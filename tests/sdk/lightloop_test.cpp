@@ -63,23 +63,7 @@ fbtest::FbufBuilder passes(const std::vector<P> &ps)
     return b;
 }
 
-/* A rendering state with its pass records, at the first sample of pixel 0,0. */
-struct Rig {
-    mirt::Context ctx;
-    miState *st = nullptr;
-    miUint n = 0;
-    FrameBufferInfo *e = nullptr;
-    explicit Rig(const fbtest::FbufBuilder &b, int traceDepth = 2)
-    {
-        ctx.options().trace_depth = traceDepth;
-        fbtest::install(ctx, b);
-        st = ctx.begin_state();
-        ctx.begin_sample(st, 0, 0);
-        PassTypeInfo *types = nullptr;
-        n = getFrameBufferInfo(st, &types, &e);
-    }
-    ~Rig() { ctx.end_state(st); }
-};
+using Rig = fbtest::PassRig;
 
 class LightLoop : public RuntimeTest {};
 
@@ -777,60 +761,53 @@ TEST_F(LightLoop, WholeLoopWithAPassAwareAndAnUnawareLight)
     EXPECT_TRUE(mirt::messages().empty());
 }
 
+// Shared: the occluder's filter serves every shadowed pass, the masked one
+// too.  Blocked (opaque occluder, or one that gives up with light left in the
+// filter): shadowed passes get s, the shadow pass l - s.  Accumulated: four
+// equal shadow samples average to the single transmission.  Light filtering:
+// unshadowed light in the passes, then the occluder filters the light: 0, 2:
+// l * tr = (0.4, 0.15, 0.3, 0.5); shadow pass 0 + (1 - tr).
 TEST_F(LightLoop, SharedAccumulatedAndLightFilteringShadows)
 {
-    FrameBufferInfo *e = nullptr;
-    { // Shared: the occluder's filter serves every shadowed pass, the masked one too.
-        Stage s(kShared, false);
-        miState *st = s.ctx.begin_state();
+    const miColor S{0.45f, 0.225f, 0.325f, 1}, l{0.8f, 0.6f, 0.4f, 1}, s{0.1f, 0.1f, 0.1f, 1}, dark{0, 0, 0, 1};
+    const struct Case {
+        const char *name;
+        int kind;
+        bool translucent;
+        int applyToLight, giveUp;
+        miBoolean traced;
+        int occluderCalls;
+        miColor result[6];
+        float shadowPass[4]; // entry 5's shadow at the end; alpha < 0: not checked
+        uint64_t occluderReads;
+    } cases[] = {
+        {"shared", kShared, true, 0, 0, miTRUE, 1, {S, S, S, dark, l, {0.35f, 0.375f, 0.075f, 1}}, {0.45f, 0.225f, 0.325f, 1}, 1},
+        {"opaque", kShared, false, 0, 0, miFALSE, 0, {s, s, s, dark, l, {0.7f, 0.5f, 0.3f, 1}}, {0, 0, 0, -1}, 0},
+        {"gives up", kShared, true, 0, 1, miFALSE, 1, {s, s, s, dark, l, {0.7f, 0.5f, 0.3f, 1}}, {0, 0, 0, -1}, 1},
+        {"accumulated", kAccumulate, true, 0, 0, miTRUE, 4, {S, l, S, dark, l, {0.35f, 0.375f, 0.075f, 1}},
+         {0.5f, 0.25f, 0.75f, 0.5f}, 4},
+        {"light filtering", kIrradianceTraced, true, 1, 0, miTRUE, 1,
+         {{0.4f, 0.15f, 0.3f, 0.5f}, l, {0.4f, 0.15f, 0.3f, 0.5f}, dark, l, {0.5f, 0.75f, 0.25f, 1.5f}}, {0, 0, 0, -1}, 1},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Stage stage(c.kind, false, c.translucent, c.applyToLight, c.giveUp);
+        miState *st = stage.ctx.begin_state();
         t_seen = Seen();
-        s.shade(st);
-        EXPECT_TRUE(t_seen.traced);
-        EXPECT_RESULTS(t_seen.result, {{0.45f, 0.225f, 0.325f, 1}, {0.45f, 0.225f, 0.325f, 1},
-                                       {0.45f, 0.225f, 0.325f, 1}, {0, 0, 0, 1},
-                                       {0.8f, 0.6f, 0.4f, 1}, {0.35f, 0.375f, 0.075f, 1}});
+        stage.shade(st);
+        EXPECT_EQ(t_seen.traced, c.traced);
+        EXPECT_EQ(t_seen.occluderCalls, c.occluderCalls);
+        ASSERT_EQ(t_seen.result.size(), 6u);
+        for (int i = 0; i < 6; ++i)
+            expectColor(t_seen.result[i], c.result[i].r, c.result[i].g, c.result[i].b, c.result[i].a, 1e-6f);
+        FrameBufferInfo *e = nullptr;
         ASSERT_EQ(entriesOf(st, &e), 6u);
-        expectColor(e[5].shadow, 0.45f, 0.225f, 0.325f, 1, 1e-6f); // the shared shadowed light
-        expectColor(e[0].shadow, 0.5f, 0.25f, 0.75f, 0.5f, 1e-6f); // as the occluder left it
-        s.ctx.end_state(st);
-    }
-    // Blocked (opaque occluder, or one that gives up with light left in the
-    // filter): shadowed passes get s, the shadow pass l - s.
-    for (int giveUp : {0, 1}) {
-        Stage s(kShared, false, giveUp != 0, 0, giveUp);
-        miState *st = s.ctx.begin_state();
-        t_seen = Seen();
-        s.shade(st);
-        s.ctx.end_state(st);
-        EXPECT_FALSE(t_seen.traced);
-        EXPECT_EQ(t_seen.occluderCalls, giveUp);
-        EXPECT_RESULTS(t_seen.result, {{0.1f, 0.1f, 0.1f, 1}, {0.1f, 0.1f, 0.1f, 1}, {0.1f, 0.1f, 0.1f, 1},
-                                       {0, 0, 0, 1}, {0.8f, 0.6f, 0.4f, 1}, {0.7f, 0.5f, 0.3f, 1}});
-    }
-    { // Four equal shadow samples average to the single transmission.
-        Stage s(kAccumulate, false);
-        miState *st = s.ctx.begin_state();
-        t_seen = Seen();
-        s.shade(st);
-        EXPECT_EQ(t_seen.occluderCalls, 4);
-        EXPECT_RESULTS(t_seen.result, {{0.45f, 0.225f, 0.325f, 1}, {0.8f, 0.6f, 0.4f, 1},
-                                       {0.45f, 0.225f, 0.325f, 1}, {0, 0, 0, 1},
-                                       {0.8f, 0.6f, 0.4f, 1}, {0.35f, 0.375f, 0.075f, 1}});
-        ASSERT_EQ(entriesOf(st, &e), 6u);
-        expectColor(e[5].shadow, 0.5f, 0.25f, 0.75f, 0.5f, 1e-6f); // the averaged transmission
-        EXPECT_EQ(mirt::db_access_count(s.maskOcc.text), 4u); // one read per crossing
-        s.ctx.end_state(st);
-    }
-    { // Unshadowed light in the passes, then the occluder filters the light:
-      // 0, 2: l * tr = (0.4, 0.15, 0.3, 0.5); shadow pass 0 + (1 - tr).
-        Stage s(kIrradianceTraced, false, true, 1);
-        miState *st = s.ctx.begin_state();
-        t_seen = Seen();
-        s.shade(st);
-        EXPECT_EQ(t_seen.occluderCalls, 1);
-        EXPECT_RESULTS(t_seen.result, {{0.4f, 0.15f, 0.3f, 0.5f}, {0.8f, 0.6f, 0.4f, 1}, {0.4f, 0.15f, 0.3f, 0.5f},
-                                       {0, 0, 0, 1}, {0.8f, 0.6f, 0.4f, 1}, {0.5f, 0.75f, 0.25f, 1.5f}});
-        s.ctx.end_state(st);
+        if (c.shadowPass[3] >= 0)
+            expectColor(e[5].shadow, c.shadowPass[0], c.shadowPass[1], c.shadowPass[2], c.shadowPass[3], 1e-6f);
+        if (c.kind == kShared && c.traced) // entry 0 as the occluder left it
+            expectColor(e[0].shadow, 0.5f, 0.25f, 0.75f, 0.5f, 1e-6f);
+        EXPECT_EQ(mirt::db_access_count(stage.maskOcc.text), c.occluderReads); // one read per crossing
+        stage.ctx.end_state(st);
     }
 }
 

@@ -17,23 +17,14 @@
 
 namespace {
 
-/* A rendering state at the first sample of pixel 0,0 with one entry per
-   listed pass type, named by `names` ("" for p<index>). */
-struct Rig {
-    mirt::Context ctx;
-    miState *st = nullptr;
-    Rig(const std::vector<int> &types, const std::vector<std::string> &names, int traceDepth = 2)
-    {
-        fbtest::FbufBuilder b;
-        for (size_t i = 0; i < types.size(); ++i)
-            b.add(names[i].empty() ? "p" + std::to_string(i) : names[i], types[i]);
-        ctx.options().trace_depth = traceDepth;
-        fbtest::install(ctx, b);
-        st = ctx.begin_state();
-        ctx.begin_sample(st, 0, 0);
-    }
-    ~Rig() { ctx.end_state(st); }
-};
+/* One entry per listed pass type, named by `names` ("" for p<index>). */
+fbtest::FbufBuilder passBlock(const std::vector<int> &types, const std::vector<std::string> &names)
+{
+    fbtest::FbufBuilder b;
+    for (size_t i = 0; i < types.size(); ++i)
+        b.add(names[i].empty() ? "p" + std::to_string(i) : names[i], types[i]);
+    return b;
+}
 
 class MaterialHelper : public RuntimeTest {};
 
@@ -49,10 +40,10 @@ TEST_F(MaterialHelper, EachPassTypeTakesItsComponents)
     // background, indirect, scatter, two custom passes, one of type 7.
     const std::vector<int> types = {0, 1, 4, 7, 11, 12, 16, 20, 26, 28, 31, 32, 33, 34, 34};
     const std::vector<std::string> names = {"", "", "", "", "", "", "", "", "", "", "", "", "", "mine", "theirs"};
-    Rig r(types, names);
-    PassTypeInfo *pt = nullptr;
-    FrameBufferInfo *e = nullptr;
-    const miUint n = getFrameBufferInfo(r.st, &pt, &e);
+    fbtest::PassRig r(passBlock(types, names));
+    PassTypeInfo *pt = r.types;
+    FrameBufferInfo *e = r.e;
+    const miUint n = r.n;
     ASSERT_EQ(n, types.size());
     for (miUint i = 0; i < n; ++i) {
         ASSERT_EQ(drux_pass_type(pt, i), types[i]) << i;
@@ -172,10 +163,9 @@ TEST_F(MaterialHelper, WhichPassTypesTakeLight)
 
 TEST_F(MaterialHelper, WritesOnlyTheSlotOfItsDepth)
 {
-    Rig r({0, 16}, {"", ""}, 2);
-    PassTypeInfo *pt = nullptr;
-    FrameBufferInfo *e = nullptr;
-    ASSERT_EQ(getFrameBufferInfo(r.st, &pt, &e), 2u);
+    fbtest::PassRig r(passBlock({0, 16}, {"", ""}));
+    FrameBufferInfo *e = r.e;
+    ASSERT_EQ(r.n, 2u);
     for (int d = 0; d < 4; ++d)
         e[0].slots[d].result = e[1].slots[d].result = miColor{5, 5, 5, 5};
     // A reflected ray's hit: slot 1, coverage only for an eye ray's first hit.

@@ -40,15 +40,6 @@ FrameBufferDecl &FrameBufferDecl::noName()
     return *this;
 }
 
-miUint FrameBufferDecl::flagBits() const
-{
-    miUint bits = 0;
-    for (int k = 1; k <= 9; ++k)
-        if (words[k - 1] != 0)
-            bits |= 1u << (k - 1);
-    return bits;
-}
-
 /* ------------------------------------------------------------ builder */
 
 FrameBufferDecl &FbufBuilder::add(const std::string &name, int passType)
@@ -142,8 +133,6 @@ fbufw::FbufContent FbufBuilder::content(bool makeNames) const
     return c;
 }
 
-size_t FbufBuilder::typeCountsOffset() const { return fbufw::fbufLayout(content(false)).typeCounts; }
-size_t FbufBuilder::nonMaterialOffset() const { return fbufw::fbufLayout(content(false)).nonMaterialPasses; }
 size_t FbufBuilder::recordsOffset() const { return fbufw::fbufLayout(content(false)).records; }
 
 std::vector<uint32_t> FbufBuilder::words() const
@@ -229,6 +218,17 @@ FbufSetup install(mirt::Context &ctx, const FbufBuilder &builder, const InstallO
     }
     return s;
 }
+
+PassRig::PassRig(const FbufBuilder &builder, int traceDepth)
+{
+    ctx.options().trace_depth = traceDepth;
+    install(ctx, builder);
+    st = ctx.begin_state();
+    ctx.begin_sample(st, 0, 0);
+    n = getFrameBufferInfo(st, &types, &e);
+}
+
+PassRig::~PassRig() { ctx.end_state(st); }
 
 uint32_t byteSwap32(uint32_t v)
 {

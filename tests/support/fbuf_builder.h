@@ -52,8 +52,6 @@ struct FrameBufferDecl {
     FrameBufferDecl &host(miUint a, miUint b, miUint c, miUint d, miUint tail);
     FrameBufferDecl &undeclared();                  /* name unknown to the camera */
     FrameBufferDecl &noName();                      /* frameBufferName 0 */
-    /* The nine words as the FBINFO_ bits they stand for (0x1 .. 0x100). */
-    miUint flagBits() const;
 };
 
 /* One entry of nonMaterialPasses. */
@@ -112,10 +110,9 @@ public:
     /* A miSCENE_USERDATA block holding words(); `next` chains another block. */
     miTag build(miTag next = 0) const;
 
-    /* Byte offsets the layout uses (for tests that poke at the block). */
-    size_t typeCountsOffset() const;   /* first element of the type counts */
-    size_t nonMaterialOffset() const;  /* first non-material tag */
-    size_t recordsOffset() const;      /* first frameBufferInfo record */
+    /* Byte offset of the first frameBufferInfo record (for tests that poke
+       at the block). */
+    size_t recordsOffset() const;
 
 private:
     /* What the writer gets; makeNames false leaves the name tags 0 (for the
@@ -169,6 +166,21 @@ FbufSetup install(mirt::Context &ctx, const FbufBuilder &builder,
 /* Shader tags for the library's state shaders, for hand-made set-ups. */
 miTag makeStateShader();
 miTag makeInitShader(const InitRequest &request);
+
+/* A render context with `builder`'s block installed, trace depth
+   `traceDepth`, and one state at the first sample of pixel 0,0 (ended when
+   the rig goes); n, types and e are its pass records. */
+struct PassRig {
+    mirt::Context ctx;
+    miState *st = nullptr;
+    miUint n = 0;
+    PassTypeInfo *types = nullptr;
+    FrameBufferInfo *e = nullptr;
+    explicit PassRig(const FbufBuilder &builder, int traceDepth = 2);
+    ~PassRig();
+    PassRig(const PassRig &) = delete;
+    PassRig &operator=(const PassRig &) = delete;
+};
 
 /* The four bytes of a 32-bit word reversed. */
 uint32_t byteSwap32(uint32_t v);
