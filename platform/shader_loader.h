@@ -60,6 +60,7 @@ struct LoadedShader {
     ExitFn exit = nullptr;
     std::vector<ParamSlot> params;
     size_t block_size = 0;
+    bool checked = false;           /* declared in the checked form: layout compared with the struct */
     const ParamSlot *param(const std::string &name) const;
 };
 
@@ -108,8 +109,14 @@ public:
 
     size_t library_count() const;
 
-private:
+    /* The paths of the linked libraries, in link order, and the names of the
+       shaders a linked library declares, in table order. */
+    std::vector<std::string> library_paths() const;
+    std::vector<std::string> declared_shaders(const std::string &path) const;
+
     struct Impl;
+
+private:
     std::unique_ptr<Impl> impl_;
 };
 
