@@ -4,6 +4,7 @@
 #include "runtime_internal.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -170,6 +171,46 @@ const ParamSlot *LoadedShader::param(const std::string &n) const
         if (p.name == n)
             return &p;
     return nullptr;
+}
+
+std::string did_you_mean(const std::string &name, const std::vector<std::string> &known)
+{
+    /* Levenshtein distance, case-insensitive */
+    auto distance = [](const std::string &a, const std::string &b) {
+        std::vector<size_t> row(b.size() + 1);
+        for (size_t j = 0; j <= b.size(); ++j)
+            row[j] = j;
+        for (size_t i = 1; i <= a.size(); ++i) {
+            size_t diag = row[0];
+            row[0] = i;
+            for (size_t j = 1; j <= b.size(); ++j) {
+                const size_t up = row[j];
+                const bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
+                                  std::tolower(static_cast<unsigned char>(b[j - 1]));
+                row[j] = std::min({row[j] + 1, row[j - 1] + 1, diag + (same ? 0 : 1)});
+                diag = up;
+            }
+        }
+        return row[b.size()];
+    };
+    const size_t limit = std::max<size_t>(1, name.size() / 3);
+    size_t best = limit + 1;
+    std::vector<std::string> closest;
+    for (const std::string &k : known) {
+        const size_t d = distance(name, k);
+        if (d < best) {
+            best = d;
+            closest.clear();
+        }
+        if (d == best && std::find(closest.begin(), closest.end(), k) == closest.end())
+            closest.push_back(k);
+    }
+    if (closest.empty())
+        return std::string();
+    std::string out = "; did you mean ";
+    for (size_t k = 0; k < closest.size(); ++k)
+        out += (k == 0 ? "" : (k + 1 == closest.size() ? " or " : ", ")) + ("\"" + closest[k] + "\"");
+    return out + "?";
 }
 
 std::string renderer_library_dir()

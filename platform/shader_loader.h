@@ -64,6 +64,11 @@ struct LoadedShader {
     const ParamSlot *param(const std::string &name) const;
 };
 
+/* "; did you mean \"A\"?" (or "A\" or \"B") naming the names of `known`
+   closest to `name` in edit distance (at most a third of its letters, and
+   at least one); empty when none is that close. */
+MI_API std::string did_you_mean(const std::string &name, const std::vector<std::string> &known);
+
 /* The folder holding the renderer layer's own shared object (an install's
    lib/); empty when unknown. */
 MI_API std::string renderer_library_dir();
