@@ -146,7 +146,11 @@ void RenderSession::linkShaders()
                 tracer_->watch(fn, "shader:" + d.name + " (" + shaderOrigin(d.function) + ")");
         }
     } catch (const mirt::LoadError &e) {
-        throw SceneError(line, e.what());
+        const std::string what = e.what();
+        /* a library not found by name: say how to add a folder to the search */
+        if (what.find("\" not found; searched: ") != std::string::npos)
+            throw SceneError(line, what + "; add its folder with --shader-path or DRUX_SHADER_PATH");
+        throw SceneError(line, what);
     }
 }
 

@@ -636,7 +636,9 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
             s->fn = reinterpret_cast<miShader_fn>(dlsym(l.handle, name.c_str()));
             if (!s->fn)
                 throw LoadError("symbol missing: shader \"" + name + "\" is declared by \"" + l.path +
-                                "\" but the library has no function " + name);
+                                "\" but the library exports no function " + name +
+                                "; define it as DRUX_SHADER_EXPORT miBoolean " + name +
+                                "(...) (extern \"C\" and visible, so that it keeps its name)");
             s->init = reinterpret_cast<InitFn>(dlsym(l.handle, (name + "_init").c_str()));
             s->exit = reinterpret_cast<ExitFn>(dlsym(l.handle, (name + "_exit").c_str()));
             if (auto version = reinterpret_cast<VersionFn>(dlsym(l.handle, (name + "_version").c_str()))) {
@@ -679,8 +681,13 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
     std::string linked;
     for (const Impl::Library &l : impl_->libs)
         linked += (linked.empty() ? "" : ", ") + l.path;
+    std::vector<std::string> declared;
+    for (const Impl::Library &l : impl_->libs)
+        for (const miShaderDecl *d : l.decls)
+            if (d->name)
+                declared.push_back(d->name);
     throw LoadError("unknown shader \"" + name + "\": no linked library declares it (linked: " +
-                    (linked.empty() ? std::string("none") : linked) + ")");
+                    (linked.empty() ? std::string("none") : linked) + ")" + did_you_mean(name, declared));
 }
 
 miTag ShaderLibraries::instantiate(const std::string &instance, const std::string &function,
@@ -707,8 +714,13 @@ miTag ShaderLibraries::instantiate(const std::string &instance, const std::strin
         for (size_t i = 0; i < t.size();) {
             const std::string name = t[i++];
             const ParamSlot *p = s.param(name);
-            if (!p)
-                throw LoadError("unknown parameter \"" + name + "\" of shader \"" + function + "\"");
+            if (!p) {
+                std::vector<std::string> known;
+                for (const ParamSlot &q : s.params)
+                    known.push_back(q.name);
+                throw LoadError("unknown parameter \"" + name + "\" of shader \"" + function + "\"" +
+                                did_you_mean(name, known));
+            }
             if (!given.insert(name).second)
                 throw LoadError("parameter \"" + name + "\" is given twice");
             const std::string what = "parameter \"" + name + "\"";

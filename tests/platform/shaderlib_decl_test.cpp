@@ -190,3 +190,28 @@ TEST(ShaderDeclarations, PositionalTableIsSaidUncheckedOncePerLibrary)
 }
 
 } // namespace
+
+namespace {
+
+TEST(ShaderDeclarations, MessagesSayWhatToDo)
+{
+    mirt::ShaderLibraries libs;
+    const std::string path = libs.link("libtest_shaders.so", {kDir});
+    EXPECT_EQ(errorOf([&] { libs.shader("missingShader"); }),
+              "symbol missing: shader \"missingShader\" is declared by \"" + path +
+                  "\" but the library exports no function missingShader; define it as DRUX_SHADER_EXPORT miBoolean "
+                  "missingShader(...) (extern \"C\" and visible, so that it keeps its name)");
+    EXPECT_EQ(errorOf([&] { libs.shader("chcker"); }),
+              "unknown shader \"chcker\": no linked library declares it (linked: " + path +
+                  "); did you mean \"checker\"?");
+    EXPECT_EQ(errorOf([&] { libs.shader("countedC"); }),
+              "unknown shader \"countedC\": no linked library declares it (linked: " + path +
+                  "); did you mean \"countedA\" or \"countedB\"?");
+    EXPECT_EQ(errorOf([&] { libs.shader("zzzzzzzz"); }),
+              "unknown shader \"zzzzzzzz\": no linked library declares it (linked: " + path + ")");
+    Made made;
+    EXPECT_EQ(errorOf([&] { libs.instantiate("x", "tint", {"Gian", "1"}, made.tags); }),
+              "unknown parameter \"Gian\" of shader \"tint\"; did you mean \"gain\"?");
+}
+
+} // namespace
