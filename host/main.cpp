@@ -4,7 +4,8 @@
  *   druxrender [--scene FILE] [--out DIR] [--threads N] [--samples N]
  *              [--resolution WxH] [--no-progress] [--progress] [--quiet]
  *              [--shader-path DIRS] [--restrict-links] [--image-stats FILE] [--version]
- *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--help]
+ *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--describe LIB|SHADER]
+ *              [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
  * DIR/render.exr (every pass as a layer), a PNG preview per pass and the
@@ -31,6 +32,8 @@
  */
 #include "image_stats.h"
 #include "render.h"
+#include "shader_describe.h"
+#include "shader_loader.h"
 #include "runtime.h"
 
 #include <atomic>
@@ -72,6 +75,8 @@ void usage(std::ostream &o)
          "  --image-stats FILE     also write the image statistics (hash and means per pass) to FILE\n"
          "  --debug-pixel X,Y[,S]  render sample S (default 0) of pixel X,Y alone and print the\n"
          "                         shader calls it ran and its pass values (no files written)\n"
+         "  --describe LIB|SHADER  list the shaders of a shader library (libNAME.so or a path), or one\n"
+         "                         shader, with their parameters, types, defaults and versions\n"
          "  --help                 this text\n";
 }
 
@@ -242,6 +247,7 @@ struct Args {
     bool restrictLinks = envOn("DRUX_RESTRICT_LINKS");
     int threads = 0, samples = 0, width = 0, height = 0;
     int debugPx[3] = {-1, -1, 0};
+    std::string describe; /* --describe LIB|SHADER */
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
     std::string sceneName() const { return scenePath.empty() ? std::string("built-in scene") : scenePath; }
 };
@@ -316,6 +322,8 @@ int parseArgs(int argc, char **argv, Args &args)
                 std::cerr << "druxrender: --debug-pixel needs X,Y or X,Y,S (numbers from 0)\n";
                 return 2;
             }
+        } else if (a == "--describe") {
+            args.describe = value("a shader library or shader name");
         } else if (a == "--help" || a == "-h") {
             usage(std::cout);
             return 0;
@@ -478,6 +486,17 @@ int main(int argc, char **argv)
     const int status = parseArgs(argc, argv, args);
     if (status >= 0)
         return status;
+    if (!args.describe.empty()) {
+        RenderOptions ro;
+        ro.shaderPath = args.shaderPath;
+        try {
+            std::cout << describeShaders(args.describe, shaderSearchPath(SceneDesc(), ro));
+        } catch (const mirt::LoadError &e) {
+            std::cerr << "druxrender: --describe " << args.describe << ": " << e.what() << "\n";
+            return 2;
+        }
+        return 0;
+    }
     SceneDesc scene;
     if (!sceneFor(args, scene))
         return 2;

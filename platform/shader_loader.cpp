@@ -1,8 +1,10 @@
 #include "shader_loader.h"
 
 #include "runtime.h"
+#include "runtime_internal.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -24,7 +26,13 @@ const TypeInfo kTypes[] = {
     {miTYPE_SCALAR, "scalar", 4},    {miTYPE_INTEGER, "integer", 4},     {miTYPE_BOOLEAN, "boolean", 4},
     {miTYPE_COLOR, "color", 16},     {miTYPE_VECTOR, "vector", 12},      {miTYPE_TRANSFORM, "transform", 64},
     {miTYPE_STRING, "string", 4},    {miTYPE_SHADER, "shader", 4},
+    {miTYPE_COLOR_RAMP, "color ramp", 24}, {miTYPE_SCALAR_RAMP, "scalar ramp", 12},
 };
+
+bool isRamp(int type) { return type == miTYPE_COLOR_RAMP || type == miTYPE_SCALAR_RAMP; }
+
+/* The interpolation names of a ramp key, as in a texture's ramp (RAMP_NONE ...). */
+const char *const kInterpolations[] = {"none", "linear", "smooth", "spline"};
 
 const TypeInfo *typeInfo(int type)
 {
@@ -132,6 +140,9 @@ std::vector<ParamSlot> layout_params(const miShaderDecl &decl, size_t *block_siz
         if (p.array_max < 0 || p.array_max > 65536)
             throw LoadError("shader \"" + std::string(decl.name) + "\": parameter \"" + name +
                             "\" has an array size of " + std::to_string(p.array_max));
+        if (isRamp(p.type) && p.array_max == 0)
+            throw LoadError("shader \"" + std::string(decl.name) + "\": ramp parameter \"" + name +
+                            "\" needs its most keys as array_max (1 to 65536)");
         ParamSlot s;
         s.name = name;
         s.type = p.type;
@@ -162,6 +173,46 @@ const ParamSlot *LoadedShader::param(const std::string &n) const
     return nullptr;
 }
 
+std::string did_you_mean(const std::string &name, const std::vector<std::string> &known)
+{
+    /* Levenshtein distance, case-insensitive */
+    auto distance = [](const std::string &a, const std::string &b) {
+        std::vector<size_t> row(b.size() + 1);
+        for (size_t j = 0; j <= b.size(); ++j)
+            row[j] = j;
+        for (size_t i = 1; i <= a.size(); ++i) {
+            size_t diag = row[0];
+            row[0] = i;
+            for (size_t j = 1; j <= b.size(); ++j) {
+                const size_t up = row[j];
+                const bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
+                                  std::tolower(static_cast<unsigned char>(b[j - 1]));
+                row[j] = std::min({row[j] + 1, row[j - 1] + 1, diag + (same ? 0 : 1)});
+                diag = up;
+            }
+        }
+        return row[b.size()];
+    };
+    const size_t limit = std::max<size_t>(1, name.size() / 3);
+    size_t best = limit + 1;
+    std::vector<std::string> closest;
+    for (const std::string &k : known) {
+        const size_t d = distance(name, k);
+        if (d < best) {
+            best = d;
+            closest.clear();
+        }
+        if (d == best && std::find(closest.begin(), closest.end(), k) == closest.end())
+            closest.push_back(k);
+    }
+    if (closest.empty())
+        return std::string();
+    std::string out = "; did you mean ";
+    for (size_t k = 0; k < closest.size(); ++k)
+        out += (k == 0 ? "" : (k + 1 == closest.size() ? " or " : ", ")) + ("\"" + closest[k] + "\"");
+    return out + "?";
+}
+
 std::string renderer_library_dir()
 {
     Dl_info info;
@@ -172,11 +223,23 @@ std::string renderer_library_dir()
     return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
 }
 
+/* A shader of the checked table form, as a declaration of the positional
+   form plus the offsets and sizes the library's struct has. */
+struct CheckedShader {
+    miShaderDecl decl{};
+    std::vector<miParamDecl> params;
+    std::vector<size_t> offsets, sizes;
+    size_t structSize = 0;
+};
+
 struct ShaderLibraries::Impl {
     struct Library {
         std::string path;
         void *handle = nullptr;
         const miShaderLibrary *table = nullptr;
+        /* every declaration, positional first; checked[k] is null for a positional one */
+        std::vector<const miShaderDecl *> decls;
+        std::vector<std::shared_ptr<CheckedShader>> checked;
     };
     struct Instance {
         std::string name;
@@ -287,6 +350,32 @@ struct ShaderLibraries::Impl {
             std::memcpy(dst, &tag, 4);
             break;
         }
+        case miTYPE_COLOR_RAMP:
+        case miTYPE_SCALAR_RAMP: {
+            /* ramp POSITION R G B A INTERPOLATION, or ramp POSITION VALUE INTERPOLATION */
+            const bool colour = type == miTYPE_COLOR_RAMP;
+            const char *form = colour ? "ramp POSITION R G B A INTERPOLATION" : "ramp POSITION VALUE INTERPOLATION";
+            need(1);
+            if (t[i] != "ramp")
+                throw LoadError("wrong type: " + what + " is a " + param_type_name(type) + ", keys written " + form);
+            ++i;
+            const int values = colour ? 5 : 2;
+            for (int k = 0; k < values; ++k) {
+                const float v = num();
+                std::memcpy(dst + 4 * k, &v, 4);
+            }
+            need(1);
+            int kind = -1;
+            for (int k = 0; k < 4; ++k)
+                if (t[i] == kInterpolations[k])
+                    kind = k;
+            if (kind < 0)
+                throw LoadError("wrong type: " + what + ": \"" + t[i] +
+                                "\" is not an interpolation (none, linear, smooth or spline)");
+            ++i;
+            std::memcpy(dst + 4 * values, &kind, 4);
+            break;
+        }
         default:
             throw LoadError(what + ": unknown type");
         }
@@ -301,13 +390,35 @@ struct ShaderLibraries::Impl {
             value(what, p.type, t, i, dst, made);
             return;
         }
+        const size_t size = param_type_size(p.type);
+        int n = 0;
+        if (isRamp(p.type)) {
+            /* keys as long as a `ramp` word is followed by a number (a parameter
+               may itself be named ramp) */
+            float ignored;
+            auto key = [&] { return i + 1 < t.size() && t[i] == "ramp" && toFloat(t[i + 1], ignored); };
+            if (!key())
+                throw LoadError("wrong type: " + what + " is a " + param_type_name(p.type) + ", keys written " +
+                                (p.type == miTYPE_COLOR_RAMP ? "ramp POSITION R G B A INTERPOLATION"
+                                                             : "ramp POSITION VALUE INTERPOLATION") +
+                                ", repeated");
+            std::memset(dst, 0, p.size);
+            for (; key(); ++n) {
+                if (n >= p.array_max)
+                    throw LoadError(what + ": more than " + std::to_string(p.array_max) + " ramp keys");
+                value(what + " key " + std::to_string(n), p.type, t, i, dst + 8 + size * static_cast<size_t>(n),
+                      made);
+            }
+            const int first = 0;
+            std::memcpy(dst, &first, 4);
+            std::memcpy(dst + 4, &n, 4);
+            return;
+        }
         if (i >= t.size() || t[i] != "[")
             throw LoadError("wrong type: " + what + " is an array of " + param_type_name(p.type) +
                             ", written [ VALUE ... ]");
         ++i;
-        const size_t size = param_type_size(p.type);
         std::memset(dst, 0, p.size);
-        int n = 0;
         while (true) {
             if (i >= t.size())
                 throw LoadError(what + ": missing ] at the end of the array");
@@ -327,10 +438,98 @@ struct ShaderLibraries::Impl {
     }
 };
 
+namespace {
+
+/* Most rows a checked table may have (the end marker included). */
+constexpr int kMaxFields = 65536;
+
+/* Adds the checked shaders of `table` to `lib`; a problem's text, or empty. */
+std::string readChecked(const miShaderLibrary &table, ShaderLibraries::Impl::Library &lib)
+{
+    if (table.checked_count < 0 || (table.checked_count > 0 && !table.checked))
+        return "the checked declaration table is malformed";
+    for (int k = 0; k < table.checked_count; ++k) {
+        const miShaderDef &d = table.checked[k];
+        const std::string name = d.name ? d.name : "";
+        const std::string what = "the checked declaration " + std::to_string(k + 1) +
+                                 (name.empty() ? std::string() : " (\"" + name + "\")");
+        if (name.empty())
+            return what + " has no name";
+        if (!d.fields || d.field_count < 1 || d.field_count > kMaxFields)
+            return what + " has " + std::to_string(d.field_count) +
+                   " rows; declare it with DRUX_SHADER, whose rows end with DRUX_PARAM_END";
+        /* the count is the rows' array length (DRUX_SHADER takes it from sizeof):
+           its last row must be the end marker and no other row may be */
+        for (int r = 0; r < d.field_count; ++r) {
+            const bool end = d.fields[r].decl.name == nullptr;
+            if (end != (r == d.field_count - 1))
+                return what + (end ? ": row " + std::to_string(r + 1) + " has no name"
+                                   : ": the rows do not end with DRUX_PARAM_END");
+        }
+        auto c = std::make_shared<CheckedShader>();
+        for (int r = 0; r + 1 < d.field_count; ++r) {
+            c->params.push_back(d.fields[r].decl);
+            c->offsets.push_back(d.fields[r].offset);
+            c->sizes.push_back(d.fields[r].size);
+        }
+        c->structSize = d.block_size;
+        c->decl.name = d.name;
+        c->decl.result_type = d.result_type;
+        c->decl.version = d.version;
+        c->decl.params = c->params.empty() ? nullptr : c->params.data();
+        c->decl.param_count = static_cast<int>(c->params.size());
+        lib.decls.push_back(&c->decl);
+        lib.checked.push_back(c);
+    }
+    return std::string();
+}
+
+/* Compares the loader's layout of a checked shader with its struct's. */
+void checkLayout(const std::string &library, const CheckedShader &c, const std::vector<ParamSlot> &slots,
+                 size_t blockSize)
+{
+    const std::string where = "shader library \"" + library + "\": shader \"" + c.decl.name + "\": ";
+    for (size_t k = 0; k < slots.size(); ++k) {
+        if (slots[k].offset != c.offsets[k])
+            throw LoadError(where + "parameter \"" + slots[k].name + "\" is at byte " + std::to_string(slots[k].offset) +
+                            " of the block the table lays out, but at byte " + std::to_string(c.offsets[k]) +
+                            " of the struct: list the rows in the struct's member order, one per member");
+        if (slots[k].size != c.sizes[k])
+            throw LoadError(where + "parameter \"" + slots[k].name + "\" takes " + std::to_string(slots[k].size) +
+                            " bytes as a " + param_type_name(slots[k].type) + ", but its member takes " +
+                            std::to_string(c.sizes[k]) + ": give the row the member's type");
+    }
+    if (blockSize != c.structSize)
+        throw LoadError(where + "the table lays out " + std::to_string(blockSize) + " bytes, but the struct has " +
+                        std::to_string(c.structSize) + ": a member after \"" +
+                        (slots.empty() ? std::string("(none)") : slots.back().name) + "\" has no row");
+}
+
+} // namespace
+
 ShaderLibraries::ShaderLibraries() : impl_(new Impl) {}
 ShaderLibraries::~ShaderLibraries() = default;
 
 size_t ShaderLibraries::library_count() const { return impl_->libs.size(); }
+
+std::vector<std::string> ShaderLibraries::library_paths() const
+{
+    std::vector<std::string> out;
+    for (const Impl::Library &l : impl_->libs)
+        out.push_back(l.path);
+    return out;
+}
+
+std::vector<std::string> ShaderLibraries::declared_shaders(const std::string &path) const
+{
+    std::vector<std::string> out;
+    for (const Impl::Library &l : impl_->libs)
+        if (l.path == path)
+            for (const miShaderDecl *d : l.decls)
+                if (d->name)
+                    out.push_back(d->name);
+    return out;
+}
 
 std::string ShaderLibraries::link(const std::string &fileIn, const std::vector<std::string> &folders)
 {
@@ -377,16 +576,35 @@ std::string ShaderLibraries::link(const std::string &fileIn, const std::vector<s
     std::string problem;
     if (!table_fn)
         problem = "symbol missing: " + std::string(miSHADER_LIBRARY_SYMBOL) + " (the library's shader declarations)";
-    else if (!table || table->abi != miSHADER_LIBRARY_ABI)
+    else if (!table || table->abi < 1 || table->abi > miSHADER_LIBRARY_ABI)
         problem = "version mismatch: the declaration table is of version " + std::to_string(table ? table->abi : 0) +
                   ", the renderer reads version " + std::to_string(miSHADER_LIBRARY_ABI);
     else if (table->shader_count < 0 || (table->shader_count > 0 && !table->shaders))
         problem = "the declaration table is malformed";
+    Impl::Library lib;
+    lib.path = path;
+    lib.handle = h;
+    lib.table = table;
+    if (problem.empty()) {
+        for (int k = 0; k < table->shader_count; ++k) {
+            lib.decls.push_back(&table->shaders[k]);
+            lib.checked.push_back(nullptr);
+        }
+        if (table->abi >= 2)
+            problem = readChecked(*table, lib);
+    }
     if (!problem.empty()) {
         dlclose(h);
         throw LoadError("shader library \"" + path + "\": " + problem);
     }
-    impl_->libs.push_back(Impl::Library{path, h, table});
+    bool unchecked = false;
+    for (int k = 0; k < table->shader_count; ++k)
+        unchecked = unchecked || table->shaders[k].param_count > 0;
+    if (unchecked)
+        log_message(Level::Info, "shader library \"" + path + "\" declares its parameters in the positional form: "
+                                 "their order against the shaders' structs is unchecked (declare them with "
+                                 "DRUX_PARAM rows, shader_library.h, to have it checked)");
+    impl_->libs.push_back(std::move(lib));
     return path;
 }
 
@@ -404,8 +622,8 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
     if (known != impl_->shaders.end())
         return *known->second;
     for (const Impl::Library &l : impl_->libs) {
-        for (int k = 0; k < l.table->shader_count; ++k) {
-            const miShaderDecl &d = l.table->shaders[k];
+        for (size_t k = 0; k < l.decls.size(); ++k) {
+            const miShaderDecl &d = *l.decls[k];
             if (!d.name || name != d.name)
                 continue;
             if (d.param_count < miPARAMS_BUILT_BY_HOST || (d.param_count > 0 && !d.params))
@@ -418,7 +636,9 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
             s->fn = reinterpret_cast<miShader_fn>(dlsym(l.handle, name.c_str()));
             if (!s->fn)
                 throw LoadError("symbol missing: shader \"" + name + "\" is declared by \"" + l.path +
-                                "\" but the library has no function " + name);
+                                "\" but the library exports no function " + name +
+                                "; define it as DRUX_SHADER_EXPORT miBoolean " + name +
+                                "(...) (extern \"C\" and visible, so that it keeps its name)");
             s->init = reinterpret_cast<InitFn>(dlsym(l.handle, (name + "_init").c_str()));
             s->exit = reinterpret_cast<ExitFn>(dlsym(l.handle, (name + "_exit").c_str()));
             if (auto version = reinterpret_cast<VersionFn>(dlsym(l.handle, (name + "_version").c_str()))) {
@@ -431,6 +651,9 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
                 throw LoadError("shader \"" + name + "\" declares an unknown result type " +
                                 std::to_string(d.result_type));
             s->params = layout_params(d, &s->block_size);
+            s->checked = l.checked[k] != nullptr;
+            if (l.checked[k])
+                checkLayout(l.path, *l.checked[k], s->params, s->block_size);
             /* check the defaults now, so that a bad table is reported once, at the shader */
             std::vector<char> scratch(s->block_size + 4);
             std::vector<miTag> made;
@@ -458,8 +681,13 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
     std::string linked;
     for (const Impl::Library &l : impl_->libs)
         linked += (linked.empty() ? "" : ", ") + l.path;
+    std::vector<std::string> declared;
+    for (const Impl::Library &l : impl_->libs)
+        for (const miShaderDecl *d : l.decls)
+            if (d->name)
+                declared.push_back(d->name);
     throw LoadError("unknown shader \"" + name + "\": no linked library declares it (linked: " +
-                    (linked.empty() ? std::string("none") : linked) + ")");
+                    (linked.empty() ? std::string("none") : linked) + ")" + did_you_mean(name, declared));
 }
 
 miTag ShaderLibraries::instantiate(const std::string &instance, const std::string &function,
@@ -486,8 +714,13 @@ miTag ShaderLibraries::instantiate(const std::string &instance, const std::strin
         for (size_t i = 0; i < t.size();) {
             const std::string name = t[i++];
             const ParamSlot *p = s.param(name);
-            if (!p)
-                throw LoadError("unknown parameter \"" + name + "\" of shader \"" + function + "\"");
+            if (!p) {
+                std::vector<std::string> known;
+                for (const ParamSlot &q : s.params)
+                    known.push_back(q.name);
+                throw LoadError("unknown parameter \"" + name + "\" of shader \"" + function + "\"" +
+                                did_you_mean(name, known));
+            }
             if (!given.insert(name).second)
                 throw LoadError("parameter \"" + name + "\" is given twice");
             const std::string what = "parameter \"" + name + "\"";

@@ -60,8 +60,14 @@ struct LoadedShader {
     ExitFn exit = nullptr;
     std::vector<ParamSlot> params;
     size_t block_size = 0;
+    bool checked = false;           /* declared in the checked form: layout compared with the struct */
     const ParamSlot *param(const std::string &name) const;
 };
+
+/* "; did you mean \"A\"?" (or "A\" or \"B") naming the names of `known`
+   closest to `name` in edit distance (at most a third of its letters, and
+   at least one); empty when none is that close. */
+MI_API std::string did_you_mean(const std::string &name, const std::vector<std::string> &known);
 
 /* The folder holding the renderer layer's own shared object (an install's
    lib/); empty when unknown. */
@@ -108,8 +114,14 @@ public:
 
     size_t library_count() const;
 
-private:
+    /* The paths of the linked libraries, in link order, and the names of the
+       shaders a linked library declares, in table order. */
+    std::vector<std::string> library_paths() const;
+    std::vector<std::string> declared_shaders(const std::string &path) const;
+
     struct Impl;
+
+private:
     std::unique_ptr<Impl> impl_;
 };
 

@@ -16,12 +16,10 @@
 
 namespace {
 
-/* The ramp is declared as separate parameters laid out as the library's
-   ramp array: first index (0), key count, then per key a position, a
-   colour and an interpolation (RAMP_LINEAR ...), which is the layout of
-   RampColorEntry.  ramp_constructor reads it from &p->ramp_first. */
-constexpr int kRampKeys = 4;
-
+/* The reflection's ramp is one parameter of up to four keys: a first index
+   (0), a key count, then per key a position, a colour and an interpolation
+   (RampColorEntry), the layout ramp_constructor reads from &p->ramp.  A
+   scene writes its keys as `ramp POSITION R G B A INTERPOLATION`. */
 struct GlossyParams {
     miColor diffuse; /* connect a texture: diffuse = grain */
     miScalar kd;
@@ -32,40 +30,26 @@ struct GlossyParams {
     miScalar gloss; /* 0 mirror .. 1 very blurred */
     int gloss_limit;
     int rays;
-    int ramp_first;
-    int ramp_count;
-    RampColorEntry ramp[kRampKeys];
+    DRUX_COLOR_RAMP(4) ramp;
     miTag pass; /* name of the custom pass */
 };
 
-static_assert(offsetof(GlossyParams, ramp) == offsetof(GlossyParams, ramp_first) + 8,
-              "ramp keys follow the first index and the count");
-
-const miParamDecl kGlossyParams[] = {
-    {"diffuse", miTYPE_COLOR, 0, "0.6 0.6 0.6"},
-    {"kd", miTYPE_SCALAR, 0, "0.8"},
-    {"specular", miTYPE_COLOR, 0, "0.5 0.5 0.5"},
-    {"exponent", miTYPE_SCALAR, 0, "60"},
-    {"reflectivity", miTYPE_SCALAR, 0, "0.6"},
-    {"reflection_limit", miTYPE_INTEGER, 0, "2"},
-    {"gloss", miTYPE_SCALAR, 0, "0.1"},
-    {"gloss_limit", miTYPE_INTEGER, 0, "1"},
-    {"rays", miTYPE_INTEGER, 0, "8"},
-    {"ramp_first", miTYPE_INTEGER, 0, "0"},
-    {"ramp_count", miTYPE_INTEGER, 0, "3"},
-    {"key0_position", miTYPE_SCALAR, 0, "0"},
-    {"key0_color", miTYPE_COLOR, 0, "0.05 0.05 0.06"},
-    {"key0_interpolation", miTYPE_INTEGER, 0, "2"},
-    {"key1_position", miTYPE_SCALAR, 0, "0.6"},
-    {"key1_color", miTYPE_COLOR, 0, "0.2 0.22 0.25"},
-    {"key1_interpolation", miTYPE_INTEGER, 0, "2"},
-    {"key2_position", miTYPE_SCALAR, 0, "1"},
-    {"key2_color", miTYPE_COLOR, 0, "0.9 0.9 0.95"},
-    {"key2_interpolation", miTYPE_INTEGER, 0, "2"},
-    {"key3_position", miTYPE_SCALAR, 0, "1"},
-    {"key3_color", miTYPE_COLOR, 0, "1 1 1"},
-    {"key3_interpolation", miTYPE_INTEGER, 0, "2"},
-    {"pass", miTYPE_STRING, 0, "ramp_position"},
+/* Checked rows: the loader compares each row's offset and size with its
+   layout of the block, so a row out of order or left out is refused. */
+const miParamField kGlossyFields[] = {
+    DRUX_PARAM(GlossyParams, diffuse, miTYPE_COLOR, "0.6 0.6 0.6"),
+    DRUX_PARAM(GlossyParams, kd, miTYPE_SCALAR, "0.8"),
+    DRUX_PARAM(GlossyParams, specular, miTYPE_COLOR, "0.5 0.5 0.5"),
+    DRUX_PARAM(GlossyParams, exponent, miTYPE_SCALAR, "60"),
+    DRUX_PARAM(GlossyParams, reflectivity, miTYPE_SCALAR, "0.6"),
+    DRUX_PARAM(GlossyParams, reflection_limit, miTYPE_INTEGER, "2"),
+    DRUX_PARAM(GlossyParams, gloss, miTYPE_SCALAR, "0.1"),
+    DRUX_PARAM(GlossyParams, gloss_limit, miTYPE_INTEGER, "1"),
+    DRUX_PARAM(GlossyParams, rays, miTYPE_INTEGER, "8"),
+    DRUX_PARAM_RAMP(GlossyParams, ramp, miTYPE_COLOR_RAMP,
+                    "ramp 0 0.05 0.05 0.06 1 smooth ramp 0.6 0.2 0.22 0.25 1 smooth ramp 1 0.9 0.9 0.95 1 smooth"),
+    DRUX_PARAM(GlossyParams, pass, miTYPE_STRING, "ramp_position"),
+    DRUX_PARAM_END,
 };
 
 /* glossyGrain: two colours mixed by 3D value noise of the object's point */
@@ -74,20 +58,21 @@ struct GrainParams {
     miScalar frequency;
 };
 
-const miParamDecl kGrainParams[] = {
-    {"a", miTYPE_COLOR, 0, "0.75 0.55 0.35"},
-    {"b", miTYPE_COLOR, 0, "0.35 0.2 0.1"},
-    {"frequency", miTYPE_SCALAR, 0, "0.5"},
+const miParamField kGrainFields[] = {
+    DRUX_PARAM(GrainParams, a, miTYPE_COLOR, "0.75 0.55 0.35"),
+    DRUX_PARAM(GrainParams, b, miTYPE_COLOR, "0.35 0.2 0.1"),
+    DRUX_PARAM(GrainParams, frequency, miTYPE_SCALAR, "0.5"),
+    DRUX_PARAM_END,
 };
 
-const miShaderDecl kShaders[] = {
-    {"glossyRamp", miTYPE_COLOR, 1, kGlossyParams, sizeof kGlossyParams / sizeof kGlossyParams[0]},
-    {"glossyGrain", miTYPE_COLOR, 1, kGrainParams, sizeof kGrainParams / sizeof kGrainParams[0]},
+const miShaderDef kShaders[] = {
+    DRUX_SHADER("glossyRamp", miTYPE_COLOR, 1, GlossyParams, kGlossyFields),
+    DRUX_SHADER("glossyGrain", miTYPE_COLOR, 1, GrainParams, kGrainFields),
 };
 
 } // namespace
 
-DRUX_SHADER_LIBRARY(kShaders)
+DRUX_SHADER_LIBRARY_CHECKED(kShaders)
 
 DRUX_SHADER_EXPORT int glossyRamp_version(void) { return 1; }
 DRUX_SHADER_EXPORT int glossyGrain_version(void) { return 1; }
@@ -135,7 +120,7 @@ DRUX_SHADER_EXPORT miBoolean glossyRamp(miColor *result, miState *state, GlossyP
     /* the reflection's colour from the ramp at 1 - |cos| of the view angle */
     const float along = 1.0f - std::fabs(state->dot_nd);
     Ramp ramp;
-    ramp_constructor(&ramp, state, &p->ramp_first, 1);
+    ramp_constructor(&ramp, state, &p->ramp, 1);
     miColor tint = {0, 0, 0, 1};
     ramp_get_interp_color(&ramp, &tint, along);
     ramp_destructor(&ramp);

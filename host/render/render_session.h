@@ -139,6 +139,7 @@ private:
     };
 
     void linkShaders();
+    std::string shaderOrigin(const std::string &name);
     void setOptions();
     void setCamera();
     void setFrameBuffers();

@@ -94,6 +94,17 @@ static BaseShaderState baseState(const OptionsDesc &o)
 }
 
 
+/* "FUNCTION of LIBRARY" of a scene shader instance or shader, for the trace. */
+std::string RenderSession::shaderOrigin(const std::string &name)
+{
+    std::string function = name;
+    for (const ShaderDesc &d : s_.shaders)
+        if (d.name == name)
+            function = d.function;
+    const std::string &lib = libs_.shader(function).library;
+    return function + " of " + lib.substr(lib.rfind('/') + 1);
+}
+
 void RenderSession::linkShaders()
 {
     const std::vector<std::string> folders = shaderSearchPath(s_, ro_);
@@ -129,10 +140,17 @@ void RenderSession::linkShaders()
         }
         for (const ShaderDesc &d : s_.shaders) {
             line = d.line;
-            libs_.instantiate(d.name, d.function, d.values, items_.tags);
+            const miTag fn = libs_.instantiate(d.name, d.function, d.values, items_.tags);
+            /* every scene shader instance, so that connected ones show too */
+            if (tracer_)
+                tracer_->watch(fn, "shader:" + d.name + " (" + shaderOrigin(d.function) + ")");
         }
     } catch (const mirt::LoadError &e) {
-        throw SceneError(line, e.what());
+        const std::string what = e.what();
+        /* a library not found by name: say how to add a folder to the search */
+        if (what.find("\" not found; searched: ") != std::string::npos)
+            throw SceneError(line, what + "; add its folder with --shader-path or DRUX_SHADER_PATH");
+        throw SceneError(line, what);
     }
 }
 
@@ -216,7 +234,7 @@ void RenderSession::makeMaterials(const std::map<std::string, miTag> &textureFn)
         if (!m.shader.empty()) {
             fn = libs_.instance(m.shader);
             if (tracer_)
-                tracer_->watch(fn, "material:" + m.name + " (" + m.shader + ")");
+                tracer_->watch(fn, "material:" + m.name + " (" + m.shader + ": " + shaderOrigin(m.shader) + ")");
         } else {
             scatterLists_.emplace_back(new ScatterCache *(nullptr));
             const MaterialParams mp = materialParams(m, scatterLists_.back().get());

@@ -100,8 +100,13 @@ void ShaderTracer::watch(miTag fn, const std::string &label)
     if (!f || !f->fn || active->used >= kSlots)
         return;
     for (int k = 0; k < active->used; ++k)
-        if (f->fn == kTrampolines[size_t(k)])
-            return; /* watched already (an instance used twice) */
+        if (f->fn == kTrampolines[size_t(k)]) {
+            /* watched already (an instance used twice, or a scene shader
+               instance that a material then names): the later, more
+               specific label */
+            active->slots[k].label = label;
+            return;
+        }
     Slot &s = active->slots[active->used];
     s.fn = f->fn;
     s.label = label;

@@ -25,7 +25,8 @@ public:
     ShaderTracer &operator=(const ShaderTracer &) = delete;
 
     /* Records calls of the shader record `fn` under `label` (up to 256
-       shaders; more are called untraced). */
+       shaders; more are called untraced); a record watched already takes
+       the new label. */
     void watch(miTag fn, const std::string &label);
     /* Records the library calls the shaders of a library report through
        its hook (null: that library reports none). */
