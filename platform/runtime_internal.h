@@ -281,6 +281,18 @@ namespace rt {
 /* Log an error message (printf format). */
 void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
+/* ---- symbols of a shared object's file (elf_symbols.cpp) */
+
+/* A function symbol whose name is one of the wanted names, or a C++ name
+   made from it (_Z<length><name>...). */
+struct FileSymbol {
+    std::string wanted; /* the name asked for */
+    std::string name;   /* as the file has it */
+    bool mangled = false;
+    bool exported = false; /* in the dynamic table with default visibility */
+};
+std::vector<FileSymbol> file_symbols(const std::string &path, const std::vector<std::string> &names);
+
 /* ---- database */
 
 struct Item {

@@ -17,6 +17,21 @@ namespace mirt {
 
 namespace {
 
+/* Why the library's file has a function `name` that the dynamic linker
+   does not find: " (the library has it as the C++ function X)" or " (the
+   library has it, but hidden)"; "" when the file has no such function. */
+std::string unexportedNote(const std::string &path, const std::string &name)
+{
+    for (const rt::FileSymbol &f : rt::file_symbols(path, {name})) {
+        if (f.mangled)
+            return " (the library has it as the C++ function " + f.name + ", whose name is mangled: declare it "
+                   "extern \"C\")";
+        if (!f.exported)
+            return " (the library has it, but hidden: it is not exported)";
+    }
+    return "";
+}
+
 struct TypeInfo {
     int type;
     const char *name;
@@ -636,11 +651,20 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
             s->fn = reinterpret_cast<miShader_fn>(dlsym(l.handle, name.c_str()));
             if (!s->fn)
                 throw LoadError("symbol missing: shader \"" + name + "\" is declared by \"" + l.path +
-                                "\" but the library exports no function " + name +
+                                "\" but the library exports no function " + name + unexportedNote(l.path, name) +
                                 "; define it as DRUX_SHADER_EXPORT miBoolean " + name +
                                 "(...) (extern \"C\" and visible, so that it keeps its name)");
             s->init = reinterpret_cast<InitFn>(dlsym(l.handle, (name + "_init").c_str()));
             s->exit = reinterpret_cast<ExitFn>(dlsym(l.handle, (name + "_exit").c_str()));
+            for (const char *part : {"_init", "_exit"}) {
+                if ((part[1] == 'i' ? reinterpret_cast<void *>(s->init) : reinterpret_cast<void *>(s->exit)))
+                    continue;
+                const std::string note = unexportedNote(l.path, name + part);
+                if (!note.empty())
+                    throw LoadError("shader \"" + name + "\" of \"" + l.path + "\": " + name + part + note +
+                                    ", so the renderer would never call it; define it as DRUX_SHADER_EXPORT void " +
+                                    name + part + "(...)");
+            }
             if (auto version = reinterpret_cast<VersionFn>(dlsym(l.handle, (name + "_version").c_str()))) {
                 const int v = version();
                 if (v != d.version)

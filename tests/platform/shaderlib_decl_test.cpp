@@ -209,6 +209,16 @@ TEST(ShaderDeclarations, MessagesSayWhatToDo)
                   "); did you mean \"countedA\" or \"countedB\"?");
     EXPECT_EQ(errorOf([&] { libs.shader("zzzzzzzz"); }),
               "unknown shader \"zzzzzzzz\": no linked library declares it (linked: " + path + ")");
+    EXPECT_EQ(errorOf([&] { libs.shader("mangledShader"); }),
+              "symbol missing: shader \"mangledShader\" is declared by \"" + path +
+                  "\" but the library exports no function mangledShader (the library has it as the C++ function "
+                  "_Z13mangledShaderP7miColorP7miStatePv, whose name is mangled: declare it extern \"C\"); define it "
+                  "as DRUX_SHADER_EXPORT miBoolean mangledShader(...) (extern \"C\" and visible, so that it keeps its "
+                  "name)");
+    EXPECT_EQ(errorOf([&] { libs.shader("hiddenInit"); }),
+              "shader \"hiddenInit\" of \"" + path +
+                  "\": hiddenInit_init (the library has it, but hidden: it is not exported), so the renderer would "
+                  "never call it; define it as DRUX_SHADER_EXPORT void hiddenInit_init(...)");
     Made made;
     EXPECT_EQ(errorOf([&] { libs.instantiate("x", "tint", {"Gian", "1"}, made.tags); }),
               "unknown parameter \"Gian\" of shader \"tint\"; did you mean \"gain\"?");

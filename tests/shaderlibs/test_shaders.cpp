@@ -69,6 +69,8 @@ const miShaderDecl kShaders[] = {
     {"missingShader", miTYPE_COLOR, 1, nullptr, 0},
     {"hostBuilt", miTYPE_COLOR, 1, nullptr, miPARAMS_BUILT_BY_HOST},
     {"badTable", miTYPE_COLOR, 1, nullptr, 3},
+    {"mangledShader", miTYPE_COLOR, 1, nullptr, 0},
+    {"hiddenInit", miTYPE_COLOR, 1, nullptr, 0},
 };
 
 std::string events;
@@ -154,3 +156,8 @@ DRUX_SHADER_EXPORT int newerShader_version(void) { return 1; }
 /* missingShader is declared but has no function */
 DRUX_SHADER_EXPORT miBoolean hostBuilt(miColor *, miState *, void *) { return miTRUE; }
 DRUX_SHADER_EXPORT miBoolean badTable(miColor *, miState *, void *) { return miTRUE; }
+/* mangledShader is visible but has a C++ name; hiddenInit's init is not
+   exported: the loader names both mistakes. */
+__attribute__((visibility("default"))) miBoolean mangledShader(miColor *, miState *, void *) { return miTRUE; }
+DRUX_SHADER_EXPORT miBoolean hiddenInit(miColor *, miState *, void *) { return miTRUE; }
+extern "C" __attribute__((visibility("hidden"), used)) void hiddenInit_init(miState *, void *, miBoolean *) {}
