@@ -20,7 +20,12 @@ TEST_F(HostRender, AdditivePassesSumToBeautyAndBeautyIsTheShadedColour)
         SCOPED_TRACE(glassGathers ? "glass with final gathering" : "glass without final gathering");
         SceneDesc s = testScene();
         ASSERT_EQ(s.materials[2].name, "glass");
-        s.materials[2].indirect = glassGathers;
+        if (glassGathers) { /* a strong tint, and diffuse enough for its indirect light to count */
+            s.materials[2].indirect = true;
+            s.materials[2].transparency = {0.3f, 0.6f, 0.9f, 1};
+            s.materials[2].diffuse = {0.8f, 0.8f, 0.8f, 1};
+            s.materials[2].kd = 1.0f;
+        }
         const RenderResult r = renderWith(s, 2);
         const Image *beauty = r.pass("beauty");
         ASSERT_NE(beauty, nullptr);
