@@ -70,7 +70,7 @@ TEST(Cryptomatte, IdsAreNeverZeroSubnormalInfiniteOrNan)
 
 TEST(Cryptomatte, PixelRanksByCoverageAndHeaderDescribesTheMatte)
 {
-    CryptoMatte m = makeCryptoMatte("CryptoObject", {"a", "b", "c", "d", "e", "f", "g", "quote\"d"}, 2, 1);
+    CryptoMatte m = makeCryptoMatte("CryptoObject", {"a", "b", "c", "d", "e", "f", "g", "quote\"d", "back\\slash"}, 2, 1);
     CryptoPixel px(16);
     /* 16 samples: g 5, a 4, c 3, b 2, miss 1, d 1 */
     const int order[] = {6, 6, 6, 6, 6, 0, 0, 0, 0, 2, 2, 2, 1, 1, -1, 3};
@@ -98,7 +98,24 @@ TEST(Cryptomatte, PixelRanksByCoverageAndHeaderDescribesTheMatte)
     const std::string manifest = m.manifest();
     EXPECT_EQ(manifest.substr(0, 16), "{\"a\":\"" + cryptoHex(cryptoId("a")) + "\",");
     EXPECT_NE(manifest.find(",\"quote\\\"d\":\""), std::string::npos) << manifest;
+    EXPECT_NE(manifest.find(",\"back\\\\slash\":\""), std::string::npos) << manifest;
     EXPECT_EQ(manifest.back(), '}');
+}
+
+/* Names of equal coverage rank by name index, lowest first, whatever order
+   the samples came in; a larger coverage still goes ahead of them. */
+TEST(Cryptomatte, CoverageTiesRankByNameIndex)
+{
+    CryptoMatte m = makeCryptoMatte("CryptoObject", {"a", "b", "c", "d", "e"}, 1, 1);
+    CryptoPixel px(8);
+    for (int n : {4, 2, 0, 3, 1, 3})
+        px.add(n, 1.0f);
+    px.write(m, 0, 0);
+    const int ranked[6] = {3, 0, 1, 2, 4, -1}; /* d twice, then the ties a, b, c, e */
+    for (int k = 0; k < 6; ++k) {
+        const miColor c = m.layers[size_t(k / 2)].at(0, 0);
+        EXPECT_EQ(bitsOf(k % 2 ? c.b : c.r), ranked[k] < 0 ? 0u : bitsOf(m.ids[size_t(ranked[k])])) << k;
+    }
 }
 
 /* Large planes under a camera looking straight down from z = 10: "left"
@@ -325,6 +342,27 @@ TEST(ObjModels, QuadsAndPolygonsAreTriangulatedWithTheirAttributes)
     EXPECT_EQ(buildMesh(m).tris, m.tris);
 }
 
+/* A relative index counts back from its line: -N with N elements so far is
+   exactly the first one and is accepted, for vertices, texture coordinates
+   and normals alike; one further back is refused (see the bad files). */
+TEST(ObjModels, RelativeIndicesReachExactlyTheFirstElement)
+{
+    MeshDesc m;
+    parseObj("v 0 0 0\nv 1 0 0\nv 0 1 0\nvt 0.5 0.25\nvn 0 0 1\nf -3/-1/-1 -2/-1/-1 -1/-1/-1\n", "rel.obj", m);
+    ASSERT_EQ(m.tris.size(), 1u);
+    ASSERT_EQ(m.P.size(), 3u);
+    EXPECT_EQ(m.P[size_t(m.tris[0][0])].x, 0.0f); /* -3 of three: the first vertex */
+    EXPECT_EQ(m.P[size_t(m.tris[0][0])].y, 0.0f);
+    EXPECT_EQ(m.P[size_t(m.tris[0][1])].x, 1.0f);
+    EXPECT_EQ(m.P[size_t(m.tris[0][2])].y, 1.0f);
+    ASSERT_TRUE(m.uv.size() == 3u && m.N.size() == 3u);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(m.uv[i].x, 0.5f);
+        EXPECT_EQ(m.uv[i].y, 0.25f);
+        EXPECT_EQ(m.N[i].z, 1.0f);
+    }
+}
+
 TEST(ObjModels, BadFilesAreReportedWithPathAndLine)
 {
     struct Case {
@@ -336,6 +374,11 @@ TEST(ObjModels, BadFilesAreReportedWithPathAndLine)
         {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 9\n", 4, "vertex index 9 out of range (3 in the file)"},
         {"v 0 0 0\nv 1 0 0\nv 0 1 0\n\nf 1 2 0\n", 5, "index 0"},
         {"v 0 0 0\nf -2 -1 1\nv 1 0 0\n", 2, "reaches before the first vertex"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf -4 -2 -1\n", 4, "vertex index -4 reaches before the first vertex (3 so far)"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nvt 0 0\nf 1/-1 2/-2 3/-1\n", 5,
+         "texture coordinate index -2 reaches before the first texture coordinate (1 so far)"},
+        {"v 0 0 0\nv 1 0 0\nv 0 1 0\nvn 0 0 1\nvn 0 0 1\nf 1//-3 2//-1 3//-2\n", 6,
+         "normal index -3 reaches before the first normal (2 so far)"},
         {"v 0 0 0\nv 1 0 0\nv 0 1 0\nvn 0 0 1\nf 1//1 2//2 3//1\n", 5, "normal index 2 out of range"},
         {"v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1/1 2/1 3/1\n", 4, "texture coordinate index 1 out of range"},
         {"v 0 0 0\nv 1 zero 0\nv 0 1 0\nf 1 2 3\n", 2, "\"zero\" is not a finite number"},
@@ -472,6 +515,36 @@ TEST(ContactSheet, OneLabelledTilePerPassAndMatte)
     const Image full = makeContactSheet(tiles).image;
     EXPECT_TRUE(w == full.width && h == full.height);
     EXPECT_EQ(std::system(("rm -rf " + dir).c_str()), 0);
+}
+
+/* A matte's tile shows the rank-0 id of each pixel in that id's colour,
+   weighted by rank 0's own coverage: a pixel the id fills alone is its full
+   colour, one where it holds 2 of 3 samples two thirds of it, an empty pixel
+   stays black. */
+TEST(ContactSheet, MatteTileIsTheFirstRankWeightedByItsCoverage)
+{
+    RenderImages r;
+    r.main = Image(3, 1);
+    r.mattes.push_back(makeCryptoMatte("CryptoObject", {"a", "b"}, 3, 1));
+    CryptoPixel px(3);
+    for (int n : {0, 0, 0})
+        px.add(n, 1.0f);
+    px.write(r.mattes[0], 0, 0);
+    px.clear();
+    for (int n : {0, 1, 0})
+        px.add(n, 1.0f);
+    px.write(r.mattes[0], 1, 0);
+    const std::vector<ContactTile> tiles = contactTiles(r);
+    ASSERT_EQ(tiles.size(), 2u); /* main and the matte */
+    ASSERT_EQ(tiles[1].label, "CryptoObject");
+    const Image &t = tiles[1].image;
+    const miColor full = t.at(0, 0), part = t.at(1, 0), none = t.at(2, 0);
+    EXPECT_GT(std::min({full.r, full.g, full.b}), 0.0f) << "a fully covered pixel is black";
+    EXPECT_EQ(full.a, 1.0f);
+    EXPECT_NEAR(part.r, full.r * 2 / 3, 1e-6f);
+    EXPECT_NEAR(part.g, full.g * 2 / 3, 1e-6f);
+    EXPECT_NEAR(part.b, full.b * 2 / 3, 1e-6f);
+    EXPECT_TRUE(none.r == 0 && none.g == 0 && none.b == 0 && none.a == 0);
 }
 
 TEST(ContactSheet, FontDrawsItsGlyphsInUpperCaseAndClipsThem)

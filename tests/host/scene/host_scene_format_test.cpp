@@ -180,7 +180,9 @@ TEST(HostSceneFormat, ErrorsNameTheLineAndTheProblem)
     expectError("resolution 8 6 7\n", 1, "unexpected \"7\"");
     expectError("mesh b box 1 1 1 smooth\n", 1, "\"smooth\" after a mesh: expected faceted");
     expectError("mesh b sphere 1 8 4 faceted 2\n", 1, "unexpected \"2\"");
-    expectError("samples 2\nsamples 3\n", 2, "given twice");
+    /* single-valued commands are refused the second time, even with the same value */
+    for (const std::string cmd : {"resolution 8 6", "samples 2"})
+        expectError(cmd + "\ncamera fov 30\n" + cmd + "\n", 3, "\"" + cmd.substr(0, cmd.find(' ')) + "\" given twice");
     /* bytes a terminal would interpret are shown escaped, never raw */
     expectError("samples f\x8f\x1b[2J\x7f\n", 1, "\"f\\x8f\\x1b[2J\\x7f\" is not a whole number");
     expectError("frob\xc3\xa9 1\n", 1, "unknown command \"frob\\xc3\\xa9\"");
