@@ -78,7 +78,9 @@ enum miParamType {
     miTYPE_STRING = 7,
     miTYPE_SHADER = 8,
     miTYPE_COLOR_RAMP = 9,     /* always an array (array_max keys); see above */
-    miTYPE_SCALAR_RAMP = 10
+    miTYPE_SCALAR_RAMP = 10,
+    miTYPE_PASS = 11           /* the name of one of the scene's passes (a string item; 0 when empty):
+                                  a scene that names a pass it does not declare is refused */
 };
 
 typedef struct miParamDecl {

@@ -42,6 +42,7 @@ const TypeInfo kTypes[] = {
     {miTYPE_COLOR, "color", 16},     {miTYPE_VECTOR, "vector", 12},      {miTYPE_TRANSFORM, "transform", 64},
     {miTYPE_STRING, "string", 4},    {miTYPE_SHADER, "shader", 4},
     {miTYPE_COLOR_RAMP, "color ramp", 24}, {miTYPE_SCALAR_RAMP, "scalar ramp", 12},
+    {miTYPE_PASS, "pass", 4},
 };
 
 bool isRamp(int type) { return type == miTYPE_COLOR_RAMP || type == miTYPE_SCALAR_RAMP; }
@@ -247,7 +248,29 @@ struct CheckedShader {
     size_t structSize = 0;
 };
 
+/* A pass parameter's value must name one of the scene's passes. */
+void checkPassName(const std::string &what, const ParamSlot &p, const char *block,
+                   const std::vector<std::string> &passes)
+{
+    miTag tag;
+    std::memcpy(&tag, block + p.offset, sizeof tag);
+    if (!tag)
+        return; /* empty: no pass */
+    const char *name = static_cast<const char *>(db_data(tag));
+    const std::string n = name ? name : "";
+    if (std::find(passes.begin(), passes.end(), n) != passes.end())
+        return;
+    std::string list;
+    for (const std::string &q : passes)
+        list += (list.empty() ? "" : ", ") + q;
+    throw LoadError(what + " names pass \"" + n + "\", which the scene does not declare (its passes: " +
+                    (list.empty() ? std::string("none") : list) + "): add a `pass " + n +
+                    " ROLE` line or name a declared pass" + did_you_mean(n, passes));
+}
+
 struct ShaderLibraries::Impl {
+    bool checkPasses = false;
+    std::vector<std::string> passNames;
     struct Library {
         std::string path;
         void *handle = nullptr;
@@ -348,7 +371,8 @@ struct ShaderLibraries::Impl {
             }
             break;
         }
-        case miTYPE_STRING: {
+        case miTYPE_STRING:
+        case miTYPE_PASS: {
             need(1);
             const std::string s = unquote(t[i++]);
             miTag tag = 0;
@@ -714,6 +738,12 @@ const LoadedShader &ShaderLibraries::shader(const std::string &name)
                     (linked.empty() ? std::string("none") : linked) + ")" + did_you_mean(name, declared));
 }
 
+void ShaderLibraries::set_pass_names(const std::vector<std::string> &names)
+{
+    impl_->checkPasses = true;
+    impl_->passNames = names;
+}
+
 miTag ShaderLibraries::instantiate(const std::string &instance, const std::string &function,
                                    const std::vector<std::string> &t, std::vector<miTag> &made)
 {
@@ -766,6 +796,8 @@ miTag ShaderLibraries::instantiate(const std::string &instance, const std::strin
                 continue;
             }
             impl_->fill(what, *p, t, i, block.data(), local);
+            if (p->type == miTYPE_PASS && impl_->checkPasses)
+                checkPassName(what, *p, block.data(), impl_->passNames);
         }
     } catch (...) {
         for (miTag m : local)

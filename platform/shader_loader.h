@@ -98,6 +98,9 @@ public:
        caller deletes when the render ends.  Returns the function's tag. */
     miTag instantiate(const std::string &instance, const std::string &function,
                       const std::vector<std::string> &values, std::vector<miTag> &made);
+    /* The scene's pass names: from now on a pass parameter (miTYPE_PASS)
+       that a scene sets to another name is refused by instantiate. */
+    void set_pass_names(const std::vector<std::string> &names);
     /* Adds an instance whose block was built elsewhere (make_function). */
     void add_instance(const std::string &instance, const LoadedShader &shader, miTag fn);
     /* The tag of a named instance; 0 when there is none. */

@@ -48,7 +48,7 @@ const miParamField kGlossyFields[] = {
     DRUX_PARAM(GlossyParams, rays, miTYPE_INTEGER, "8"),
     DRUX_PARAM_RAMP(GlossyParams, ramp, miTYPE_COLOR_RAMP,
                     "ramp 0 0.05 0.05 0.06 1 smooth ramp 0.6 0.2 0.22 0.25 1 smooth ramp 1 0.9 0.9 0.95 1 smooth"),
-    DRUX_PARAM(GlossyParams, pass, miTYPE_STRING, "ramp_position"),
+    DRUX_PARAM(GlossyParams, pass, miTYPE_PASS, "ramp_position"),
     DRUX_PARAM_END,
 };
 

@@ -41,7 +41,7 @@ const miParamDecl kToonParams[] = {
     {"exponent", miTYPE_SCALAR, 0, "40"},
     {"rim_color", miTYPE_COLOR, 0, "0.3 0.35 0.5"},
     {"rim_width", miTYPE_SCALAR, 0, "0.3"},
-    {"pass", miTYPE_STRING, 0, "toon_bands"},
+    {"pass", miTYPE_PASS, 0, "toon_bands"},
 };
 
 /* toonStripes: a texture of two colours in stripes along object-space x,

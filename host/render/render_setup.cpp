@@ -138,6 +138,10 @@ void RenderSession::linkShaders()
             auto hook = reinterpret_cast<CallTraceHookFn>(libs_.find_symbol(DRUXHOST_CALL_TRACE_SYMBOL));
             tracer_->hookCalls(hook ? hook() : nullptr);
         }
+        std::vector<std::string> passNames;
+        for (const PassDesc &p : s_.passes)
+            passNames.push_back(p.name);
+        libs_.set_pass_names(passNames);
         for (const ShaderDesc &d : s_.shaders) {
             line = d.line;
             const miTag fn = libs_.instantiate(d.name, d.function, d.values, items_.tags);

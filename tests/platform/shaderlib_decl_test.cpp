@@ -220,6 +220,14 @@ TEST(ShaderDeclarations, MessagesSayWhatToDo)
                   "\": hiddenInit_init (the library has it, but hidden: it is not exported), so the renderer would "
                   "never call it; define it as DRUX_SHADER_EXPORT void hiddenInit_init(...)");
     Made made;
+    // A pass parameter names one of the scene's passes, once they are known.
+    libs.instantiate("anyPass", "passUser", {"pass", "flake"}, made.tags);
+    libs.set_pass_names({"beauty", "flakes"});
+    EXPECT_EQ(errorOf([&] { libs.instantiate("p1", "passUser", {"pass", "flake"}, made.tags); }),
+              "parameter \"pass\" names pass \"flake\", which the scene does not declare (its passes: beauty, "
+              "flakes): add a `pass flake ROLE` line or name a declared pass; did you mean \"flakes\"?");
+    libs.instantiate("p2", "passUser", {"pass", "flakes"}, made.tags);
+    libs.instantiate("p3", "passUser", {}, made.tags);
     EXPECT_EQ(errorOf([&] { libs.instantiate("x", "tint", {"Gian", "1"}, made.tags); }),
               "unknown parameter \"Gian\" of shader \"tint\"; did you mean \"gain\"?");
 }

@@ -57,6 +57,7 @@ const miParamDecl kTint[] = {{"base", miTYPE_COLOR, 0, "0.5 0.5 0.5"}, {"gain", 
 
 const miParamDecl kCounted[] = {{"id", miTYPE_INTEGER, 0, "0"}};
 const miParamDecl kScalarOut[] = {{"value", miTYPE_SCALAR, 0, "0.25"}};
+const miParamDecl kPassUser[] = {{"pass", miTYPE_PASS, 0, nullptr}};
 
 const miShaderDecl kShaders[] = {
     {"allTypes", miTYPE_COLOR, 1, kAllTypes, 10},
@@ -71,6 +72,7 @@ const miShaderDecl kShaders[] = {
     {"badTable", miTYPE_COLOR, 1, nullptr, 3},
     {"mangledShader", miTYPE_COLOR, 1, nullptr, 0},
     {"hiddenInit", miTYPE_COLOR, 1, nullptr, 0},
+    {"passUser", miTYPE_COLOR, 1, kPassUser, 1},
 };
 
 std::string events;
@@ -160,4 +162,5 @@ DRUX_SHADER_EXPORT miBoolean badTable(miColor *, miState *, void *) { return miT
    exported: the loader names both mistakes. */
 __attribute__((visibility("default"))) miBoolean mangledShader(miColor *, miState *, void *) { return miTRUE; }
 DRUX_SHADER_EXPORT miBoolean hiddenInit(miColor *, miState *, void *) { return miTRUE; }
+DRUX_SHADER_EXPORT miBoolean passUser(miColor *, miState *, void *) { return miTRUE; }
 extern "C" __attribute__((visibility("hidden"), used)) void hiddenInit_init(miState *, void *, miBoolean *) {}
