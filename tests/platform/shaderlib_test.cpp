@@ -5,6 +5,7 @@
  */
 #include "runtime.h"
 #include "shader_loader.h"
+#include "loader_test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -14,34 +15,7 @@
 
 namespace {
 
-const std::string kDir = DRUX_TEST_SHADER_DIR;
-
-/* Tags made by a test, deleted at its end. */
-struct Made {
-    std::vector<miTag> tags;
-    ~Made()
-    {
-        for (miTag t : tags)
-            mirt::db_delete(t);
-    }
-};
-
-std::string errorOf(const std::function<void()> &f)
-{
-    try {
-        f();
-    } catch (const mirt::LoadError &e) {
-        return e.what();
-    }
-    return "(no error)";
-}
-
-template <class T> T at(const miFunction *f, size_t offset)
-{
-    T v;
-    std::memcpy(&v, static_cast<const char *>(f->params) + offset, sizeof v);
-    return v;
-}
+using namespace loadertest;
 
 TEST(ShaderLibraryLoader, LinksAlongTheSearchPathAndResolvesByName)
 {
