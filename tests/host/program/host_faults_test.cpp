@@ -415,6 +415,9 @@ TEST(HostFaults, ShaderLibrariesComeFromTrustedPlaces)
    gives the same image; with none, it stops with the reason. */
 TEST(HostFaults, ThreadsTheSystemCannotStart)
 {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizer runtimes start threads of their own and limit the render threads: the counts differ";
+#endif
     const std::string group = "/sys/fs/cgroup/pids/druxfaults-" + std::to_string(::getpid());
     if (::mkdir(group.c_str(), 0755) != 0)
         GTEST_SKIP() << "no pids control group here (" << std::strerror(errno) << ")";
