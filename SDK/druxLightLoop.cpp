@@ -356,30 +356,20 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
         perEntry != 0 && !overlapsWritten(mode, sizeof *mode, entries, n, perEntry) &&
         !(useScale && overlapsWritten(useScale, 1, entries, n, perEntry)) &&
         !(scale && overlapsWritten(scale, sizeof *scale, entries, n, perEntry));
-    if (invariant) {
-        const int m = *mode;
-        if (m == 0)
-            return;
-        const bool useS = useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u);
-        const float sc = useS ? *scale : 1.0f;
-        for (miUint i = 0; i < n; ++i) {
-            FrameBufferInfo &e = entries[i];
-            if (e.flags & FBINFO_NO_ACCUMULATE)
-                continue;
-            PassSlot &slot = e.slots[d];
-            if (slot.slotFlags & 1u)
-                continue;
-            miColor col = scaled(e.lightSum, w);
-            if (useS)
-                col = scaled(col, sc);
-            merge(slot.accum, col, m);
-        }
-        return;
-    }
+    int m = 0;
+    bool useS = false;
+    float sc = 1.0f;
     for (miUint i = 0; i < n; ++i) {
-        const int m = *mode;
-        if (m == 0)
+        if (i == 0 || !invariant) {
+            m = *mode;
+            useS = useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u);
+            sc = useS ? *scale : 1.0f;
+        }
+        if (m == 0) {
+            if (invariant)
+                return;
             continue;
+        }
         FrameBufferInfo &e = entries[i];
         if (e.flags & FBINFO_NO_ACCUMULATE)
             continue;
@@ -387,8 +377,8 @@ DRUX_API void sampleLightEnd(miState *state, miUint n, FrameBufferInfo *entries,
         if (slot.slotFlags & 1u)
             continue;
         miColor col = scaled(e.lightSum, w);
-        if (useScale && scale && (*reinterpret_cast<const unsigned char *>(useScale) & 1u))
-            col = scaled(col, *scale);
+        if (useS)
+            col = scaled(col, sc);
         merge(slot.accum, col, m);
     }
 }
