@@ -5,7 +5,9 @@
  *              [--resolution WxH] [--no-progress] [--progress] [--quiet]
  *              [--shader-path DIRS] [--restrict-links] [--image-stats FILE] [--version]
  *              [--print-default-scene] [--debug-pixel X,Y[,S]] [--describe LIB|SHADER]
- *              [--help]
+ *              [--tile I/N | --region X0,Y0,X1,Y1]
+ *              [--tiles N (--local [--jobs J] | --submit slurm [--partition P] [--time T] [--mem M])]
+ *              [--status DIR] [--resume DIR] [--help]
  *
  * Without --scene it renders the built-in default scene.  It writes
  * DIR/render.exr (every pass as a layer), a PNG preview per pass and the
@@ -25,11 +27,19 @@
  * into place together, so the output folder holds the whole earlier render
  * or the whole new one.
  *
- * SIGINT and SIGTERM stop the render threads at their next tile; nothing is
- * written, the output folder keeps its earlier files, and the exit status
- * is 128 + the signal.  A fatal error of the renderer in any thread ends the
- * process with its message and status 1.
+ * SIGINT and SIGTERM stop the render threads at their next tile; the
+ * output folder keeps its earlier files, the tiles finished so far are kept
+ * as DIR/partial/interrupted.exr, `--resume DIR` renders the rest, and the
+ * exit status is 128 + the signal.  A fatal error of the renderer in any
+ * thread ends the process with its message and status 1.
+ *
+ * Parts: --tile I/N and --region render a part of the image into a partial
+ * render (DIR/tile-I-of-N.exr, DIR/region-X0-Y0-X1-Y1.exr) that druxmerge
+ * assembles.  --tiles N runs N tile tasks, as local processes (--local) or
+ * as a Slurm array job with a merge job after it (--submit slurm), keeping
+ * the job in DIR/partial/ for --status and --resume (farm.h).
  */
+#include "farm.h"
 #include "image_stats.h"
 #include "render.h"
 #include "shader_describe.h"
@@ -48,8 +58,8 @@
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
-#include <vector>
 
 using namespace druxhost;
 
@@ -77,6 +87,15 @@ void usage(std::ostream &o)
          "                         shader calls it ran and its pass values (no files written)\n"
          "  --describe LIB|SHADER  list the shaders of a shader library (libNAME.so or a path), or one\n"
          "                         shader, with their parameters, types, defaults and versions\n"
+         "parts and farms:\n"
+         "  --tile I/N             render band I (1..N) of N into the partial render DIR/tile-I-of-N.exr\n"
+         "  --region X0,Y0,X1,Y1   render pixels X0 <= x < X1, Y0 <= y < Y1 into DIR/region-X0-Y0-X1-Y1.exr\n"
+         "  --tiles N              render as N tile tasks and merge them into DIR, with one of:\n"
+         "    --local [--jobs J]   as processes on this machine, J at once (default: one per thread)\n"
+         "    --submit slurm       as a Slurm array job and a merge job after it (sbatch); prints the ids\n"
+         "      [--partition P] [--time T] [--mem M]   passed on to sbatch\n"
+         "  --status DIR           the tiles of DIR's render: done, queued or running, failed\n"
+         "  --resume DIR           render what DIR's interrupted or tiled render is missing and merge\n"
          "  --help                 this text\n";
 }
 
@@ -249,6 +268,12 @@ struct Args {
     int debugPx[3] = {-1, -1, 0};
     std::string describe; /* --describe LIB|SHADER */
     bool progress = isatty(STDERR_FILENO) != 0, quiet = false;
+    int tileIndex = 0, tileCount = 0; /* --tile I/N */
+    Region region;                    /* --region */
+    int tiles = 0, jobs = 0;          /* --tiles N, --jobs J */
+    bool local = false;
+    std::string submit, partition, time, mem, statusDir, resumeDir;
+    bool partial() const { return tileCount > 0 || !region.empty(); }
     std::string sceneName() const { return scenePath.empty() ? std::string("built-in scene") : scenePath; }
 };
 
@@ -324,6 +349,47 @@ int parseArgs(int argc, char **argv, Args &args)
             }
         } else if (a == "--describe") {
             args.describe = value("a shader library or shader name");
+        } else if (a == "--tile") {
+            const std::string t = value("I/N");
+            const size_t slash = t.find('/');
+            if (slash == std::string::npos || !parseInt(t.substr(0, slash).c_str(), args.tileIndex) ||
+                !parseInt(t.substr(slash + 1).c_str(), args.tileCount) || args.tileIndex > args.tileCount) {
+                std::cerr << "druxrender: --tile needs I/N with 1 <= I <= N, e.g. 2/4\n";
+                return 2;
+            }
+        } else if (a == "--region") {
+            Region &r = args.region;
+            int used = 0;
+            const std::string t = value("X0,Y0,X1,Y1");
+            if (std::sscanf(t.c_str(), "%d,%d,%d,%d%n", &r.x0, &r.y0, &r.x1, &r.y1, &used) != 4 ||
+                used != static_cast<int>(t.size()) || r.x0 < 0 || r.y0 < 0 || r.empty()) {
+                std::cerr << "druxrender: --region needs X0,Y0,X1,Y1 with 0 <= X0 < X1 and 0 <= Y0 < Y1 "
+                             "(ends exclusive)\n";
+                return 2;
+            }
+        } else if (a == "--tiles" || a == "--jobs") {
+            if (!parseInt(value("a number"), a == "--tiles" ? args.tiles : args.jobs)) {
+                std::cerr << "druxrender: " << a << " needs a positive number\n";
+                return 2;
+            }
+        } else if (a == "--local") {
+            args.local = true;
+        } else if (a == "--submit") {
+            args.submit = value("a scheduler (slurm)");
+            if (args.submit != "slurm") {
+                std::cerr << "druxrender: --submit knows only slurm\n";
+                return 2;
+            }
+        } else if (a == "--partition") {
+            args.partition = value("a partition");
+        } else if (a == "--time") {
+            args.time = value("a time limit");
+        } else if (a == "--mem") {
+            args.mem = value("a memory size");
+        } else if (a == "--status") {
+            args.statusDir = value("a directory");
+        } else if (a == "--resume") {
+            args.resumeDir = value("a directory");
         } else if (a == "--help" || a == "-h") {
             usage(std::cout);
             return 0;
@@ -389,24 +455,6 @@ bool outputsWritable(const Args &args, const SceneDesc &scene)
     return true;
 }
 
-/* Written under a temporary name in the file's folder and moved into
-   place: an earlier statistics file stays whole when writing fails. */
-void writeStatsFile(const RenderResult &result, const std::string &path)
-{
-    const std::string text = formatStats(imageStats(result));
-    const size_t slash = path.rfind('/');
-    StagedFiles staged(slash == std::string::npos ? std::string(".") : path.substr(0, slash));
-    const std::string temp = staged.stage(path.substr(slash == std::string::npos ? 0 : slash + 1));
-    FILE *f = std::fopen(temp.c_str(), "w");
-    if (!f)
-        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
-    const bool wrote = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-    closeWrittenFile(f, temp);
-    if (!wrote)
-        throw std::runtime_error("cannot write " + path);
-    staged.commit();
-}
-
 void printSummary(const RenderStats &st, const WrittenOutputs &written)
 {
     std::printf("render summary\n");
@@ -426,10 +474,40 @@ void printSummary(const RenderStats &st, const WrittenOutputs &written)
                 written.files.size(), written.dir.c_str());
 }
 
-/* Renders, writes the images (and the statistics); the exit status. */
-int renderAndWrite(const Args &args, const SceneDesc &scene)
+/* An absolute path for a job file: tile tasks and resumes may run
+   elsewhere. */
+std::string absolute(const std::string &path)
 {
-    mirt::set_echo_messages(true);
+    if (path.empty() || path[0] == '/')
+        return path;
+    char buf[4096];
+    if (!::getcwd(buf, sizeof buf))
+        return path;
+    return std::string(buf) + "/" + path;
+}
+
+/* The options that make the image, for the tile tasks and a resume. */
+std::vector<std::string> imageArgs(const Args &args)
+{
+    std::vector<std::string> out;
+    if (!args.scenePath.empty())
+        out.insert(out.end(), {"--scene", absolute(args.scenePath)});
+    if (args.samples)
+        out.insert(out.end(), {"--samples", std::to_string(args.samples)});
+    if (args.width)
+        out.insert(out.end(), {"--resolution", std::to_string(args.width) + "x" + std::to_string(args.height)});
+    std::string dirs;
+    for (const std::string &d : args.shaderPath)
+        dirs += (dirs.empty() ? "" : ":") + absolute(d);
+    if (!dirs.empty())
+        out.insert(out.end(), {"--shader-path", dirs});
+    if (args.restrictLinks)
+        out.push_back("--restrict-links");
+    return out;
+}
+
+RenderOptions renderOptions(const Args &args)
+{
     RenderOptions ro;
     ro.threads = args.threads;
     ro.shaderPath = args.shaderPath;
@@ -437,37 +515,49 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
     ro.stop = &gStop;
     if (args.progress)
         ro.progress = drawBar;
-    if (!args.quiet)
-        std::cerr << "druxrender: " << args.sceneName() << ", " << scene.width << " x " << scene.height << ", "
-                  << scene.samples << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
-                  << scene.passes.size() << " passes\n";
-    RenderResult result;
-    WrittenOutputs written;
+    return ro;
+}
+
+/* Runs `body` (which renders and writes) and reports what it threw; the
+   exit status, or -1 when it returned normally. */
+template <class F> int reported(const Args &args, F body)
+{
+    auto endBar = [&] {
+        if (args.progress)
+            std::fprintf(stderr, "\n");
+    };
     try {
-        result = render(scene, ro);
-        if (args.progress)
-            std::fprintf(stderr, "\n");
-        written = writeOutputsOrFallback(result, args.outDir, &gStop);
-        if (!args.statsPath.empty())
-            writeStatsFile(result, args.statsPath);
+        body();
+        return -1;
     } catch (const RenderInterrupted &e) {
-        if (args.progress)
-            std::fprintf(stderr, "\n");
+        endBar();
         std::cerr << "druxrender: interrupted by " << signalName(e.signal) << ": render stopped, nothing written, "
-                  << args.outDir << " keeps its earlier files (an interrupted render cannot be resumed)\n";
+                  << args.outDir << " keeps its earlier files\n";
         return 128 + e.signal;
     } catch (const SceneError &e) {
         /* a shader library or shader instance of the scene */
-        if (args.progress)
-            std::fprintf(stderr, "\n");
+        endBar();
         reportSceneError(args, e);
         return 2;
     } catch (const std::exception &e) {
-        if (args.progress)
-            std::fprintf(stderr, "\n");
+        endBar();
         std::cerr << "druxrender: " << e.what() << "\n";
         return 1;
     }
+}
+
+void announce(const Args &args, const SceneDesc &scene, const std::string &what)
+{
+    if (!args.quiet)
+        std::cerr << "druxrender: " << args.sceneName() << ", " << scene.width << " x " << scene.height << ", "
+                  << scene.samples << (scene.samples == 1 ? " sample" : " samples") << " per pixel, "
+                  << scene.passes.size() << " passes" << what << "\n";
+}
+
+/* Ends a render written whole: reports a fallback folder, prints the
+   summary; the exit status. */
+int finish(const Args &args, const RenderResult &result, const WrittenOutputs &written)
+{
     if (!written.failure.empty())
         std::cerr << "druxrender: cannot write the images to " << args.outDir << " (" << written.failure
                   << "); they were written to " << written.dir << " instead\n";
@@ -478,6 +568,304 @@ int renderAndWrite(const Args &args, const SceneDesc &scene)
     return result.stats.errors ? 1 : 0;
 }
 
+/* The tiles an interrupted whole render finished, kept for --resume. */
+void keepInterrupted(const Args &args, const RenderResult &result, const std::vector<std::string> &jobArgs)
+{
+    FarmJob job;
+    job.outDir = absolute(args.outDir);
+    job.executor = FarmExecutor::Whole;
+    job.fingerprint = result.fingerprint;
+    job.args = jobArgs;
+    job.statsPath = absolute(args.statsPath);
+    writeJob(job);
+    PartialInfo info{result.fingerprint, "interrupted render", result.main.width, result.main.height,
+                     result.covered};
+    writePartial(interruptedPath(job.outDir), result, info);
+}
+
+void dropInterrupted(const std::string &outDir)
+{
+    if (!hasJob(outDir))
+        return;
+    try {
+        if (readJob(outDir).executor != FarmExecutor::Whole)
+            return;
+    } catch (const std::exception &) {
+        return;
+    }
+    ::unlink(interruptedPath(outDir).c_str());
+    ::unlink((partialDir(outDir) + "/job").c_str());
+    ::rmdir((partialDir(outDir) + "/logs").c_str());
+    ::rmdir(partialDir(outDir).c_str());
+}
+
+/* A whole render, or the rest of an interrupted one (`before`: its partial,
+   null for none); writes the images (and the statistics). */
+int renderWhole(const Args &args, const SceneDesc &scene, const std::vector<std::string> &jobArgs,
+                const RenderImages *before = nullptr, const std::vector<Region> &beforeCovered = {})
+{
+    RenderOptions ro = renderOptions(args);
+    ro.keepOnStop = true;
+    ro.skip = beforeCovered;
+    announce(args, scene, before ? ", resumed" : "");
+    RenderResult result;
+    WrittenOutputs written;
+    int stopped = 0;
+    const int status = reported(args, [&] {
+        result = render(scene, ro);
+        if (args.progress)
+            std::fprintf(stderr, "\n");
+        if (before) {
+            copyCovered(*before, beforeCovered, result);
+            result.covered.insert(result.covered.end(), beforeCovered.begin(), beforeCovered.end());
+        }
+        if ((stopped = result.interrupted) != 0) {
+            keepInterrupted(args, result, jobArgs);
+            return;
+        }
+        try {
+            written = writeOutputsOrFallback(result, args.outDir, &gStop);
+        } catch (const RenderInterrupted &e) {
+            /* every tile is done: keep them all, a resume only writes */
+            stopped = e.signal;
+            keepInterrupted(args, result, jobArgs);
+            return;
+        }
+        if (!args.statsPath.empty())
+            writeStatsFile(result, args.statsPath);
+        dropInterrupted(args.outDir);
+    });
+    if (status >= 0)
+        return status;
+    if (stopped) {
+        std::cerr << "druxrender: interrupted by " << signalName(stopped) << ": render stopped, "
+                  << args.outDir << " keeps its earlier files; the finished tiles are kept in "
+                  << interruptedPath(args.outDir) << ": druxrender --resume " << args.outDir
+                  << " renders the rest\n";
+        return 128 + stopped;
+    }
+    return finish(args, result, written);
+}
+
+/* --tile I/N or --region: a part of the image into a partial render. */
+int renderPart(const Args &args, const SceneDesc &scene)
+{
+    Region region = args.region;
+    std::string name, label;
+    if (args.tileCount) {
+        region = tileBand(scene.width, scene.height, args.tileIndex, args.tileCount, RenderOptions().tileSize);
+        name = "tile-" + std::to_string(args.tileIndex) + "-of-" + std::to_string(args.tileCount) + ".exr";
+        label = "tile " + std::to_string(args.tileIndex) + "/" + std::to_string(args.tileCount);
+    } else {
+        if (region.x1 > scene.width || region.y1 > scene.height) {
+            std::cerr << "druxrender: --region " << describe(region) << " reaches beyond the " << scene.width
+                      << " x " << scene.height << " image\n";
+            return 2;
+        }
+        name = "region-" + std::to_string(region.x0) + "-" + std::to_string(region.y0) + "-" +
+               std::to_string(region.x1) + "-" + std::to_string(region.y1) + ".exr";
+        label = "region " + describe(region);
+    }
+    const std::string path = args.outDir + "/" + name;
+    if (region.empty()) {
+        std::cerr << "druxrender: " << label << " of a " << scene.height << "-row image holds no pixel: use at most "
+                  << scene.height << " tiles\n";
+        return 2;
+    }
+    RenderOptions ro = renderOptions(args);
+    ro.region = region;
+    announce(args, scene, ", " + label + " (pixels " + describe(region) + ")");
+    RenderResult result;
+    const int status = reported(args, [&] {
+        result = render(scene, ro);
+        if (args.progress)
+            std::fprintf(stderr, "\n");
+        writePartial(path, result, PartialInfo{result.fingerprint, label, scene.width, scene.height, result.covered});
+    });
+    if (status >= 0)
+        return status;
+    if (!args.quiet)
+        std::cout << "druxrender: " << label << " written to " << path << " (" << result.stats.seconds << " s)\n";
+    return result.stats.errors ? 1 : 0;
+}
+
+/* --tiles N with --local or --submit slurm, and their --resume: renders or
+   submits the tiles of `todo` (all when empty and fresh) and merges. */
+int runTiles(const Args &args, const FarmJob &job, std::vector<int> todo)
+{
+    if (job.executor == FarmExecutor::Slurm) {
+        try {
+            cancelQueuedMerge(job);
+            const SlurmJobs ids = submitSlurm(job, todo);
+            if (!ids.tiles.empty())
+                std::cout << "tiles job " << ids.tiles << " (" << todo.size() << " task" << (todo.size() == 1 ? "" : "s")
+                          << ")\n";
+            std::cout << "merge job " << ids.merge << " (after the tiles succeed; writes " << job.outDir << ")\n"
+                      << "druxrender --status " << job.outDir << " shows the tiles\n";
+        } catch (const std::exception &e) {
+            std::cerr << "druxrender: " << e.what() << "\n";
+            return 1;
+        }
+        return 0;
+    }
+    const int hw = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+    const int total = args.threads ? args.threads : hw;
+    const int jobs = std::max(1, std::min<int>(args.jobs ? args.jobs : total, static_cast<int>(todo.size())));
+    if (!args.quiet)
+        std::cerr << "druxrender: " << todo.size() << " of " << job.tiles << " tile tasks, " << jobs
+                  << " at once, logs in " << partialDir(job.outDir) << "/logs\n";
+    const std::vector<int> failed = runLocalTiles(job, todo, jobs, std::max(1, total / jobs), &gStop);
+    if (gStop.load()) {
+        std::cerr << "druxrender: interrupted by " << signalName(gStop.load()) << ": the finished tiles are kept in "
+                  << partialDir(job.outDir) << ": druxrender --resume " << job.outDir << " renders the rest\n";
+        return 128 + gStop.load();
+    }
+    if (!failed.empty()) {
+        std::string list;
+        for (int t : failed)
+            list += (list.empty() ? "" : ", ") + std::to_string(t);
+        std::cerr << "druxrender: tile task" << (failed.size() == 1 ? " " : "s ") << list << " of " << job.tiles
+                  << " failed (see " << partialDir(job.outDir) << "/logs/tile-" << failed.front()
+                  << ".log); druxrender --resume " << job.outDir << " renders them again\n";
+        return 1;
+    }
+    std::vector<std::string> parts;
+    for (int i = 1; i <= job.tiles; ++i)
+        parts.push_back(tilePath(job.outDir, i, job.tiles));
+    WrittenOutputs written;
+    try {
+        written = mergeAndWrite(parts, job.outDir, job.statsPath, &gStop);
+    } catch (const RenderInterrupted &e) {
+        std::cerr << "druxrender: interrupted by " << signalName(e.signal) << " while merging: nothing written\n";
+        return 128 + e.signal;
+    } catch (const std::exception &e) {
+        std::cerr << "druxrender: merging the tiles failed: " << e.what() << "\n";
+        return 1;
+    }
+    if (!written.failure.empty()) {
+        std::cerr << "druxrender: cannot write the images to " << job.outDir << " (" << written.failure
+                  << "); they were written to " << written.dir << " instead\n";
+        return 3;
+    }
+    if (!args.quiet)
+        std::cout << "druxrender: " << job.tiles << " tiles merged into " << written.files.size() << " files in "
+                  << written.dir << "\n";
+    return 0;
+}
+
+/* --resume DIR: the job kept in DIR/partial/, continued. */
+int resume(const std::string &dir, bool quiet, bool progress)
+{
+    FarmJob job;
+    try {
+        job = readJob(absolute(dir));
+    } catch (const std::exception &e) {
+        std::cerr << "druxrender: --resume " << dir << ": " << e.what() << "\n";
+        return 2;
+    }
+    std::vector<std::string> argv{"druxrender"};
+    argv.insert(argv.end(), job.args.begin(), job.args.end());
+    std::vector<char *> cargv;
+    for (std::string &a : argv)
+        cargv.push_back(&a[0]);
+    Args args;
+    const int status = parseArgs(static_cast<int>(cargv.size()), cargv.data(), args);
+    if (status >= 0) {
+        std::cerr << "druxrender: --resume " << dir << ": the options kept in " << partialDir(dir)
+                  << "/job are not valid\n";
+        return 2;
+    }
+    args.outDir = dir;
+    args.statsPath = job.statsPath;
+    args.quiet = quiet;
+    args.progress = progress;
+    SceneDesc scene;
+    if (!sceneFor(args, scene))
+        return 2;
+    if (sceneFingerprint(scene) != job.fingerprint) {
+        std::cerr << "druxrender: --resume " << dir << ": " << args.sceneName()
+                  << " or the renderer changed since the render began (fingerprint " << sceneFingerprint(scene)
+                  << ", the parts have " << job.fingerprint << "); render it again without --resume\n";
+        return 2;
+    }
+    if (job.executor == FarmExecutor::Whole) {
+        RenderImages before;
+        PartialInfo info;
+        try {
+            readPartial(interruptedPath(dir), before, info);
+        } catch (const std::exception &e) {
+            std::cerr << "druxrender: " << e.what() << "; rendering the whole image again\n";
+            return renderWhole(args, scene, job.args);
+        }
+        return renderWhole(args, scene, job.args, &before, info.covered);
+    }
+    std::vector<int> todo;
+    const std::vector<std::string> states = tileStates(job);
+    for (int i = 1; i <= job.tiles; ++i)
+        if (!states[size_t(i - 1)].empty())
+            todo.push_back(i);
+    if (!quiet)
+        std::cerr << "druxrender: --resume " << dir << ": " << todo.size() << " of " << job.tiles
+                  << " tiles to render\n";
+    return runTiles(args, job, todo);
+}
+
+/* --tiles N: a new tiled render of `scene`. */
+int startTiles(const Args &args, const SceneDesc &scene)
+{
+    if (args.tiles > scene.height) {
+        std::cerr << "druxrender: --tiles " << args.tiles << " is more than the image's " << scene.height
+                  << " rows\n";
+        return 2;
+    }
+    FarmJob job;
+    job.outDir = absolute(args.outDir);
+    job.executor = args.local ? FarmExecutor::Local : FarmExecutor::Slurm;
+    job.tiles = args.tiles;
+    job.fingerprint = sceneFingerprint(scene);
+    job.args = imageArgs(args);
+    job.statsPath = absolute(args.statsPath);
+    job.partition = args.partition;
+    job.time = args.time;
+    job.mem = args.mem;
+    try {
+        writeJob(job);
+    } catch (const std::exception &e) {
+        std::cerr << "druxrender: " << e.what() << "\n";
+        return 2;
+    }
+    std::vector<int> todo;
+    for (int i = 1; i <= job.tiles; ++i) {
+        todo.push_back(i);
+        ::unlink(tilePath(job.outDir, i, job.tiles).c_str()); /* a part of an earlier render is not this one's */
+    }
+    announce(args, scene, ", " + std::to_string(job.tiles) + " tiles");
+    return runTiles(args, job, todo);
+}
+
+/* Option combinations that cannot work, refused before anything runs. */
+bool optionsAgree(const Args &args)
+{
+    const char *bad = nullptr;
+    if (args.tiles && args.local == !args.submit.empty())
+        bad = "--tiles needs one of --local and --submit slurm";
+    else if (!args.tiles && (args.local || !args.submit.empty()))
+        bad = "--local and --submit need --tiles N";
+    else if (args.submit.empty() && (!args.partition.empty() || !args.time.empty() || !args.mem.empty()))
+        bad = "--partition, --time and --mem go with --submit slurm";
+    else if (args.jobs && !args.local)
+        bad = "--jobs goes with --tiles N --local";
+    else if (args.tileCount && !args.region.empty())
+        bad = "--tile and --region cannot be given together";
+    else if (args.partial() && args.tiles)
+        bad = "--tile and --region render one part; --tiles renders all of them";
+    else if (args.debugPx[0] >= 0 && (args.partial() || args.tiles))
+        bad = "--debug-pixel renders one sample, not parts";
+    if (bad)
+        std::cerr << "druxrender: " << bad << "\n";
+    return !bad;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -486,6 +874,17 @@ int main(int argc, char **argv)
     const int status = parseArgs(argc, argv, args);
     if (status >= 0)
         return status;
+    if (!optionsAgree(args))
+        return 2;
+    if (!args.statusDir.empty()) {
+        try {
+            std::cout << farmStatus(readJob(absolute(args.statusDir)));
+        } catch (const std::exception &e) {
+            std::cerr << "druxrender: --status " << args.statusDir << ": " << e.what() << "\n";
+            return 2;
+        }
+        return 0;
+    }
     if (!args.describe.empty()) {
         RenderOptions ro;
         ro.shaderPath = args.shaderPath;
@@ -497,6 +896,14 @@ int main(int argc, char **argv)
         }
         return 0;
     }
+    if (!args.resumeDir.empty()) {
+        gOutDir = args.resumeDir;
+        gProgress = args.progress;
+        mirt::set_fatal_handler(onFatal);
+        catchStopSignals();
+        mirt::set_echo_messages(true);
+        return resume(args.resumeDir, args.quiet, args.progress);
+    }
     SceneDesc scene;
     if (!sceneFor(args, scene))
         return 2;
@@ -507,11 +914,23 @@ int main(int argc, char **argv)
         ro.restrictLinks = args.restrictLinks;
         return runDebugPixel(scene, args.sceneName(), args.debugPx, ro);
     }
-    if (!outputsWritable(args, scene))
+    if (args.partial() || args.tiles) {
+        if (!makeDir(args.outDir)) {
+            std::cerr << "druxrender: cannot create the output directory " << args.outDir << ": "
+                      << std::strerror(errno) << "\n";
+            return 2;
+        }
+    } else if (!outputsWritable(args, scene)) {
         return 2;
+    }
     gOutDir = args.outDir;
     gProgress = args.progress;
     mirt::set_fatal_handler(onFatal);
     catchStopSignals();
-    return renderAndWrite(args, scene);
+    mirt::set_echo_messages(true);
+    if (args.tiles)
+        return startTiles(args, scene);
+    if (args.partial())
+        return renderPart(args, scene);
+    return renderWhole(args, scene, imageArgs(args));
 }

@@ -10,10 +10,13 @@
 # Clients (sbatch, squeue, scancel, druxrender --submit) find the cluster
 # through SLURM_CONF: `eval "$(scripts/slurm-local.sh env)"`.  Runs as root
 # (SlurmUser=root), as on the CI machine; accounting is off, so sacct has
-# nothing to say: job state comes from squeue.
+# nothing to say: job state comes from squeue.  DRUX_SLURM_PORT (default
+# 16817) is slurmctld's port, slurmd takes the next one: a second cluster
+# (the tests' own) needs other ports.
 set -euo pipefail
 cmd=${1:-}
 dir=${2:-/tmp/drux-slurm}
+port=${DRUX_SLURM_PORT:-16817}
 
 die() { echo "slurm-local.sh: $*" >&2; exit 1; }
 
@@ -67,8 +70,8 @@ SlurmctldPidFile=$dir/slurmctld.pid
 SlurmdPidFile=$dir/slurmd.pid
 SlurmctldLogFile=$dir/log/slurmctld.log
 SlurmdLogFile=$dir/log/slurmd.log
-SlurmctldPort=16817
-SlurmdPort=16818
+SlurmctldPort=$port
+SlurmdPort=$((port + 1))
 ProctrackType=proctrack/linuxproc
 TaskPlugin=task/none
 SchedulerType=sched/backfill

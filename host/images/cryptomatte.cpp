@@ -101,11 +101,13 @@ std::string cryptoHex(float id)
 
 std::string CryptoMatte::key() const { return hex8(murmur3_32(type.data(), type.size(), 0)).substr(0, 7); }
 
-std::string CryptoMatte::manifest() const
+std::string CryptoMatte::manifest(const std::vector<bool> *only) const
 {
     std::string out = "{";
     for (size_t i = 0; i < names.size(); ++i) {
-        if (i)
+        if (only && (i >= only->size() || !(*only)[i]))
+            continue;
+        if (out.size() > 1)
             out += ",";
         jsonString(out, names[i]);
         out += ":\"" + cryptoHex(ids[i]) + "\"";
@@ -113,13 +115,13 @@ std::string CryptoMatte::manifest() const
     return out + "}";
 }
 
-std::vector<std::pair<std::string, std::string>> CryptoMatte::attributes() const
+std::vector<std::pair<std::string, std::string>> CryptoMatte::attributes(const std::vector<bool> *only) const
 {
     const std::string p = "cryptomatte/" + key() + "/";
     return {{p + "name", type},
             {p + "hash", "MurmurHash3_32"},
             {p + "conversion", "uint32_to_float32"},
-            {p + "manifest", manifest()}};
+            {p + "manifest", manifest(only)}};
 }
 
 std::string CryptoMatte::layerName(int layer) const

@@ -43,10 +43,11 @@ struct CryptoMatte {
 
     /* The header key: the first 7 hex digits of the type name's hash. */
     std::string key() const;
-    /* JSON object name -> hex id, names in index order. */
-    std::string manifest() const;
+    /* JSON object name -> hex id, names in index order; with `only`, just
+       the names whose flag is set. */
+    std::string manifest(const std::vector<bool> *only = nullptr) const;
     /* Header attributes cryptomatte/<key>/{name,hash,conversion,manifest}. */
-    std::vector<std::pair<std::string, std::string>> attributes() const;
+    std::vector<std::pair<std::string, std::string>> attributes(const std::vector<bool> *only = nullptr) const;
     /* Layer names type00, type01, ... */
     std::string layerName(int layer) const;
     /* Coverage of an id at a pixel, summed over the ranks (0 when absent). */

@@ -113,7 +113,7 @@ void closeWrittenFile(FILE *f, const std::string &path)
 }
 
 void writeExr(const std::string &path, const std::vector<Layer> &layers,
-              const std::vector<std::pair<std::string, std::string>> &attributes)
+              const std::vector<std::pair<std::string, std::string>> &attributes, const ExrWindow &window)
 {
     if (layers.empty())
         throw std::runtime_error("writeExr: no layers");
@@ -122,7 +122,13 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers,
         if (!l.image || l.image->width != w || l.image->height != h)
             throw std::runtime_error("writeExr: layer \"" + l.name + "\" has another size");
     try {
-        Imf::Header header(w, h);
+        const bool whole = window.displayWidth <= 0 || window.displayHeight <= 0;
+        const Imath::Box2i display(Imath::V2i(0, 0), whole ? Imath::V2i(w - 1, h - 1)
+                                                           : Imath::V2i(window.displayWidth - 1,
+                                                                        window.displayHeight - 1));
+        const int x0 = whole ? 0 : window.x0, y0 = whole ? 0 : window.y0;
+        const Imath::Box2i data(Imath::V2i(x0, y0), Imath::V2i(x0 + w - 1, y0 + h - 1));
+        Imf::Header header(display, data);
         header.compression() = Imf::ZIP_COMPRESSION;
         for (const auto &a : attributes)
             header.insert(a.first, Imf::StringAttribute(a.second));
@@ -131,7 +137,9 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers,
             for (int c = 0; c < (l.depth ? 1 : 4); ++c) {
                 const std::string name = l.depth ? (l.name.empty() ? "Z" : l.name + ".Z") : channelName(l.name, c);
                 header.channels().insert(name, Imf::Channel(Imf::FLOAT));
-                char *base = reinterpret_cast<char *>(const_cast<float *>(l.image->rgba.data())) + c * sizeof(float);
+                /* the frame buffer is addressed by the file's pixel coordinates */
+                char *base = reinterpret_cast<char *>(const_cast<float *>(l.image->rgba.data())) + c * sizeof(float) -
+                             (size_t(x0) + size_t(y0) * size_t(w)) * 4 * sizeof(float);
                 fb.insert(name, Imf::Slice(Imf::FLOAT, base, 4 * sizeof(float), 4 * sizeof(float) * size_t(w)));
             }
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
@@ -157,13 +165,18 @@ void writeExr(const std::string &path, const std::vector<Layer> &layers,
     }
 }
 
-std::vector<std::pair<std::string, Image>> readExr(const std::string &path)
+std::vector<std::pair<std::string, Image>> readExr(const std::string &path, ExrWindow *window)
 {
     std::vector<std::pair<std::string, Image>> out;
     try {
         Imf::InputFile file(path.c_str());
         const Imath::Box2i dw = file.header().dataWindow();
+        const Imath::Box2i disp = file.header().displayWindow();
         const int w = dw.max.x - dw.min.x + 1, h = dw.max.y - dw.min.y + 1;
+        if (w <= 0 || h <= 0 || uint64_t(w) * uint64_t(h) > (uint64_t(1) << 31))
+            throw std::runtime_error("a data window this reader does not take");
+        if (window)
+            *window = ExrWindow{disp.max.x - disp.min.x + 1, disp.max.y - disp.min.y + 1, dw.min.x, dw.min.y};
         std::map<std::string, size_t> layerIndex;
         for (Imf::ChannelList::ConstIterator it = file.header().channels().begin();
              it != file.header().channels().end(); ++it) {

@@ -46,14 +46,24 @@ struct Layer {
     bool depth = false;
 };
 
+/* Where a file's layers lie in the whole picture: their pixels are the data
+   window from (x0, y0), inside a display window of displayWidth x
+   displayHeight from (0, 0).  All zero: the layers are the whole picture. */
+struct ExrWindow {
+    int displayWidth = 0, displayHeight = 0;
+    int x0 = 0, y0 = 0;
+};
+
 /* 32-bit float channels, ZIP compression; `attributes` become string
    attributes of the header.  Throws std::runtime_error. */
 void writeExr(const std::string &path, const std::vector<Layer> &layers,
-              const std::vector<std::pair<std::string, std::string>> &attributes = {});
+              const std::vector<std::pair<std::string, std::string>> &attributes = {},
+              const ExrWindow &window = ExrWindow());
 /* The string attributes of a file's header. */
 std::vector<std::pair<std::string, std::string>> readExrAttributes(const std::string &path);
-/* Every layer of a file written by writeExr (name "" for the default layer). */
-std::vector<std::pair<std::string, Image>> readExr(const std::string &path);
+/* Every layer of a file written by writeExr (name "" for the default layer),
+   the size of its data window; where that lies, in *window when given. */
+std::vector<std::pair<std::string, Image>> readExr(const std::string &path, ExrWindow *window = nullptr);
 
 /* 8-bit RGB preview: each channel clamped to [0, 1] and encoded as sRGB.
    Throws std::runtime_error. */

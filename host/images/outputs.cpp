@@ -1,9 +1,12 @@
 #include "outputs.h"
 
 #include "contact_sheet.h"
+#include "image_stats.h"
+#include "partial.h"
 #include "pass_images.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -132,6 +135,8 @@ std::vector<std::string> writeOutputs(const RenderImages &r, const std::string &
         zWritten = zWritten || depth;
     }
     std::vector<std::pair<std::string, std::string>> attributes;
+    if (!r.fingerprint.empty())
+        attributes.emplace_back("druxrender/fingerprint", r.fingerprint);
     for (const CryptoMatte &m : r.mattes) {
         for (size_t l = 0; l < m.layers.size(); ++l)
             layers.push_back(Layer{m.layerName(static_cast<int>(l)), &m.layers[l]});
@@ -203,6 +208,34 @@ WrittenOutputs writeOutputsOrFallback(const RenderImages &r, const std::string &
         throw std::runtime_error(out.failure + "; writing to " + out.dir + " failed too: " + e.what());
     }
     return out;
+}
+
+/* Written under a temporary name in the file's folder and moved into
+   place: an earlier statistics file stays whole when writing fails. */
+void writeStatsFile(const RenderImages &result, const std::string &path)
+{
+    const std::string text = formatStats(imageStats(result));
+    const size_t slash = path.rfind('/');
+    StagedFiles staged(slash == std::string::npos ? std::string(".") : path.substr(0, slash));
+    const std::string temp = staged.stage(path.substr(slash == std::string::npos ? 0 : slash + 1));
+    FILE *f = std::fopen(temp.c_str(), "w");
+    if (!f)
+        throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+    const bool wrote = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    closeWrittenFile(f, temp);
+    if (!wrote)
+        throw std::runtime_error("cannot write " + path);
+    staged.commit();
+}
+
+WrittenOutputs mergeAndWrite(const std::vector<std::string> &partials, const std::string &dir,
+                             const std::string &statsPath, const std::atomic<int> *stop)
+{
+    const RenderImages whole = mergePartials(partials);
+    WrittenOutputs written = writeOutputsOrFallback(whole, dir, stop);
+    if (!statsPath.empty())
+        writeStatsFile(whole, statsPath);
+    return written;
 }
 
 } // namespace druxhost

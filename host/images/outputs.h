@@ -19,6 +19,13 @@ namespace druxhost {
 /* What a render shows: the main image, one image per pass and the ID
    mattes. */
 struct RenderImages {
+    /* Where the images lie in the whole picture: a part of it (a tile, a
+       region) starts here; a whole render at 0, 0. */
+    int originX = 0, originY = 0;
+    /* Of the scene and the settings that made the pixels; written into the
+       EXR header when set, so that parts of one render can be told apart
+       from those of another. */
+    std::string fingerprint;
     Image main;                        /* the colours the eye rays returned */
     std::vector<std::string> passNames; /* scene order */
     std::vector<PassRole> passRoles;
@@ -86,6 +93,17 @@ struct WrittenOutputs {
    moved into place, the fallback folder removed again) on a stop. */
 WrittenOutputs writeOutputsOrFallback(const RenderImages &result, const std::string &dir,
                                       const std::atomic<int> *stop = nullptr);
+
+/* The image statistics (image_stats.h) written to `path`, under a temporary
+   name moved into place: an earlier file stays whole when writing fails. */
+void writeStatsFile(const RenderImages &images, const std::string &path);
+
+/* Merges partial renders (partial.h) and writes the whole render's files
+   into `dir` as writeOutputsOrFallback does, and the statistics to
+   `statsPath` when given.  Throws PartialError for parts that do not make
+   one whole render. */
+WrittenOutputs mergeAndWrite(const std::vector<std::string> &partials, const std::string &dir,
+                             const std::string &statsPath, const std::atomic<int> *stop = nullptr);
 
 } // namespace druxhost
 

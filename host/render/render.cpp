@@ -23,22 +23,32 @@ size_t countMessages(mirt::Level level)
 }
 
 /* The shaders of the built-in commands, resolved in the linked libraries. */
-RenderResult emptyResult(const SceneDesc &s)
+/* The whole image, or the region asked for clipped to it. */
+Region renderRegion(const SceneDesc &s, const RenderOptions &ro)
+{
+    const Region whole{0, 0, s.width, s.height};
+    return ro.region.empty() ? whole : intersect(ro.region, whole);
+}
+
+RenderResult emptyResult(const SceneDesc &s, const Region &r)
 {
     RenderResult out;
-    out.main = Image(s.width, s.height);
+    out.originX = r.x0;
+    out.originY = r.y0;
+    out.fingerprint = sceneFingerprint(s);
+    out.main = Image(r.width(), r.height());
     for (const PassDesc &p : s.passes) {
         out.passNames.push_back(p.name);
         out.passRoles.push_back(p.role);
-        out.passes.emplace_back(s.width, s.height);
+        out.passes.emplace_back(r.width(), r.height());
     }
     std::vector<std::string> instanceNames, materialNames;
     for (const InstanceDesc &i : s.instances)
         instanceNames.push_back(i.name);
     for (const MaterialDesc &m : s.materials)
         materialNames.push_back(m.name);
-    out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, s.width, s.height));
-    out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, s.width, s.height));
+    out.mattes.push_back(makeCryptoMatte("CryptoObject", instanceNames, r.width(), r.height()));
+    out.mattes.push_back(makeCryptoMatte("CryptoMaterial", materialNames, r.width(), r.height()));
     return out;
 }
 
@@ -113,11 +123,12 @@ void RenderSession::shadePixel(miState *st, int x, int y, PixelScratch &px)
         }
     }
     const float inv = invSamples_;
-    out_.main.set(x, y, miColor{sum.r * inv, sum.g * inv, sum.b * inv, sum.a * inv});
-    px.objectPx.write(out_.mattes[0], x, y);
-    px.materialPx.write(out_.mattes[1], x, y);
+    const int ix = x - out_.originX, iy = y - out_.originY;
+    out_.main.set(ix, iy, miColor{sum.r * inv, sum.g * inv, sum.b * inv, sum.a * inv});
+    px.objectPx.write(out_.mattes[0], ix, iy);
+    px.materialPx.write(out_.mattes[1], ix, iy);
     for (size_t p = 0; p < s_.passes.size(); ++p)
-        out_.passes[p].set(x, y, pixelFilterEnd(s_.passes[p].role, px.passSum[p], inv));
+        out_.passes[p].set(ix, iy, pixelFilterEnd(s_.passes[p].role, px.passSum[p], inv));
 }
 
 void RenderSession::shadeOne(int x, int y, int k, miColor &main, std::vector<miColor> &passes)
@@ -135,14 +146,35 @@ void RenderSession::shadeOne(int x, int y, int k, miColor &main, std::vector<miC
     ctx_->end_state(st);
 }
 
-void RenderSession::renderTile(miState *st, int tile, PixelScratch &px)
+Region RenderSession::tileRect(int tile) const
 {
     const int ts = std::max(1, ro_.tileSize);
     const int x0 = (tile % tilesX_) * ts, y0 = (tile / tilesX_) * ts;
-    const int x1 = std::min(x0 + ts, s_.width), y1 = std::min(y0 + ts, s_.height);
-    for (int y = y0; y < y1; ++y)
-        for (int x = x0; x < x1; ++x)
+    return intersect(Region{x0, y0, x0 + ts, y0 + ts}, renderRegion(s_, ro_));
+}
+
+void RenderSession::renderTile(miState *st, int tile, PixelScratch &px)
+{
+    const Region r = tileRect(tile);
+    for (int y = r.y0; y < r.y1; ++y)
+        for (int x = r.x0; x < r.x1; ++x)
             shadePixel(st, x, y, px);
+}
+
+std::vector<Region> RenderSession::finishedRegions() const
+{
+    std::vector<Region> out;
+    for (size_t w = 0; w < work_.size(); ++w) {
+        if (!done_[w])
+            continue;
+        const Region r = tileRect(work_[w]);
+        /* a tile right of the last one of the same rows extends it */
+        if (!out.empty() && out.back().y0 == r.y0 && out.back().y1 == r.y1 && out.back().x1 == r.x0)
+            out.back().x1 = r.x1;
+        else
+            out.push_back(r);
+    }
+    return out;
 }
 
 void RenderSession::noteFatal(const std::string &text)
@@ -150,7 +182,7 @@ void RenderSession::noteFatal(const std::string &text)
     std::lock_guard<std::mutex> lk(mu_);
     if (fatal_.empty())
         fatal_ = text;
-    nextTile_.store(tiles_);
+    nextTile_.store(static_cast<int>(work_.size()));
 }
 
 void RenderSession::worker(int thread)
@@ -158,18 +190,20 @@ void RenderSession::worker(int thread)
     miState *st = nullptr;
     PixelScratch px(s_.passes.size(), s_.samples);
     try {
-        for (int tile; (tile = nextTile_.fetch_add(1)) < tiles_;) {
+        const int works = static_cast<int>(work_.size());
+        for (int w; (w = nextTile_.fetch_add(1)) < works;) {
             if (ro_.stop && ro_.stop->load()) {
                 std::lock_guard<std::mutex> lk(mu_);
                 stopped_ = ro_.stop->load();
-                nextTile_.store(tiles_);
+                nextTile_.store(works);
                 break;
             }
             if (!st) {
                 st = ctx_->begin_state(thread);
                 mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base_, sizeof base_, 2);
             }
-            renderTile(st, tile, px);
+            renderTile(st, work_[size_t(w)], px);
+            done_[size_t(w)] = 1;
             tilesDone_.fetch_add(1);
         }
     } catch (const mirt::FatalError &e) {
@@ -196,7 +230,7 @@ void RenderSession::waitForWorkers(int threads)
     while (finished_ < threads) {
         cv_.wait_for(lk, std::chrono::milliseconds(100));
         if (ro_.progress) {
-            const double f = double(tilesDone_.load()) / tiles_;
+            const double f = work_.empty() ? 1.0 : double(tilesDone_.load()) / double(work_.size());
             lk.unlock();
             ro_.progress(f);
             lk.lock();
@@ -213,8 +247,19 @@ void RenderSession::renderTiles()
     const int ts = std::max(1, ro_.tileSize);
     tilesX_ = (s_.width + ts - 1) / ts;
     tiles_ = tilesX_ * ((s_.height + ts - 1) / ts);
+    /* the tiles of the region, less those rendered before */
+    uint64_t pixels = 0;
+    for (int t = 0; t < tiles_; ++t) {
+        const Region r = tileRect(t);
+        if (r.empty() || std::any_of(ro_.skip.begin(), ro_.skip.end(),
+                                     [&](const Region &k) { return intersect(r, k) == r; }))
+            continue;
+        work_.push_back(t);
+        pixels += uint64_t(r.width()) * uint64_t(r.height());
+    }
+    done_.assign(work_.size(), 0);
     int threads = ro_.threads > 0 ? ro_.threads : static_cast<int>(std::thread::hardware_concurrency());
-    threads = std::max(1, std::min(threads, tiles_));
+    threads = std::max(1, std::min(threads, std::max(1, static_cast<int>(work_.size()))));
     out_.stats.threads = threads;
 
     const auto start = std::chrono::steady_clock::now();
@@ -241,8 +286,7 @@ void RenderSession::renderTiles()
         t.join();
     if (ro_.progress && !stopped_)
         ro_.progress(1.0);
-    out_.stats.eyeSamples =
-        static_cast<uint64_t>(s_.width) * static_cast<uint64_t>(s_.height) * static_cast<uint64_t>(s_.samples);
+    out_.stats.eyeSamples = pixels * static_cast<uint64_t>(s_.samples);
 }
 
 
@@ -258,7 +302,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     const auto setupStart = std::chrono::steady_clock::now();
     const size_t errorsBefore = countMessages(mirt::Level::Error);
     const size_t warningsBefore = countMessages(mirt::Level::Warning);
-    RenderResult out = emptyResult(s);
+    RenderResult out = emptyResult(s, renderRegion(s, ro));
     std::string fatal;
     int stopped = 0;
     {
@@ -267,6 +311,7 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
         out.stats.setupSeconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - setupStart).count();
         session.renderTiles();
+        out.covered = session.finishedRegions();
         session.tearDown();
         fatal = session.fatal();
         stopped = session.stopped();
@@ -278,8 +323,9 @@ RenderResult render(const SceneDesc &s, const RenderOptions &ro)
     out.stats.warnings = countMessages(mirt::Level::Warning) - warningsBefore;
     if (!fatal.empty())
         throw std::runtime_error("render stopped: " + fatal);
-    if (stopped)
+    if (stopped && !ro.keepOnStop)
         throw RenderInterrupted(stopped);
+    out.interrupted = stopped;
     return out;
 }
 
@@ -294,7 +340,7 @@ PixelSample debugPixel(const SceneDesc &s, int x, int y, int sample, const Rende
     out.passNames.clear();
     for (const PassDesc &p : s.passes)
         out.passNames.push_back(p.name);
-    RenderResult scratch = emptyResult(s);
+    RenderResult scratch = emptyResult(s, Region{0, 0, s.width, s.height});
     ShaderTracer tracer;
     {
         RenderSession session(s, ro, scratch);

@@ -21,6 +21,7 @@
 
 #include "interrupted.h"
 #include "outputs.h"
+#include "partial.h"
 #include "scene.h"
 
 #include <atomic>
@@ -48,6 +49,15 @@ struct RenderOptions {
     /* When it points at a non-zero value (a signal number), the render
        threads take no further tile and render() throws RenderInterrupted. */
     const std::atomic<int> *stop = nullptr;
+    /* Renders only these pixels (empty: the whole image); the result's
+       images are this region, from its corner. */
+    Region region;
+    /* Pixels rendered before (an interrupted render resumed): tiles wholly
+       inside them are not rendered again, and stay zero in the result. */
+    std::vector<Region> skip;
+    /* On a stop, return the tiles finished so far (RenderResult::covered,
+       ::interrupted) instead of throwing RenderInterrupted. */
+    bool keepOnStop = false;
 };
 
 /* Live bytes of one of the library's memory tags. */
@@ -75,6 +85,12 @@ struct RenderStats {
 /* A render's images with what it took. */
 struct RenderResult : RenderImages {
     RenderStats stats;
+    /* The pixels rendered (tiles clipped to the region, rows of tiles
+       joined), whole-image coordinates. */
+    std::vector<Region> covered;
+    /* The signal that stopped a render kept on stop; 0 when it ran to the
+       end. */
+    int interrupted = 0;
 };
 
 /* The folders searched for a scene's shader libraries, in order. */

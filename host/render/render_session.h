@@ -117,6 +117,8 @@ public:
         initShaders();
     }
     void renderTiles();
+    /* The finished tiles clipped to the region, tile rows joined. */
+    std::vector<Region> finishedRegions() const;
     /* Renders sample `k` of pixel (x, y) alone on a state of its own; the
        main colour and every pass's value of that one sample. */
     void shadeOne(int x, int y, int k, miColor &main, std::vector<miColor> &passes);
@@ -152,6 +154,7 @@ private:
     miTag makeLight(const LightDesc &l, miTag param);
     void initShaders();
     void worker(int thread);
+    Region tileRect(int tile) const;
     void renderTile(miState *st, int tile, PixelScratch &px);
     miColor shadeSample(miState *st, int x, int y, int k, CryptoPixel *objectPx, CryptoPixel *materialPx);
     void shadePixel(miState *st, int x, int y, PixelScratch &px);
@@ -177,6 +180,8 @@ private:
     BaseShaderState base_{};
     float invSamples_ = 1.0f;
     int tilesX_ = 0, tiles_ = 0;
+    std::vector<int> work_; /* the tiles to render, in order */
+    std::vector<char> done_; /* per work_ entry: finished (each written by one thread) */
 
     /* the tile loop's shared state */
     std::atomic<int> nextTile_{0};

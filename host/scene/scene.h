@@ -247,6 +247,12 @@ SceneDesc parseScene(const std::string &text, const std::string &baseDir = std::
 SceneDesc loadScene(const std::string &path);
 std::string writeScene(const SceneDesc &scene);
 
+/* 16 hex digits that change with anything that changes a render's pixels:
+   the renderer's version, the scene as written (the command line's
+   overrides included) and the triangles of its model files.  Parts of one render carry it so
+   that parts of different renders are never merged. */
+std::string sceneFingerprint(const SceneDesc &scene);
+
 } // namespace druxhost
 
 #endif

@@ -8,6 +8,7 @@
 
 #include "scene_keys.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -225,6 +226,30 @@ std::string writeScene(const SceneDesc &s)
     for (const PassDesc &p : s.passes)
         writePass(o, p);
     return o.str();
+}
+
+std::string sceneFingerprint(const SceneDesc &s)
+{
+    uint64_t h = 0xcbf29ce484222325ull;
+    auto eat = [&h](const void *p, size_t n) {
+        const unsigned char *b = static_cast<const unsigned char *>(p);
+        for (size_t i = 0; i < n; ++i) {
+            h ^= b[i];
+            h *= 0x100000001b3ull;
+        }
+    };
+    const std::string text = std::string("druxrender " DRUX_VERSION "\n") + writeScene(s);
+    eat(text.data(), text.size());
+    for (const MeshDesc &m : s.meshes) {
+        eat(m.P.data(), m.P.size() * sizeof(miVector));
+        eat(m.N.data(), m.N.size() * sizeof(miVector));
+        eat(m.uv.data(), m.uv.size() * sizeof(miVector));
+        eat(m.tris.data(), m.tris.size() * sizeof(m.tris[0]));
+        eat(&m.faceted, 1);
+    }
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+    return buf;
 }
 
 } // namespace druxhost

@@ -9,6 +9,7 @@
 
 #include "file_read.h"
 #include "host_test_scene.h"
+#include "partial.h"
 
 #include <csignal>
 #include <dirent.h>
@@ -145,6 +146,14 @@ void expectWholeRender(const std::string &dir, int width)
         }
 }
 
+std::string text(const std::string &path)
+{
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
 TEST(HostFaults, FullDiskKeepsTheEarlierRenderWhole)
 {
     const std::string scratch = tempDir();
@@ -187,16 +196,19 @@ TEST(HostFaults, FullDiskKeepsTheEarlierRenderWhole)
     EXPECT_THROW(writeExr("/dev/full", {Layer{"", &img}}), std::runtime_error);
 }
 
-TEST(HostFaults, InterruptStopsTheRenderAndWritesNothing)
+TEST(HostFaults, InterruptKeepsTheFinishedTilesAndResumeCompletesTheRender)
 {
-    const std::string out = tempDir();
+    const std::string out = tempDir(), reference = tempDir();
+    auto sized = [](std::vector<std::string> a) {
+        a.insert(a.end(), {"--resolution", "320x240", "--samples", "4", "--threads", "1"});
+        return a;
+    };
+    ASSERT_EQ(druxrender(sized({"--out", reference, "--no-progress", "--quiet"})).status, 0);
     for (int sig : {SIGINT, SIGTERM}) {
         ASSERT_EQ(druxrender(renderArgs(out, "32x24")).status, 0);
         const auto earlier = folder(out);
         int fd = -1;
-        const pid_t pid = start({"--out", out, "--resolution", "640x480", "--samples", "8", "--threads", "1",
-                                 "--progress", "--quiet"},
-                                fd);
+        const pid_t pid = start(sized({"--out", out, "--progress", "--quiet"}), fd);
         /* the bar's percentage once some tiles are done, not all */
         std::string err;
         char buf[512];
@@ -216,21 +228,43 @@ TEST(HostFaults, InterruptStopsTheRenderAndWritesNothing)
         EXPECT_EQ(r.status, 128 + sig) << r.err;
         EXPECT_EQ(r.err.find("100%"), std::string::npos) << "the render went on: " << r.err;
         const std::string said = std::string("interrupted by ") + (sig == SIGINT ? "SIGINT" : "SIGTERM") +
-                                 ": render stopped, nothing written, " + out + " keeps its earlier files";
+                                 ": render stopped, " + out + " keeps its earlier files; the finished tiles are kept in " +
+                                 out + "/partial/interrupted.exr: druxrender --resume " + out + " renders the rest";
         EXPECT_NE(r.err.find(said), std::string::npos) << r.err;
-        EXPECT_TRUE(folder(out) == earlier) << "the earlier render changed";
+        auto now = folder(out);
+        EXPECT_EQ(now.erase("partial"), 1u);
+        EXPECT_TRUE(now == earlier) << "the earlier render changed";
+        RenderImages kept;
+        PartialInfo info;
+        readPartial(out + "/partial/interrupted.exr", kept, info);
+        long area = 0;
+        for (const Region &c : info.covered)
+            area += long(c.width()) * c.height();
+        EXPECT_GT(area, 0);
+        EXPECT_LT(area, 320L * 240L);
+
+        if (sig == SIGTERM) {
+            // A scene that changed since (here: the kept fingerprint) is not resumed.
+            const std::string job = out + "/partial/job", saved = text(job);
+            std::string changed = saved;
+            changed.replace(changed.find("fingerprint ") + 12, 4, "ffff");
+            std::ofstream(job) << changed;
+            const Outcome refused = druxrender({"--resume", out, "--no-progress", "--quiet"});
+            EXPECT_EQ(refused.status, 2) << refused.err;
+            EXPECT_NE(refused.err.find("changed since the render began"), std::string::npos) << refused.err;
+            std::ofstream(job) << saved;
+        }
+        const Outcome resumed = druxrender({"--resume", out, "--no-progress", "--quiet"});
+        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        EXPECT_TRUE(folder(out) == folder(reference)) << "the resumed render differs from an uninterrupted one";
     }
-    expectWholeRender(out, 32);
+    const Outcome nothing = druxrender({"--resume", reference, "--quiet"});
+    EXPECT_EQ(nothing.status, 2);
+    EXPECT_NE(nothing.err.find(reference + " holds no render to resume"), std::string::npos) << nothing.err;
     removeAll(out);
+    removeAll(reference);
 }
 
-std::string text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 TEST(HostFaults, StagedFilesMoveAllOrNone)
 {
