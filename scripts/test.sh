@@ -55,6 +55,11 @@ installed_checks() {
   check "the installed library reads no environment variable" bash -c \
     "! nm -D '$prefix/lib/libDruxShaderSDK.so.1.0.0' | grep -Ew 'getenv|secure_getenv'"
   check "druxrender --version" bash -c "'$prefix/bin/druxrender' --version | grep -qx 'druxrender 1.0.0'"
+  check "druxmerge --help prints its usage" bash -c "'$prefix/bin/druxmerge' --help | grep -q '^usage: druxmerge'"
+  check "installed druxrender --tiles 2 --local writes the single render's render.exr" bash -c \
+    "'$prefix/bin/druxrender' --out '$work/single' --resolution 64x48 --samples 2 --quiet --no-progress &&
+     '$prefix/bin/druxrender' --out '$work/tiled' --resolution 64x48 --samples 2 --tiles 2 --local --quiet --no-progress &&
+     cmp '$work/single/render.exr' '$work/tiled/render.exr'"
   check "druxpasscheck --help prints its usage" bash -c "'$prefix/bin/druxpasscheck' --help | grep -q '^usage: druxpasscheck FILE'"
   cat >"$work/material.cpp" <<'CPP'
 #include <DruxMaterial.h>
