@@ -360,13 +360,21 @@ private:
         n_ = n;
         types_ = n ? types : nullptr;
         e_ = n ? entries : nullptr;
+        /* the listed entries' types from the type ranges, in one walk over
+           them (the first range holding an entry names its type) */
+        for (miUint i = 0; i < n_ && i < kListed; ++i)
+            type_[i] = -1;
+        for (int t = DRUX_PASS_TYPES - 1; n_ && t >= 0; --t) {
+            const PassTypeRange &r = types_->range[t];
+            if (r.count <= 0 || r.first < 0)
+                continue;
+            for (miUint i = static_cast<miUint>(r.first); i - static_cast<miUint>(r.first) < static_cast<miUint>(r.count) && i < n_ && i < kListed; ++i)
+                type_[i] = static_cast<signed char>(t);
+        }
         for (miUint i = 0; i < n_; ++i) {
-            const int type = drux_pass_type(types_, i);
-            if (i < kListed)
-                type_[i] = static_cast<signed char>(type);
             e_[i].slots[depth_].accum = miColor{0, 0, 0, 0};
             e_[i].slots[depth_].slotFlags = 0;
-            if (beauty_ < 0 && type == DRUX_PASS_BEAUTY)
+            if (beauty_ < 0 && type_of(i) == DRUX_PASS_BEAUTY)
                 beauty_ = static_cast<int>(i);
         }
         lit_ = n_ <= kListed ? 0 : -1;

@@ -265,9 +265,13 @@ miBoolean hostMaterial(void *result, miState *state, void *pv)
     MaterialParams *p = static_cast<MaterialParams *>(pv);
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
-    const miUint n = frameBufferInfo(state, &types, &e);
+    /* Under a final-gather ray only the colour counts (the gathered light):
+       no pass entries, for this call and the lights, shadows and materials
+       under it. */
+    const bool gathering = state->type == miRAY_FINALGATHER || (tlsMaterialInfo.store && tlsMaterialInfo.gathering);
+    const miUint n = gathering ? 0 : frameBufferInfo(state, &types, &e);
     BaseShaderState *bs = baseState(state);
-    MaterialInfoScope scope(state, n, types, e, bs);
+    MaterialInfoScope scope(state, n, types, e, bs, gathering);
     MaterialCall c = beginMaterial(state, p, bs);
     drux::MaterialPasses passes(state, n, types, e, c.dcol, c.scol, c.opaque);
     const miVector savedNormal = state->normal;

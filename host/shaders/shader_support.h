@@ -83,6 +83,9 @@ struct FrameBufferInfoCall {
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
     BaseShaderState *bs = nullptr;
+    /* The call lies under a final-gather ray: it gives the light gathered,
+       nothing reads its passes, so it and everything under it keep none. */
+    bool gathering = false;
 };
 inline thread_local FrameBufferInfoCall tlsMaterialInfo;
 
@@ -115,7 +118,8 @@ inline BaseShaderState *baseState(miState *state)
    scope exit. */
 struct MaterialInfoScope {
     FrameBufferInfoCall saved;
-    MaterialInfoScope(const miState *state, miUint n, PassTypeInfo *types, FrameBufferInfo *e, BaseShaderState *bs)
+    MaterialInfoScope(const miState *state, miUint n, PassTypeInfo *types, FrameBufferInfo *e, BaseShaderState *bs,
+                      bool gathering = false)
         : saved(tlsMaterialInfo)
     {
         tlsMaterialInfo.store = state->shaderstate;
@@ -123,6 +127,7 @@ struct MaterialInfoScope {
         tlsMaterialInfo.types = types;
         tlsMaterialInfo.e = e;
         tlsMaterialInfo.bs = bs;
+        tlsMaterialInfo.gathering = gathering;
     }
     ~MaterialInfoScope() { tlsMaterialInfo = saved; }
     MaterialInfoScope(const MaterialInfoScope &) = delete;
