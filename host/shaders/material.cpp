@@ -110,6 +110,7 @@ int sampleLight(const MaterialCall &c, drux::MaterialPasses &passes, const Highl
     miColor col;
     miVector L;
     miScalar dotNL;
+    const LightLoopScope loop(light);
     while (mi_sample_light(&col, &L, &dotNL, state, light, &samples)) {
         passes.light_sample(col, light);
         float wd = dotNL > 0.0f ? c.kd * dotNL : 0.0f;

@@ -86,6 +86,12 @@ struct FrameBufferInfoCall {
     /* The call lies under a final-gather ray: it gives the light gathered,
        nothing reads its passes, so it and everything under it keep none. */
     bool gathering = false;
+    /* The light whose samples the call's light loop is taking (0: none),
+       and whether the light shader has set up its contributions in this
+       loop: only a set-up changes which entries a light reaches, and every
+       sample of the loop is of the same light, so once is enough. */
+    miTag loopLight = 0;
+    bool loopSetUp = false;
 };
 inline thread_local FrameBufferInfoCall tlsMaterialInfo;
 
@@ -104,6 +110,36 @@ inline miUint frameBufferInfo(miState *state, PassTypeInfo **types, FrameBufferI
     }
     return DRUX_CALL(getFrameBufferInfo)(state, types, e);
 }
+
+/* setupLightContributions for a light shader: once per light loop of the
+   running material, on every call elsewhere. */
+inline void setUpLightContributions(miUint n, FrameBufferInfo *e, miState *state)
+{
+    if (sameStore(state) && tlsMaterialInfo.loopLight && tlsMaterialInfo.loopLight == state->light_instance) {
+        if (tlsMaterialInfo.loopSetUp)
+            return;
+        tlsMaterialInfo.loopSetUp = true;
+    }
+    DRUX_CALL(setupLightContributions)(n, e, state);
+}
+
+/* Marks the light loop of one light in the running material call. */
+struct LightLoopScope {
+    miTag savedLight;
+    bool savedSetUp;
+    explicit LightLoopScope(miTag light) : savedLight(tlsMaterialInfo.loopLight), savedSetUp(tlsMaterialInfo.loopSetUp)
+    {
+        tlsMaterialInfo.loopLight = light;
+        tlsMaterialInfo.loopSetUp = false;
+    }
+    ~LightLoopScope()
+    {
+        tlsMaterialInfo.loopLight = savedLight;
+        tlsMaterialInfo.loopSetUp = savedSetUp;
+    }
+    LightLoopScope(const LightLoopScope &) = delete;
+    LightLoopScope &operator=(const LightLoopScope &) = delete;
+};
 
 /* The host's per-thread record, answered the same way. */
 inline BaseShaderState *baseState(miState *state)

@@ -75,7 +75,7 @@ miBoolean hostPointLight(void *result, miState *state, void *pv)
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
     const miUint n = frameBufferInfo(state, &types, &e);
-    DRUX_CALL(setupLightContributions)(n, e, state);
+    setUpLightContributions(n, e, state);
     miColor filter = WHITE;
     const miBoolean visible = DRUX_CALL(traceShadow)(n, e, &filter, &light, &p->shadowColor, p->sharedShadow, state);
     *out = shadowed(light, p->shadowColor, visible ? filter : BLACK);
@@ -101,7 +101,7 @@ miBoolean hostRectLight(void *result, miState *state, void *pv)
     PassTypeInfo *types = nullptr;
     FrameBufferInfo *e = nullptr;
     const miUint n = frameBufferInfo(state, &types, &e);
-    DRUX_CALL(setupLightContributions)(n, e, state);
+    setUpLightContributions(n, e, state);
     miColor t;
     if (p->shadowSamples <= 1) {
         miColor filter = WHITE;
