@@ -161,6 +161,8 @@ miState *Context::begin_state(int thread)
     Impl &m = *impl_;
     miShaderStateStore *store = new miShaderStateStore;
     store->ctx = &m;
+    if (m.sample_fbs)
+        store->sample_fb.assign(m.fb_pixels.size(), miColor{0, 0, 0, 0});
     StateFrame *root = new_frame_pair(store->frames);
     miState *s = &root->state;
     store->root = s;

@@ -150,9 +150,23 @@ int Context::add_framebuffer(const std::string &name)
         if (m.fb_names[i] == name)
             return static_cast<int>(i + 1);
     m.fb_names.push_back(name);
-    m.fb_pixels.emplace_back(static_cast<size_t>(m.width) * static_cast<size_t>(m.height),
+    m.fb_pixels.emplace_back(m.sample_fbs ? size_t(0) : static_cast<size_t>(m.width) * static_cast<size_t>(m.height),
                              miColor{0, 0, 0, 0});
     return static_cast<int>(m.fb_names.size());
+}
+
+void Context::use_sample_framebuffers()
+{
+    impl_->sample_fbs = true;
+    for (auto &buf : impl_->fb_pixels)
+        std::vector<miColor>().swap(buf);
+}
+
+miColor *Context::sample_framebuffers(const miState *state) const
+{
+    if (!impl_->sample_fbs || !state || !state->shaderstate || state->shaderstate->sample_fb.empty())
+        return nullptr;
+    return state->shaderstate->sample_fb.data();
 }
 
 int Context::framebuffer_count() const
@@ -164,7 +178,7 @@ miColor Context::fb_pixel(int index, int x, int y) const
 {
     const Impl &m = *impl_;
     if (index < 1 || index > static_cast<int>(m.fb_pixels.size()) || x < 0 || y < 0 || x >= m.width ||
-        y >= m.height)
+        y >= m.height || m.sample_fbs)
         return miColor{0, 0, 0, 0};
     return m.fb_pixels[static_cast<size_t>(index - 1)][static_cast<size_t>(y) * m.width + x];
 }
@@ -173,7 +187,7 @@ void Context::set_fb_pixel(int index, int x, int y, const miColor &c)
 {
     Impl &m = *impl_;
     if (index < 1 || index > static_cast<int>(m.fb_pixels.size()) || x < 0 || y < 0 || x >= m.width ||
-        y >= m.height)
+        y >= m.height || m.sample_fbs)
         return;
     m.fb_pixels[static_cast<size_t>(index - 1)][static_cast<size_t>(y) * m.width + x] = c;
 }
@@ -211,6 +225,10 @@ static miColor *fb_slot(miState *state, int buffer)
     Context::Impl *impl = impl_of(state);
     if (!impl || buffer < 1 || buffer > static_cast<int>(impl->fb_pixels.size()))
         return nullptr;
+    if (impl->sample_fbs) {
+        miShaderStateStore *store = state->shaderstate;
+        return store && size_t(buffer) <= store->sample_fb.size() ? &store->sample_fb[size_t(buffer - 1)] : nullptr;
+    }
     int x = state->raster_x, y = state->raster_y;
     if (x < 0 || y < 0 || x >= impl->width || y >= impl->height)
         return nullptr;

@@ -172,6 +172,15 @@ public:
     miColor fb_pixel(int index, int x, int y) const;
     void set_fb_pixel(int index, int x, int y, const miColor &c);
     void clear_framebuffers();
+    /* Sample frame buffers, for a host that filters each sample into its
+       own images: the buffers hold no image, only the value of the eye
+       sample in progress, one set per eye state (begin_state), which
+       mi_fb_put and mi_fb_get reach whatever the raster position; fb_pixel
+       reads 0.  Call before add_framebuffer. */
+    void use_sample_framebuffers();
+    /* The state's sample values (framebuffer_count() of them, index - 1),
+       null without sample frame buffers. */
+    miColor *sample_framebuffers(const miState *state) const;
     /* Name lookups made through the shader interface so far. */
     uint64_t fb_lookup_count() const;
 

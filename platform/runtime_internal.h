@@ -152,6 +152,9 @@ struct miShaderStateStore {
        again for every light sample and ray */
     const miState *last_parent = nullptr;
     mirt::StateFrame *last_child = nullptr;
+    /* With sample frame buffers: the eye sample's value of every frame
+       buffer (index - 1), what mi_fb_put / mi_fb_get reach. */
+    std::vector<miColor> sample_fb;
 };
 
 namespace mirt {
@@ -189,6 +192,9 @@ struct Context::Impl {
     std::vector<std::string> fb_names;
     std::vector<std::vector<miColor>> fb_pixels;
     std::atomic<uint64_t> fb_lookups{0};
+    /* frame buffers held per eye state for the sample in progress, no
+       image (use_sample_framebuffers) */
+    bool sample_fbs = false;
 
     /* string options (name -> int value; also readable as bool/float/text) */
     struct StringOption {

@@ -77,10 +77,11 @@ std::string gib(uint64_t bytes)
 
 } // namespace
 
-uint64_t renderImageBytes(const SceneDesc &s)
+uint64_t renderImageBytes(const SceneDesc &s, const Region &region)
 {
-    const uint64_t pixels = uint64_t(s.width) * uint64_t(s.height);
-    return pixels * sizeof(miColor) * (2 * uint64_t(s.passes.size()) + 9);
+    const Region r = region.empty() ? Region{0, 0, s.width, s.height} : region;
+    const uint64_t pixels = uint64_t(r.width()) * uint64_t(r.height());
+    return pixels * sizeof(miColor) * (uint64_t(s.passes.size()) + 9);
 }
 
 
@@ -115,11 +116,13 @@ void RenderSession::shadePixel(miState *st, int x, int y, PixelScratch &px)
         sum.g += c.g;
         sum.b += c.b;
         sum.a += c.a;
-        for (size_t p = 0; p < s_.passes.size(); ++p) {
+        miColor *fb = ctx_->sample_framebuffers(st);
+        for (size_t p = 0; fb && p < s_.passes.size(); ++p) {
             if (!fbIndex_[p])
                 continue;
-            pixelFilterAdd(s_.passes[p].role, px.passSum[p], ctx_->fb_pixel(fbIndex_[p], x, y));
-            ctx_->set_fb_pixel(fbIndex_[p], x, y, miColor{0, 0, 0, 0});
+            miColor &v = fb[fbIndex_[p] - 1];
+            pixelFilterAdd(s_.passes[p].role, px.passSum[p], v);
+            v = miColor{0, 0, 0, 0};
         }
     }
     const float inv = invSamples_;
@@ -137,10 +140,11 @@ void RenderSession::shadeOne(int x, int y, int k, miColor &main, std::vector<miC
     mi_shaderstate_set(st, KELU_BASE_STATE_KEY, &base_, sizeof base_, 2);
     main = shadeSample(st, x, y, k, nullptr, nullptr);
     passes.assign(s_.passes.size(), miColor{0, 0, 0, 0});
+    const miColor *fb = ctx_->sample_framebuffers(st);
     for (size_t p = 0; p < s_.passes.size(); ++p) {
         miColor acc = pixelFilterStart(s_.passes[p].role);
-        if (fbIndex_[p])
-            pixelFilterAdd(s_.passes[p].role, acc, ctx_->fb_pixel(fbIndex_[p], x, y));
+        if (fbIndex_[p] && fb)
+            pixelFilterAdd(s_.passes[p].role, acc, fb[fbIndex_[p] - 1]);
         passes[p] = pixelFilterEnd(s_.passes[p].role, acc, 1.0f);
     }
     ctx_->end_state(st);
@@ -293,7 +297,7 @@ void RenderSession::renderTiles()
 RenderResult render(const SceneDesc &s, const RenderOptions &ro)
 {
     validate(s);
-    const uint64_t need = renderImageBytes(s), have = availableMemory();
+    const uint64_t need = renderImageBytes(s, renderRegion(s, ro)), have = availableMemory();
     if (have && need > have)
         throw SceneError(s.resolutionLine, "resolution " + std::to_string(s.width) + " x " + std::to_string(s.height) +
                                                " with " + std::to_string(s.passes.size()) + " passes needs " +

@@ -97,9 +97,10 @@ struct RenderResult : RenderImages {
 std::vector<std::string> shaderSearchPath(const SceneDesc &scene, const RenderOptions &options);
 
 /* Bytes of the float images a render of this scene holds at once: the
-   host's main image, its pass images and the six ID-matte layers, the
-   renderer's frame buffer per pass and a preview image while writing. */
-uint64_t renderImageBytes(const SceneDesc &scene);
+   host's main image, its pass images and the six ID-matte layers and a
+   preview image while writing (the renderer's frame buffers hold only the
+   sample in progress).  With a region, only its pixels count. */
+uint64_t renderImageBytes(const SceneDesc &scene, const Region &region = Region());
 
 /* The library's memory tags reported by the renderer. */
 const std::vector<std::string> &libraryMemoryTags();

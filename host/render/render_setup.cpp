@@ -182,6 +182,9 @@ void RenderSession::setCamera()
 /* Frame buffers, the exporter's block and the state shaders. */
 void RenderSession::setFrameBuffers()
 {
+    /* each sample's pass values go from the state's buffers straight into
+       the pixel filter: no image of the renderer's own beside the host's */
+    ctx_->use_sample_framebuffers();
     for (int pi : layout_.entryPass)
         fbIndex_[size_t(pi)] = ctx_->add_framebuffer(s_.passes[size_t(pi)].name);
     for (int pi : layout_.constantPass)

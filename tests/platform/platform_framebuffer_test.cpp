@@ -56,6 +56,42 @@ TEST_F(Core, FrameBufferPutGetAndRejectedIndices)
     ctx.end_state(s);
 }
 
+TEST_F(Core, SampleFrameBuffersHoldEachStatesSampleOnly)
+{
+    mirt::Context ctx(4, 3);
+    ctx.use_sample_framebuffers();
+    EXPECT_EQ(ctx.add_framebuffer("diffuse"), 1);
+    EXPECT_EQ(ctx.add_framebuffer("specular"), 2);
+    miState *a = ctx.begin_state(0), *b = ctx.begin_state(1);
+    ctx.begin_sample(a, 3, 2);
+    ctx.begin_sample(b, 3, 2);
+    const miColor c{0.25f, 0.5f, 0.75f, 1.0f};
+    EXPECT_TRUE(mi_fb_put(a, 2, const_cast<miColor *>(&c)));
+    // each eye state has its own values, whatever the raster position;
+    // unknown indices are rejected as with images
+    miColor *va = ctx.sample_framebuffers(a), *vb = ctx.sample_framebuffers(b);
+    ASSERT_NE(va, nullptr);
+    ASSERT_NE(vb, nullptr);
+    EXPECT_NE(va, vb);
+    EXPECT_EQ(std::memcmp(&va[1], &c, sizeof c), 0);
+    EXPECT_EQ(va[0].g, 0.0f);
+    EXPECT_EQ(vb[1].g, 0.0f);
+    EXPECT_FALSE(mi_fb_put(a, 3, const_cast<miColor *>(&c)));
+    a->raster_x = 40; /* no image to fall outside of */
+    miColor probe{9, 9, 9, 9};
+    EXPECT_TRUE(mi_fb_get(a, 2, &probe));
+    EXPECT_EQ(probe.b, 0.75f);
+    // a child state of the sample reaches the same values; no image is kept
+    miState *child = mirt::child_state(a);
+    EXPECT_TRUE(mi_fb_put(child, 1, const_cast<miColor *>(&c)));
+    EXPECT_EQ(va[0].r, 0.25f);
+    EXPECT_EQ(ctx.fb_pixel(2, 3, 2).g, 0.0f);
+    ctx.end_state(a);
+    ctx.end_state(b);
+    mirt::Context plain(2, 2);
+    EXPECT_EQ(plain.sample_framebuffers(nullptr), nullptr);
+}
+
 TEST_F(Core, ShaderInterfaceHandlesBalance)
 {
     mirt::Context ctx;
