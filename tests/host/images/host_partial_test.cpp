@@ -261,7 +261,19 @@ TEST_F(Parts, PartsThatDoNotMakeOneRenderAreRefusedByName)
     std::string changed = bytes;
     changed[changed.size() - 40] ^= 0x10;
     std::ofstream(flipped, std::ios::binary) << changed;
-    for (const std::string &bad : {cut, flipped, dir() + "/none.exr"})
+    // Whole as a file but one pixel changed since it was written (the
+    // header's checksum no longer matches).
+    const std::string edited = dir() + "/edited.exr";
+    {
+        ExrWindow w;
+        auto layers = readExr(parts[1], &w);
+        layers[3].second.rgba[17] += 0.5f;
+        std::vector<Layer> out;
+        for (const auto &l : layers)
+            out.push_back(Layer{l.first, &l.second});
+        writeExr(edited, out, readExrAttributes(parts[1]), w);
+    }
+    for (const std::string &bad : {cut, flipped, edited, dir() + "/none.exr"})
         expectSays(refusal({parts[0], bad, parts[2]}), {bad + " is not a whole partial render", "render that part again"});
     writeOutputs(renderWith(s, 2, 8), dir());
     expectSays(refusal({dir() + "/render.exr"}), {dir() + "/render.exr is not a partial render"});
