@@ -133,7 +133,7 @@ TEST_F(Trace, RecordsOfABuiltInstanceReadBackByOffset)
     /* position 3 + normal 3 + texture 3 + derivatives 6 + one bump pair 6 */
     const int vsize = at<miUshort>(b, 48);
     EXPECT_EQ(vsize, 21);
-    /* the normal blend; normal offset, derivative count, bump pairs, texture spaces, no motion vectors */
+    /* normal blend, normal position, texture position and space count, bump vector count, no motion vectors */
     const std::pair<size_t, int> bytes[] = {{1, 128}, {50, 3}, {57, 6}, {58, 1}, {54, 2}, {56, 0}};
     for (const auto &w : bytes)
         EXPECT_EQ(at<miUchar>(b, w.first), w.second) << "byte " << w.first;
