@@ -40,9 +40,23 @@ inline constexpr float kTol = 1e-4f;
 
 class HostRender : public RuntimeTest {};
 
+/* The bytes of a file; "" when it cannot be read. */
+inline std::string readFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
 inline float maxDiff(const miColor &a, const miColor &b)
 {
     return std::max({std::fabs(a.r - b.r), std::fabs(a.g - b.g), std::fabs(a.b - b.b)});
+}
+
+inline float maxDiff(const miVector &a, const miVector &b)
+{
+    return maxDiff(miColor{a.x, a.y, a.z, 0}, miColor{b.x, b.y, b.z, 0});
 }
 
 inline float maxRGB(const Image &img)

@@ -186,10 +186,7 @@ TEST_F(Core, RenderThreadsKeepTheirStatesApart)
     EXPECT_EQ(wrong.load(), 0);
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x) {
-            const miColor c = ctx.fb_pixel(fb, x, y);
-            EXPECT_EQ(c.r, float(x));
-            EXPECT_EQ(c.g, float(y));
-            EXPECT_EQ(c.b, float(y % kThreads));
+            expectRGB(ctx.fb_pixel(fb, x, y), float(x), float(y), float(y % kThreads), 0);
         }
     EXPECT_EQ(countLevel(mirt::Level::Error), 0);
 }

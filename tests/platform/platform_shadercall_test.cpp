@@ -52,10 +52,7 @@ TEST_F(Core, PhenEvalCallsTheConnectedShaderWithTheSameState)
     auto *rk = static_cast<float *>(mi_phen_eval(s, &params->k));
     EXPECT_EQ(g_sourceCalls.load(), 2);
     // both results still valid after evaluating several parameters in a row
-    EXPECT_EQ(ra->r, 3.0f);
-    EXPECT_EQ(ra->g, -4.0f);
-    EXPECT_EQ(ra->b, static_cast<float>(src1));
-    EXPECT_EQ(ra->a, static_cast<float>(miSHADER_TEXTURE));
+    expectColor(*ra, 3, -4, static_cast<float>(src1), static_cast<float>(miSHADER_TEXTURE), 0);
     EXPECT_EQ(rb->r, 4.5f);
     EXPECT_EQ(rb->b, static_cast<float>(src2));
     EXPECT_EQ(rk, &params->k) << "an unconnected parameter is read in place";

@@ -110,15 +110,11 @@ TEST_F(Trace, RecordsOfABuiltInstanceReadBackByOffset)
     // instance: matrices at 8 and 72, tags at 136, 140, 208, 216, 220
     for (int i = 0; i < 16; ++i)
         EXPECT_EQ(at<float>(g.instance, 72 + 4 * i), d.local_to_global[i]) << i;
-    EXPECT_FLOAT_EQ(at<float>(g.instance, 8 + 4 * 12), -5.0f);
-    EXPECT_FLOAT_EQ(at<float>(g.instance, 8 + 4 * 13), 3.0f);
-    EXPECT_FLOAT_EQ(at<float>(g.instance, 8 + 4 * 14), -2.0f);
+    expectVec(at<miVector>(g.instance, 8 + 4 * 12), -5, 3, -2, kUlps, "inverse translation");
     EXPECT_FLOAT_EQ(at<float>(g.instance, 8 + 4 * 0), 1.0f);
-    EXPECT_EQ(at<miTag>(g.instance, 136), 0x111u);
-    EXPECT_EQ(at<miTag>(g.instance, 140), 0x222u);
-    EXPECT_EQ(at<miTag>(g.instance, 208), g.object);
-    EXPECT_EQ(at<miTag>(g.instance, 216), 0x333u);
-    EXPECT_EQ(at<miTag>(g.instance, 220), g.geolist);
+    const std::pair<size_t, miTag> tags[] = {{136, 0x111}, {140, 0x222}, {208, g.object}, {216, 0x333}, {220, g.geolist}};
+    for (const auto &t : tags)
+        EXPECT_EQ(at<miTag>(g.instance, t.first), t.second) << "byte " << t.first;
 
     // object: user data 0, type 12, object-space box
     EXPECT_EQ(at<miTag>(g.object, 0), 0x444u);
@@ -132,17 +128,15 @@ TEST_F(Trace, RecordsOfABuiltInstanceReadBackByOffset)
 
     // box header
     const miTag b = g.boxes[0];
-    EXPECT_EQ(at<miUchar>(b, 1), 128);
     EXPECT_EQ(at<miUint>(b, 36), 4u);
     EXPECT_EQ(at<miUint>(b, 40), 6u);
     /* position 3 + normal 3 + texture 3 + derivatives 6 + one bump pair 6 */
     const int vsize = at<miUshort>(b, 48);
     EXPECT_EQ(vsize, 21);
-    EXPECT_EQ(at<miUchar>(b, 50), 3);
-    EXPECT_EQ(at<miUchar>(b, 57), 6);
-    EXPECT_EQ(at<miUchar>(b, 58), 1);
-    EXPECT_EQ(at<miUchar>(b, 54), 2);
-    EXPECT_EQ(at<miUchar>(b, 56), 0) << "no motion vectors";
+    /* normal blend, normal position, texture position and space count, bump vector count, no motion vectors */
+    const std::pair<size_t, int> bytes[] = {{1, 128}, {50, 3}, {57, 6}, {58, 1}, {54, 2}, {56, 0}};
+    for (const auto &w : bytes)
+        EXPECT_EQ(at<miUchar>(b, w.first), w.second) << "byte " << w.first;
     const miUint sizes = at<miUint>(b, 96);
     EXPECT_EQ(at<miUint>(b, sizes), 0u);
     EXPECT_EQ(at<miUint>(b, sizes + 4), 3u);
@@ -164,10 +158,10 @@ TEST_F(Trace, RecordsOfABuiltInstanceReadBackByOffset)
             /* the plane's texture space spans it once: u = x / 2 + 0.5, v = y + 0.5 */
             expectVec(uv, want.x / 2 + 0.5f, want.y + 0.5f, 0);
             /* dP/du = (size_x, 0, 0), dP/dv = (0, size_y, 0); the bump pair repeats them */
-            expectVec(at<miVector>(b, rec + 4 * dpos), 2, 0, 0);
-            expectVec(at<miVector>(b, rec + 4 * dpos + 12), 0, 1, 0);
-            expectVec(at<miVector>(b, rec + 4 * bpos), 2, 0, 0);
-            expectVec(at<miVector>(b, rec + 4 * bpos + 12), 0, 1, 0);
+            for (const int pos : {dpos, bpos}) {
+                expectVec(at<miVector>(b, rec + 4 * pos), 2, 0, 0);
+                expectVec(at<miVector>(b, rec + 4 * pos + 12), 0, 1, 0);
+            }
         }
     mirt::delete_instance(g);
     EXPECT_EQ(mirt::db_data(g.instance), nullptr);
@@ -270,9 +264,7 @@ TEST_F(Trace, PlaneHitsGiveDistanceNormalBarycentricsAndTexture)
     expectVec(h.normal, 0, 0, 1);
     expectVec(h.normal_geom, 0, 0, 1);
     /* (0.3, 0.2) - a = (1.3, 1.2) = w1 (2, 0) + w2 (2, 2): w2 = 0.6, w1 = 0.05 */
-    EXPECT_NEAR(h.bary[0], 0.35f, 1e-6);
-    EXPECT_NEAR(h.bary[1], 0.05f, 1e-6);
-    EXPECT_NEAR(h.bary[2], 0.6f, 1e-6);
+    expectVec({h.bary[0], h.bary[1], h.bary[2]}, 0.35f, 0.05f, 0.6f, 1e-6f, "barycentrics");
     EXPECT_EQ(h.bary[3], 0.0f);
     EXPECT_EQ(h.pri, mirt::db_data(g.boxes[0]));
     EXPECT_EQ(h.pri_idx, 0);
@@ -880,6 +872,17 @@ protected:
         LightParams p{c, refuseOdd ? 1 : 0};
         return mirt::make_function(miSHADER_LIGHT, recordingLight, &p, sizeof p, 16, false, "light");
     }
+    /* A whole light loop of `light` at st: the samples it yielded; n is the loop's count. */
+    static int loop(miState *st, miTag light, int &n)
+    {
+        miColor c;
+        miVector dir;
+        miScalar dot_nl;
+        int yielded = 0;
+        while (mi_sample_light(&c, &dir, &dot_nl, st, light, &n))
+            ++yielded;
+        return yielded;
+    }
 };
 
 TEST_F(Lights, PointLightGivesOneSampleWithDirectionAndCosine)
@@ -963,20 +966,12 @@ TEST_F(Lights, RefusedSamplesAreSkippedButCounted)
 {
     const miTag light = ctx->add_rect_light({0, 0, 5}, {1, 0, 0}, {0, 1, 0}, 5, shader({1, 1, 1, 1}, true));
     miState *st = sampleState();
-    miColor c;
-    miVector dir;
-    miScalar dot_nl;
-    int n = 0, yielded = 0;
-    while (mi_sample_light(&c, &dir, &dot_nl, st, light, &n))
-        ++yielded;
+    int n = 0;
+    EXPECT_EQ(loop(st, light, n), 3) << "calls 0, 2 and 4 are accepted";
     EXPECT_EQ(g_lightCalls, 5);
-    EXPECT_EQ(yielded, 3) << "calls 0, 2 and 4 are accepted";
     EXPECT_EQ(n, 5);
     // a second loop at the same point starts afresh
-    yielded = 0;
-    while (mi_sample_light(&c, &dir, &dot_nl, st, light, &n))
-        ++yielded;
-    EXPECT_EQ(yielded, 2) << "the shader's call count continues: calls 6 and 8";
+    EXPECT_EQ(loop(st, light, n), 2) << "the shader's call count continues: calls 6 and 8";
     EXPECT_EQ(n, 5);
 }
 
@@ -995,14 +990,10 @@ TEST_F(Lights, NestedLoopsOnOtherStatesKeepTheirOwnPosition)
     int n1 = 0, outer = 0, innerTotal = 0, otherLight = 0;
     while (mi_sample_light(&c, &dir, &dot_nl, s1, a, &n1)) {
         ++outer;
-        int n2 = 0, inner = 0;
-        while (mi_sample_light(&c, &dir, &dot_nl, s2, a, &n2))
-            ++inner;
+        int n2 = 0, n3 = 0;
+        innerTotal += loop(s2, a, n2);
         EXPECT_EQ(n2, 4);
-        innerTotal += inner;
-        int n3 = 0;
-        while (mi_sample_light(&c, &dir, &dot_nl, s1, b, &n3))
-            ++otherLight;
+        otherLight += loop(s1, b, n3);
         EXPECT_EQ(n3, 1);
     }
     EXPECT_EQ(outer, 4);
@@ -1017,11 +1008,8 @@ TEST_F(Lights, BadLightTagIsReported)
 {
     miState *st = beginState();
     mirt::clear_messages();
-    miColor c;
-    miVector dir;
-    miScalar dot_nl;
     int n = 7;
-    EXPECT_FALSE(mi_sample_light(&c, &dir, &dot_nl, st, ctx->camera_instance(), &n));
+    EXPECT_EQ(loop(st, ctx->camera_instance(), n), 0);
     EXPECT_EQ(n, 0);
     ASSERT_EQ(mirt::messages().size(), 1u);
     EXPECT_EQ(mirt::messages()[0].level, mirt::Level::Error);
@@ -1161,10 +1149,7 @@ TEST_F(Trace, AverageRadianceOfAConstantEnvironmentIsThatConstant)
     o.finalgather_scale = -1;
     miColor r{};
     ASSERT_TRUE(mi_compute_avg_radiance(&r, st, 'f', &o));
-    EXPECT_EQ(r.r, 0.25f);
-    EXPECT_EQ(r.g, 0.5f);
-    EXPECT_EQ(r.b, 0.75f);
-    EXPECT_EQ(r.a, 1.0f);
+    expectColor(r, 0.25f, 0.5f, 0.75f, 1, 0);
     EXPECT_EQ(g_gather.size(), 7u) << "the record's ray count";
     for (const miState &s : g_gather) {
         EXPECT_EQ(s.type, miRAY_ENVIRONMENT);

@@ -6,6 +6,7 @@
  * ramp parameters from `ramp POSITION ... INTERPOLATION` keys that the
  * library's ramp_constructor reads.
  */
+#include "expect_values.h"
 #include "runtime.h"
 #include "runtime_internal.h"
 #include "shader_loader.h"
@@ -65,11 +66,7 @@ TEST(ShaderDeclarations, RampKeysFromTheSceneReachRampConstructor)
     EXPECT_EQ(at<int>(f, 44), 2);
     EXPECT_EQ(at<float>(f, 48 + 24 + 8), 0.5f); /* second key's green */
     EXPECT_EQ(at<int>(f, 48 + 24 + 20), 1);     /* linear */
-    const miColor c = run(d);
-    EXPECT_FLOAT_EQ(c.r, 1.0f);
-    EXPECT_FLOAT_EQ(c.g, 0.5f);
-    EXPECT_FLOAT_EQ(c.b, 0.25f);
-    EXPECT_FLOAT_EQ(c.a, 10.0f);
+    expectColor(run(d), 1, 0.5f, 0.25f, 10, kUlps);
 
     /* three keys, the first two held (none), and a scalar ramp of two smooth keys */
     const miTag v = libs.instantiate(

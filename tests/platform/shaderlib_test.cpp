@@ -3,6 +3,7 @@
  * by name, parameter layout and defaults for every type, scene values,
  * connections, init/exit order, every error with its message, unloading.
  */
+#include "expect_values.h"
 #include "runtime.h"
 #include "shader_loader.h"
 #include "loader_test_support.h"
@@ -60,10 +61,7 @@ TEST(ShaderLibraryLoader, LayoutAndDefaultsOfEveryType)
     EXPECT_EQ(at<int>(f, 4), 7);
     EXPECT_EQ(at<int>(f, 8), miTRUE);
     const miColor c = at<miColor>(f, 12);
-    EXPECT_EQ(c.r, 0.1f);
-    EXPECT_EQ(c.g, 0.2f);
-    EXPECT_EQ(c.b, 0.3f);
-    EXPECT_EQ(c.a, 1.0f); /* alpha 1 when three components are given */
+    expectColor(c, 0.1f, 0.2f, 0.3f, 1, 0, "alpha 1 when three components are given");
     const miVector v = at<miVector>(f, 28);
     EXPECT_EQ(v.x + 10 * v.y + 100 * v.z, 321.0f);
     EXPECT_EQ(at<float>(f, 40 + 4 * 12), 4.0f);

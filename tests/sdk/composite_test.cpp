@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -17,7 +18,7 @@ struct Record {
     float f[64];
     Record() { std::fill(f, f + 64, kUntouched); }
     float *at(int off) { return f + off / 4; }
-    void expect(int off, std::initializer_list<float> v, const char *what)
+    void expect(int off, const std::vector<float> &v, const char *what)
     {
         int i = 0;
         for (float x : v) {
@@ -101,45 +102,6 @@ void run(const BaseComposite &bc, Record &rec, const Inputs &in, bool withE = tr
                  rule, 0.625f, 2.0f, 0.5f, 0.5f);
 }
 
-TEST(Composite, Mode0FullSumAndCopies)
-{
-    Inputs in;
-    Record rec;
-    run(construct(0), rec, in);
-    // ((d0 + c + h + a) * (1 - tr) + b) -> (5.875, 15.0625, 10.28125); secondary = 2x;
-    // + e0 and f (secondary + 0.5x each); + g.
-    rec.expect(0x00, {8.5f, 19.5625f, 19.40625f, 0.75f}, "result");
-    rec.expect(0x10, {13.0f, 32.25f, 24.9375f}, "secondary");
-    rec.expect(0x20, {0.5f, 0.5f, 0.5f}, "opacity");
-    rec.expect(0x40, {0.25f, 0.5f, 1, 101}, "A");
-    rec.expect(0x50, {1, 1, 1, 102}, "B");
-    rec.expect(0x60, {1, 2, 4, 103}, "C");
-    rec.expect(0x70, {0.5f, 0.25f, 0.125f, 0.75f}, "D0");
-    rec.expectUntouched(0x80, 4, "D1");
-    rec.expectUntouched(0x90, 4, "K");
-    rec.expect(0xa0, {2, 4, 8, 104}, "E0");
-    rec.expectUntouched(0xb0, 4, "E1");
-    rec.expect(0xc0, {0.5f, 0.25f, 0.75f, 106}, "F");
-    rec.expect(0xd0, {0.125f, 0.25f, 0.375f, 107}, "G");
-    rec.expect(0xe0, {8, 16, 32, 108}, "H");
-    rec.expect(0xf0, {0.5f, 0.75f, 0.25f}, "1 - transparency");
-    rec.expectUntouched(0x30, 4, "transparency is only read");
-}
-
-TEST(Composite, Mode1UsesSecondColours)
-{
-    Inputs in;
-    Record rec;
-    run(construct(1), rec, in);
-    // d1 (3,5,6) + c + h + a = (12.25, 23.5, 43) * (0.5, 0.75, 0.25) + b = (7.125, 18.625, 11.75)
-    rec.expect(0x10, {14.25f + 8 + 0.25f, 37.25f + 16 + 0.125f, 23.5f + 32 + 0.375f}, "secondary");
-    rec.expect(0x00, {7.125f + 16 + 0.5f + 0.125f, 18.625f + 32 + 0.25f + 0.25f, 11.75f + 64 + 0.75f + 0.375f, 0.5f}, "result");
-    rec.expect(0x80, {3, 5, 6, 0.5f}, "D1");
-    rec.expect(0xb0, {16, 32, 64, 105}, "E1");
-    rec.expectUntouched(0x70, 4, "D0");
-    rec.expectUntouched(0xa0, 4, "E0");
-}
-
 TEST(Composite, EarlyReturnsLeaveTheRest)
 {
     Inputs in;
@@ -171,52 +133,72 @@ TEST(Composite, OpacityRules)
     other.expectUntouched(0x20, 3, "unknown rule");
 }
 
-TEST(Composite, TransparencyStagesAndZeroColour)
+// One composite per row: the flags, which optional inputs are given, zero
+// colour, opacity rule and transparency; then the record words it must leave
+// (U: untouched).
+TEST(Composite, SumsAndCopiesPerModeAndInput)
 {
-    Inputs in;
+    constexpr float U = kUntouched;
     const miColor clear{1, 1, 1, 1};
-    // Mode 3: only a, removed by full transparency; alpha of black.
-    Record r3;
-    run(construct(3), r3, in, true, true, 0, 1);
-    r3.expect(0x00, {0.125f, 0.375f, 0.25f, 0.0f}, "a * (1 - tr)");
-    Record r3c;
-    run(construct(3), r3c, in, true, true, 0, 1, &clear);
-    r3c.expect(0x00, {0, 0, 0, 0}, "a through clear");
-    // Mode 0 fully transparent: d0, c, h, a gone; b, e0, f, g stay.
-    Record r0;
-    run(construct(0), r0, in, true, true, 0, 1, &clear);
-    r0.expect(0x00, {3.625f, 5.5f, 10.125f, 0.75f}, "after-transparency terms");
-    r0.expect(0x10, {3.25f, 4.125f, 6.375f}, "secondary");
-    // zero_color: result rgb 0, secondary and copies as usual.
-    Record rz;
-    run(construct(0), rz, in, true, true, 1, 1);
-    rz.expect(0x00, {0, 0, 0, 0.75f}, "zeroed");
-    rz.expect(0x10, {13.0f, 32.25f, 24.9375f}, "secondary kept");
-    rz.expect(0xd0, {0.125f, 0.25f, 0.375f, 107}, "G still copied");
-}
-
-TEST(Composite, NullOptionalInputs)
-{
-    Inputs in;
-    Record rec;
-    run(construct(0), rec, in, false, false);
-    // (d0 + c + a) * (1 - tr) + b + g: no e, f, h.
-    rec.expect(0x00, {0.875f + 1 + 0.125f, 2.0625f + 1 + 0.25f, 1.28125f + 1 + 0.375f, 0.75f}, "result");
-    rec.expect(0x10, {3.75f, 6.125f, 4.5625f}, "secondary");
-    rec.expectUntouched(0xa0, 4, "E0");
-    rec.expectUntouched(0xc0, 4, "F");
-    rec.expectUntouched(0xe0, 4, "H");
-    // Mode 5 (E1, F): black start, no transparency terms.
-    Record r5;
-    run(construct(5), r5, in);
-    r5.expect(0x00, {16.5f, 32.25f, 64.75f, 0}, "e1 + f");
-    r5.expect(0x10, {8.25f, 16.125f, 32.375f}, "0.5 (e1 + f)");
-    // Caller-made flags with both E bits: the first colour is added, both are copied.
-    Record re;
-    run(BaseComposite{0, 0, 0, BC_E0 | BC_E1}, re, in);
-    re.expect(0x00, {2, 4, 8, 0}, "e0 only");
-    re.expect(0xa0, {2, 4, 8, 104}, "E0");
-    re.expect(0xb0, {16, 32, 64, 105}, "E1");
+    struct Word {
+        int off;
+        std::vector<float> v;
+        const char *what;
+    };
+    const struct Row {
+        const char *name;
+        BaseComposite bc;
+        bool withE, withFH;
+        int zero, rule;
+        const miColor *tr;
+        std::vector<Word> words;
+    } rows[] = {
+        // ((d0 + c + h + a) * (1 - tr) + b) -> (5.875, 15.0625, 10.28125); secondary = 2x;
+        // + e0 and f (secondary + 0.5x each); + g.
+        {"mode 0", construct(0), true, true, 0, 1, nullptr,
+         {{0x00, {8.5f, 19.5625f, 19.40625f, 0.75f}, "result"}, {0x10, {13.0f, 32.25f, 24.9375f}, "secondary"},
+          {0x20, {0.5f, 0.5f, 0.5f}, "opacity"}, {0x40, {0.25f, 0.5f, 1, 101}, "A"}, {0x50, {1, 1, 1, 102}, "B"},
+          {0x60, {1, 2, 4, 103}, "C"}, {0x70, {0.5f, 0.25f, 0.125f, 0.75f}, "D0"}, {0x80, {U, U, U, U}, "D1"},
+          {0x90, {U, U, U, U}, "K"}, {0xa0, {2, 4, 8, 104}, "E0"}, {0xb0, {U, U, U, U}, "E1"},
+          {0xc0, {0.5f, 0.25f, 0.75f, 106}, "F"}, {0xd0, {0.125f, 0.25f, 0.375f, 107}, "G"},
+          {0xe0, {8, 16, 32, 108}, "H"}, {0xf0, {0.5f, 0.75f, 0.25f}, "1 - transparency"},
+          {0x30, {U, U, U, U}, "transparency is only read"}}},
+        // d1 (3,5,6) + c + h + a = (12.25, 23.5, 43) * (0.5, 0.75, 0.25) + b = (7.125, 18.625, 11.75)
+        {"mode 1 takes the second colours", construct(1), true, true, 0, 1, nullptr,
+         {{0x10, {14.25f + 8 + 0.25f, 37.25f + 16 + 0.125f, 23.5f + 32 + 0.375f}, "secondary"},
+          {0x00, {7.125f + 16 + 0.5f + 0.125f, 18.625f + 32 + 0.25f + 0.25f, 11.75f + 64 + 0.75f + 0.375f, 0.5f}, "result"},
+          {0x80, {3, 5, 6, 0.5f}, "D1"}, {0xb0, {16, 32, 64, 105}, "E1"}, {0x70, {U, U, U, U}, "D0"},
+          {0xa0, {U, U, U, U}, "E0"}}},
+        // Mode 3: only a, removed by full transparency; alpha of black.
+        {"mode 3", construct(3), true, true, 0, 1, nullptr, {{0x00, {0.125f, 0.375f, 0.25f, 0.0f}, "a * (1 - tr)"}}},
+        {"mode 3 clear", construct(3), true, true, 0, 1, &clear, {{0x00, {0, 0, 0, 0}, "a through clear"}}},
+        // Mode 0 fully transparent: d0, c, h, a gone; b, e0, f, g stay.
+        {"mode 0 clear", construct(0), true, true, 0, 1, &clear,
+         {{0x00, {3.625f, 5.5f, 10.125f, 0.75f}, "after-transparency terms"}, {0x10, {3.25f, 4.125f, 6.375f}, "secondary"}}},
+        // zero_color: result rgb 0, secondary and copies as usual.
+        {"zero colour", construct(0), true, true, 1, 1, nullptr,
+         {{0x00, {0, 0, 0, 0.75f}, "zeroed"}, {0x10, {13.0f, 32.25f, 24.9375f}, "secondary kept"},
+          {0xd0, {0.125f, 0.25f, 0.375f, 107}, "G still copied"}}},
+        // (d0 + c + a) * (1 - tr) + b + g: no e, f, h.
+        {"no e, f, h", construct(0), false, false, 0, 1, nullptr,
+         {{0x00, {0.875f + 1 + 0.125f, 2.0625f + 1 + 0.25f, 1.28125f + 1 + 0.375f, 0.75f}, "result"},
+          {0x10, {3.75f, 6.125f, 4.5625f}, "secondary"}, {0xa0, {U, U, U, U}, "E0"}, {0xc0, {U, U, U, U}, "F"},
+          {0xe0, {U, U, U, U}, "H"}}},
+        // Mode 5 (E1, F): black start, no transparency terms.
+        {"mode 5", construct(5), true, true, 0, 1, nullptr,
+         {{0x00, {16.5f, 32.25f, 64.75f, 0}, "e1 + f"}, {0x10, {8.25f, 16.125f, 32.375f}, "0.5 (e1 + f)"}}},
+        // Caller-made flags with both E bits: the first colour is added, both are copied.
+        {"both E bits", BaseComposite{0, 0, 0, BC_E0 | BC_E1}, true, true, 0, 1, nullptr,
+         {{0x00, {2, 4, 8, 0}, "e0 only"}, {0xa0, {2, 4, 8, 104}, "E0"}, {0xb0, {16, 32, 64, 105}, "E1"}}},
+    };
+    const Inputs in;
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        Record rec;
+        run(r.bc, rec, in, r.withE, r.withFH, r.zero, r.rule, r.tr);
+        for (const Word &w : r.words)
+            rec.expect(w.off, w.v, w.what);
+    }
 }
 
 } // namespace

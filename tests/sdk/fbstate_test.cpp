@@ -555,15 +555,11 @@ TEST_F(FbState, InitShaderFillsNonMaterialPasses)
     // Direct calls: indices beyond the array and the operations that do nothing.
     for (int i = 1; i <= buffers; ++i)
         ctx->set_fb_pixel(i, 1, 1, {9, 9, 9, 9});
-    for (int pass : {2, -1, INT_MAX}) {
-        miShader_state_arg arg{2, miTRUE};
-        druxFrameBufferInit_params p{pass, {1, 1, 1, 1}};
-        EXPECT_TRUE(druxFrameBufferInit(nullptr, st, &p, &arg));
-    }
-    for (int op : {0, 1, 3}) {
-        miShader_state_arg arg{op, miTRUE};
-        druxFrameBufferInit_params p{0, {1, 1, 1, 1}};
-        EXPECT_TRUE(druxFrameBufferInit(nullptr, st, &p, &arg));
+    const std::pair<int, int> calls[] = {{2, 2}, {2, -1}, {2, INT_MAX}, {0, 0}, {1, 0}, {3, 0}}; // {op, pass}
+    for (const auto &c : calls) {
+        miShader_state_arg arg{c.first, miTRUE};
+        druxFrameBufferInit_params p{c.second, {1, 1, 1, 1}};
+        EXPECT_TRUE(druxFrameBufferInit(nullptr, st, &p, &arg)) << "op " << c.first << ", pass " << c.second;
     }
     for (int i = 1; i <= buffers; ++i)
         expectColor(ctx->fb_pixel(i, 1, 1), 9, 9, 9, 9, 0);

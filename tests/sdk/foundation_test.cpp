@@ -63,12 +63,9 @@ TEST(Constants, DefaultLightData)
 {
     static_assert(sizeof(LightData) == 48, "48 bytes");
     const unsigned char *raw = reinterpret_cast<const unsigned char *>(&defaultLightDataArray);
-    int ints[4];
-    std::memcpy(ints, raw, 16);
-    EXPECT_EQ(ints[0], 0);
-    EXPECT_EQ(ints[1], 1);
-    EXPECT_EQ(ints[2], 1);
-    EXPECT_EQ(ints[3], 0);
+    std::vector<int> ints(4);
+    std::memcpy(ints.data(), raw, 16);
+    EXPECT_EQ(ints, (std::vector<int>{0, 1, 1, 0}));
     miColor c;
     std::memcpy(&c, raw + 16, 16);
     expectColor(c, 1, 1, 1, 1);
@@ -393,9 +390,7 @@ TEST(Colour, RoundTripsAndInPlace)
         ASSERT_GE(h.r, 0.0f);
         ASSERT_LT(h.r, 1.0f);
         hsv_to_rgb(&h, &back);
-        EXPECT_NEAR(back.r, rgb.r, 2e-5);
-        EXPECT_NEAR(back.g, rgb.g, 2e-5);
-        EXPECT_NEAR(back.b, rgb.b, 2e-5);
+        expectRGB(back, rgb.r, rgb.g, rgb.b, 2e-5f);
         EXPECT_EQ(back.a, rgb.a);
         hsv_to_rgb(&h, &h); // in place
         EXPECT_EQ(std::memcmp(&h, &back, sizeof h), 0);
@@ -416,6 +411,12 @@ struct TimeSampler : RuntimeTest {
         ctx->set_query_int(miQ_MOTION_BY_RENDERER, 0);
         ctx->set_query_int(miQ_PRECOMPUTE_PASS, 0);
     }
+    TmSampler init(int motion = 1)
+    {
+        TmSampler s;
+        tmsampler_init(&s, state, motion);
+        return s;
+    }
     std::vector<double> run(int motion, double start)
     {
         TmSampler s;
@@ -434,8 +435,7 @@ struct TimeSampler : RuntimeTest {
 
 TEST_F(TimeSampler, FiveSamplesWrapIntoTheShutter)
 {
-    TmSampler s;
-    tmsampler_init(&s, state, 1);
+    const TmSampler s = init();
     EXPECT_EQ(s.count, 5u);
     EXPECT_FLOAT_EQ(s.step, 0.2f);
     auto t = run(1, 0.9);
@@ -447,47 +447,38 @@ TEST_F(TimeSampler, FiveSamplesWrapIntoTheShutter)
 
 TEST_F(TimeSampler, CountsFromTheSmallestContrast)
 {
+    // The smallest of r, g and b sets the count (1 / m, at most 100); none
+    // below 1 gives one sample stepping the whole shutter.
     const struct {
-        float m;
+        miColor contrast;
         unsigned count;
-    } cases[] = {{0.3f, 3}, {0.005f, 100}, {0.0099f, 100}};
+    } cases[] = {{{1, 0.3f, 1, 1}, 3}, {{1, 0.005f, 1, 1}, 100}, {{1, 0.0099f, 1, 1}, 100}, {{1, 2, 1.5f, 0}, 1}};
     for (const auto &c : cases) {
-        ctx->options().time_contrast = miColor{1.0f, c.m, 1.0f, 1.0f};
-        TmSampler s;
-        tmsampler_init(&s, state, 1);
-        EXPECT_EQ(s.count, c.count) << c.m;
-        EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(c.count));
+        ctx->options().time_contrast = c.contrast;
+        const TmSampler s = init();
+        EXPECT_EQ(s.count, c.count) << c.contrast.g;
+        EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(c.count)) << c.contrast.g;
     }
     // A contrast of exactly 1/k must give k samples: 1/(1/k) rounds to just
     // below k for some k (29.99998 for k = 30), so the count may not truncate.
     for (int k = 2; k <= 100; ++k) {
-        const float m = 1.0f / static_cast<float>(k);
-        ctx->options().time_contrast = miColor{m, 1.0f, 1.0f, 1.0f};
-        TmSampler s;
-        tmsampler_init(&s, state, 1);
+        ctx->options().time_contrast = miColor{1.0f / static_cast<float>(k), 1.0f, 1.0f, 1.0f};
+        const TmSampler s = init();
         EXPECT_EQ(s.count, static_cast<unsigned>(k)) << "m = 1/" << k;
         EXPECT_FLOAT_EQ(s.step, 1.0f / static_cast<float>(k)) << k;
     }
-    ctx->options().time_contrast = miColor{1.0f, 2.0f, 1.5f, 0.0f};
-    TmSampler s;
-    tmsampler_init(&s, state, 1);
-    EXPECT_EQ(s.count, 1u);
-    EXPECT_FLOAT_EQ(s.step, 1.0f) << "one sample stepping the whole shutter";
 }
 
 TEST_F(TimeSampler, SingleSampleCases)
 {
-    auto expectSingle = [&](const char *why) {
-        TmSampler s;
-        tmsampler_init(&s, state, 1);
+    auto expectSingle = [&](const char *why, int motion = 1) {
+        const TmSampler s = init(motion);
         EXPECT_EQ(s.count, 1u) << why;
         EXPECT_EQ(s.step, 0.0f) << why;
     };
+    expectSingle("no motion", 0);
     {
-        TmSampler s;
-        tmsampler_init(&s, state, 0);
-        EXPECT_EQ(s.count, 1u);
-        EXPECT_EQ(s.step, 0.0f);
+        TmSampler s = init(0);
         state->time = 0.4;
         tmsampler_next(&s, state);
         EXPECT_EQ(state->time, 0.4) << "adds nothing";

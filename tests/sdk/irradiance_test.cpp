@@ -114,9 +114,7 @@ TEST_F(Irradiance, ConnectedInputBypassesTheRenderer)
     bss->pathWeight = {0, 0, 0, 0};
     p->tint = {0.5f, 1, 2, 1};
     const miColor r = irradiance({0.5f, 0.5f, 0.5f, 1}, {0, 0, 0, 0}, 2);
-    EXPECT_FLOAT_EQ(r.r, 0.5f * 2);
-    EXPECT_FLOAT_EQ(r.g, 1 * 4);
-    EXPECT_FLOAT_EQ(r.b, 2 * 8);
+    expectRGB(r, 0.5f * 2, 1 * 4, 2 * 8, kUlps);
     EXPECT_TRUE(ctx->irradiance_calls().empty());
 }
 
@@ -223,13 +221,12 @@ TEST_F(Irradiance, RayCountsOfZeroOrBelow)
         expectColor(bss->pathWeight, 1, 1, 1, 1, 0); // never divided by such a count, and restored
     }
     const std::vector<miIrrad_options> objectCalls = ctx->irradiance_calls();
-    ASSERT_EQ(objectCalls.size(), 4u);
-    EXPECT_EQ(objectCalls[0].finalgather_rays, 0);
-    EXPECT_EQ(objectCalls[1].finalgather_rays, 0);
-    EXPECT_EQ(objectCalls[2].finalgather_rays, -3);
-    EXPECT_EQ(objectCalls[3].finalgather_rays, 0);
-    for (const miIrrad_options &o : objectCalls)
+    std::vector<int> rays;
+    for (const miIrrad_options &o : objectCalls) {
+        rays.push_back(o.finalgather_rays);
         EXPECT_EQ(o.finalgather_maxradius, 7.5f) << "the object's record";
+    }
+    EXPECT_EQ(rays, (std::vector<int>{0, 0, -3, 0}));
     EXPECT_TRUE(gatherWeights.empty()) << "no ray to gather with";
 }
 
@@ -255,11 +252,9 @@ protected:
     {
         miVector a{-9, -9, -9}, b{-9, -9, -9};
         get_derivs(st, &a, &b, space, index);
-        for (auto [got, want] : {std::make_pair(a, du), std::make_pair(b, dv)}) {
-            EXPECT_NEAR(got.x, want.x, 1e-6f) << "space " << space << " index " << index;
-            EXPECT_NEAR(got.y, want.y, 1e-6f) << "space " << space << " index " << index;
-            EXPECT_NEAR(got.z, want.z, 1e-6f) << "space " << space << " index " << index;
-        }
+        SCOPED_TRACE(testing::Message() << "space " << space << " index " << index);
+        expectVec(a, du, 1e-6f, "du");
+        expectVec(b, dv, 1e-6f, "dv");
     }
 };
 

@@ -113,7 +113,7 @@ TEST_F(LightLoop, SampleLightEndMergesTheAverageIntoTheCurrentSlot)
         sampleLightEnd(r.st, r.n, r.e, 4, &c.mode, &c.useScale, &half);
         EXPECT_FALSE(has(r.e[0], FBINFO_IN_LIGHT_LOOP));
         for (miUint i = 0; i < r.n; ++i)
-            expectColor(r.e[i].slots[0].accum, c.want.r, c.want.g, c.want.b, c.want.a, 1e-6f);
+            expectColor(r.e[i].slots[0].accum, c.want, 1e-6f);
     }
     // Skipped: a pass taking no accumulation, a slot whose bit 0 refuses direct
     // light (bit 1 alone does not), no samples, environment rays.
@@ -259,9 +259,8 @@ TEST_F(LightLoop, DepthBoundsAreTheLimitAndTheSlotsOfTheSetUp)
         tracePassInit(r.n, r.e, r.st);
         tracePassAdd(r.n, r.e, r.st, miFALSE, WHITE);
         lightAt(depth);
-        expectColor(r.e[1].slots[0].accum, 9, 8, 7, 6, 0);
-        expectColor(r.e[1].slots[0].result, 9, 8, 7, 6, 0);
-        expectColor(r.e[1].slots[0].opacity, 9, 8, 7, 6, 0);
+        for (const miColor *c : {&r.e[1].slots[0].accum, &r.e[1].slots[0].result, &r.e[1].slots[0].opacity})
+            expectColor(*c, mark, 0);
         const float want = depth == 4 ? 1.0f : 0.0f; // slot 4 is the last the state has
         expectColor(r.e[0].slots[4].accum, want, want, want, want, 1e-6f);
     }
@@ -337,14 +336,13 @@ TEST_F(LightLoop, ShadowSumsAveragesAndOccluderVerdicts)
         r.e[i].shadowSum = miColor{1, 2, 3, 4};
     r.e[1].shadow = miColor{0.7f, 0.6f, 0.5f, 0.4f};
     traceShadowAccumulateEnd(r.n, r.e, 4, &light, &black);
-    expectColor(r.e[0].shadow, 0, 0, 0, 0, 1e-6f);
-    expectColor(r.e[0].light, 0, 0, 0, 1, 1e-6f);
-    expectColor(r.e[1].shadow, 0.7f, 0.6f, 0.5f, 0.4f, 1e-6f);
-    expectColor(r.e[1].light, 1, 0.5f, 2, 0.75f, 1e-6f); // the light's own alpha
-    expectColor(r.e[2].shadow, 0.25f, 0.5f, 0.75f, 1, 1e-6f);
-    expectColor(r.e[2].light, 0.25f, 0.25f, 1.5f, 1, 1e-6f);
-    expectColor(r.e[3].shadow, 0.25f, 0.5f, 0.75f, 1, 1e-6f);
-    expectColor(r.e[3].light, 0.75f, 0.25f, 0.5f, 1, 1e-6f);
+    const miColor shadows[4] = {{0, 0, 0, 0}, {0.7f, 0.6f, 0.5f, 0.4f}, {0.25f, 0.5f, 0.75f, 1}, {0.25f, 0.5f, 0.75f, 1}};
+    const miColor lights[4] = {{0, 0, 0, 1}, {1, 0.5f, 2, 0.75f} /* the light's own alpha */, {0.25f, 0.25f, 1.5f, 1},
+                               {0.75f, 0.25f, 0.5f, 1}};
+    for (miUint i = 0; i < 4; ++i) {
+        expectColor(r.e[i].shadow, shadows[i], 1e-6f, "shadow");
+        expectColor(r.e[i].light, lights[i], 1e-6f, "light");
+    }
     // 0 samples: the sum itself; l = (0.8,0.6,0.4), s = 0.2, t = (0.25,0.5,
     // 0.75): (1-t)s + tl = (0.35, 0.4, 0.35); shadow pass l - that.
     const miColor l{0.8f, 0.6f, 0.4f, 1}, s{0.2f, 0.2f, 0.2f, 1};
@@ -719,10 +717,8 @@ TEST_F(LightLoop, WholeLoopWithAPassAwareAndAnUnawareLight)
     t_seen = Seen();
     const std::vector<miColor> fb = s.shade(st);
     const Seen seen = t_seen;
-    EXPECT_EQ(seen.samples[0], 1);
-    EXPECT_EQ(seen.samples[1], 1);
-    EXPECT_EQ(seen.pending[0], 0); // A set itself up; B was set up for
-    EXPECT_EQ(seen.pending[1], 1);
+    EXPECT_EQ(std::vector<int>(seen.samples, seen.samples + 2), (std::vector<int>{1, 1}));
+    EXPECT_EQ(std::vector<int>(seen.pending, seen.pending + 2), (std::vector<int>{0, 1})); // A set itself up; B was set up for
     EXPECT_EQ(seen.occluderCalls, 2);
     EXPECT_EQ(seen.occluderInstance, s.occ.instance);
     // A: S / l / S / dark (alpha 1) / l / l - S; plus B's filtered colour on
@@ -799,7 +795,7 @@ TEST_F(LightLoop, SharedAccumulatedAndLightFilteringShadows)
         EXPECT_EQ(t_seen.occluderCalls, c.occluderCalls);
         ASSERT_EQ(t_seen.result.size(), 6u);
         for (int i = 0; i < 6; ++i)
-            expectColor(t_seen.result[i], c.result[i].r, c.result[i].g, c.result[i].b, c.result[i].a, 1e-6f);
+            expectColor(t_seen.result[i], c.result[i], 1e-6f);
         FrameBufferInfo *e = nullptr;
         ASSERT_EQ(entriesOf(st, &e), 6u);
         if (c.shadowPass[3] >= 0)

@@ -208,25 +208,19 @@ TEST(MaterialVectors, Helpers)
 {
     const miVector a{1, 2, 3}, b{-2, 0.5f, 4};
     const miVector c = drux::cross(a, b);
-    EXPECT_EQ(c.x, 2 * 4 - 3 * 0.5f);
-    EXPECT_EQ(c.y, 3 * -2 - 1 * 4);
-    EXPECT_EQ(c.z, 1 * 0.5f - 2 * -2);
+    expectVec(c, 2 * 4 - 3 * 0.5f, 3 * -2 - 1 * 4, 1 * 0.5f - 2 * -2, 0);
     EXPECT_EQ(drux::dot(c, a), 0.0f);
     EXPECT_EQ(drux::dot(a, b), -2 + 1 + 12);
     EXPECT_EQ(drux::length(miVector{3, 4, 12}), 13.0f);
     const miVector u = drux::normalize(miVector{0, 3, 4});
-    EXPECT_FLOAT_EQ(u.y, 0.6f);
-    EXPECT_FLOAT_EQ(u.z, 0.8f);
+    expectVec(u, 0, 0.6f, 0.8f, kUlps);
     const miVector zero = drux::normalize(miVector{0, 0, 0});
     EXPECT_EQ(zero.x + zero.y + zero.z, 0.0f);
     // A ray going down onto a floor facing up leaves going up.
     const miVector out = drux::reflect(miVector{0.6f, 0, -0.8f}, miVector{0, 0, 1});
-    EXPECT_FLOAT_EQ(out.x, 0.6f);
-    EXPECT_FLOAT_EQ(out.z, 0.8f);
+    expectVec(out, 0.6f, 0, 0.8f, kUlps);
     const miVector s = drux::sub(drux::add(a, b), drux::scale(b, 2));
-    EXPECT_EQ(s.x, 3.0f);
-    EXPECT_EQ(s.y, 1.5f);
-    EXPECT_EQ(s.z, -1.0f);
+    expectVec(s, 3, 1.5f, -1, 0);
     const miColor m = drux::mul(miColor{0.5f, 2, 4, 1}, drux::scale(miColor{2, 0.25f, 0.5f, 1}, 2));
     expectColor(m, 2, 1, 4, 2, 0, "colour mul and scale");
 }

@@ -3,6 +3,7 @@
 // weights: the doubled quadratic blend S(p, q, r; f) gives p + q at f = 0,
 // 0.25p + 1.5q + 0.25r at f = 0.5 and 4p - 3q + r at f = -1.
 #include "DruxShaderSDK.h"
+#include "expect_values.h"
 #include "runtime.h"
 
 #include "noise_table_gen.h"
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -108,19 +110,11 @@ TEST(NoiseTable, Accessors)
     EXPECT_EQ(noise_table_scalar(-65536), double(T[1]));
     EXPECT_EQ(noise_table_scalar(INT32_MIN), double(T[32768])); // 2^31 = 2^15 * 65536, 65536 = 1 mod 65535
     EXPECT_EQ(noise_table_scalar(INT32_MAX), double(T[32767]));
-    auto vec = [](int i, int a, int b, int c) {
-        miVector v = noise_table_vector(i);
-        EXPECT_EQ(v.x, T[a]) << i;
-        EXPECT_EQ(v.y, T[b]) << i;
-        EXPECT_EQ(v.z, T[c]) << i;
-    };
-    vec(0, 0, 1, 2);
-    vec(65532, 65532, 65533, 65534);
-    vec(65534, 65534, 0, 1);
-    vec(65535, 0, 1, 2);
-    vec(-1, 0, 0, 1); // 2^32 - 1 = 65535 * 65537; the +1 wraps to 0
-    vec(-2, 65534, 0, 0);
-    vec(INT32_MAX, 32767, 32768, 32769);
+    // {index, the entries of x, y and z}; -1: 2^32 - 1 = 65535 * 65537, the +1 wraps to 0
+    const int rows[][4] = {{0, 0, 1, 2},          {65532, 65532, 65533, 65534}, {65534, 65534, 0, 1}, {65535, 0, 1, 2},
+                           {-1, 0, 0, 1},         {-2, 65534, 0, 0},            {INT32_MAX, 32767, 32768, 32769}};
+    for (const auto &r : rows)
+        expectVec(noise_table_vector(r[0]), T[r[1]], T[r[2]], T[r[3]], 0, std::to_string(r[0]).c_str());
 }
 
 TEST(NoiseRandom, SixteenBitGenerator)
@@ -546,12 +540,14 @@ struct Axis {
     float w;  // weight within the cell
 };
 
-Axis axis(double x)
+// The cells around t = 32 * fraction.
+Axis cellsAt(float t)
 {
-    const float t = static_cast<float>(32.0 * fraction(x));
     const int n = static_cast<int>(t);
     return {{(n - 1) & 31, n & 31, (n + 1) & 31}, t - static_cast<float>(n)};
 }
+
+Axis axis(double x) { return cellsAt(static_cast<float>(32.0 * fraction(x))); }
 
 // Rows along x, then y, then z; `value` gives a lattice point's value.
 // The 2D noise takes the fraction in single precision.
@@ -564,9 +560,7 @@ Axis axisSingle(double x)
         n -= xf < static_cast<float>(n);
         f = xf - static_cast<float>(n);
     }
-    const float t = 32.0f * f;
-    const int n = static_cast<int>(t);
-    return {{(n - 1) & 31, n & 31, (n + 1) & 31}, t - static_cast<float>(n)};
+    return cellsAt(32.0f * f);
 }
 
 float noise2(double x, double y)
@@ -695,6 +689,20 @@ bool sameBits(float a, float b)
     return x == y || (std::isnan(a) && std::isnan(b));
 }
 
+// Counts and reports a call whose result differs in any bit from the plain
+// evaluation's: `call` up to its opening parenthesis, then its coordinates.
+void expectSameBits(float got, float want, int &mismatches, const std::string &call, std::initializer_list<double> xyz)
+{
+    if (sameBits(got, want))
+        return;
+    std::ostringstream text;
+    text << std::hexfloat << call;
+    for (const double &c : xyz)
+        text << (&c == xyz.begin() ? "" : ", ") << c;
+    ADD_FAILURE() << std::hexfloat << text.str() << ") = " << got << ", expected " << want;
+    ++mismatches;
+}
+
 // The noise functions called are those of the variant under test (or of the
 // library itself in the default build): otherwise the comparisons below
 // would test another variant than the one named.
@@ -722,24 +730,11 @@ TEST(NoiseBits, ValueNoiseMatchesThePlainEvaluation)
     int mismatches = 0;
     for (int n = 0; n < 150000 && mismatches < 10; ++n) {
         const double x = coord(), y = coord(), z = coord(), w = coord();
-        const float v2 = noise_scalar_2d(x, y), e2 = plain::noise2(x, y);
-        if (!sameBits(v2, e2)) {
-            ADD_FAILURE() << std::hexfloat << "noise_scalar_2d(" << x << ", " << y << ") = " << v2 << ", expected " << e2;
-            ++mismatches;
-        }
-        const float v3 = noise_scalar_3d(x, y, z), e3 = plain::noise3(x, y, z);
-        if (!sameBits(v3, e3)) {
-            ADD_FAILURE() << std::hexfloat << "noise_scalar_3d(" << x << ", " << y << ", " << z << ") = " << v3
-                          << ", expected " << e3;
-            ++mismatches;
-        }
+        expectSameBits(noise_scalar_2d(x, y), plain::noise2(x, y), mismatches, "noise_scalar_2d(", {x, y});
+        expectSameBits(noise_scalar_3d(x, y, z), plain::noise3(x, y, z), mismatches, "noise_scalar_3d(", {x, y, z});
         const int cells = static_cast<int>(coord.rng() % 70000) - 5000;
-        const float v4 = noise_scalar_4d(cells, x, y, z, w), e4 = plain::noise4(cells, x, y, z, w);
-        if (!sameBits(v4, e4)) {
-            ADD_FAILURE() << std::hexfloat << "noise_scalar_4d(" << cells << ", " << x << ", " << y << ", " << z
-                          << ", " << w << ") = " << v4 << ", expected " << e4;
-            ++mismatches;
-        }
+        expectSameBits(noise_scalar_4d(cells, x, y, z, w), plain::noise4(cells, x, y, z, w), mismatches,
+                       "noise_scalar_4d(" + std::to_string(cells) + ", ", {x, y, z, w});
     }
     // Whole numbers and signed zeros on every axis.
     const double whole[] = {-0.0, 0.0, 1.0, -1.0, -3.0, 31.0, -1e9, 1e9, 3e9, 0.5, -0.5};
@@ -771,12 +766,8 @@ TEST(NoiseBits, GradientNoiseMatchesThePlainEvaluation)
         for (int n = 0; n < 150000 && mismatches < 10; ++n) {
             const float x = static_cast<float>(coord() * (n % 3 ? 1 : 97)), y = static_cast<float>(coord()),
                         z = static_cast<float>(coord());
-            const float v = noise_gradient_3d(x, y, z), e = plain::gradient3(G, x, y, z);
-            if (!sameBits(v, e)) {
-                ADD_FAILURE() << std::hexfloat << "noise_gradient_3d(" << x << ", " << y << ", " << z << ") = " << v
-                              << ", expected " << e;
-                ++mismatches;
-            }
+            expectSameBits(noise_gradient_3d(x, y, z), plain::gradient3(G, x, y, z), mismatches, "noise_gradient_3d(",
+                           {x, y, z});
         }
         // Lattice points, where every offset of a corner is zero: the signs of
         // those zeros (-0 in, offsets -0) must come out as in the plain steps.

@@ -1,6 +1,7 @@
 // Ramps: construction from array parameters (with connected fields), the
 // bracketing scan, the four interpolation kinds, concurrent lookups.
 #include "DruxShaderSDK.h"
+#include "expect_values.h"
 #include "runtime.h"
 #include "runtime_fixture.h"
 
@@ -102,19 +103,14 @@ TEST_F(Ramps, ColourChannelsAndAlpha)
     Ramp lin = color({{1, {1, 3, 2, 0.9f}, RAMP_LINEAR}, {0, {0, 1, 2, 0.3f}, RAMP_LINEAR}});
     miColor c{-1, -1, -1, 0.42f};
     ramp_get_interp_color(&lin, &c, 0.25f);
-    EXPECT_EQ(c.r, 0.25f);
-    EXPECT_EQ(c.g, 1.5f);
-    EXPECT_EQ(c.b, 2.0f);
-    EXPECT_EQ(c.a, 0.42f);
+    expectColor(c, 0.25f, 1.5f, 2.0f, 0.42f, 0);
     ramp_get_interp_color(&lin, &c, -2.0f); // end: rgb only
     EXPECT_EQ(c.r, 0.0f);
     EXPECT_EQ(c.a, 0.42f);
 
     Ramp sp = color({{0, {0, 0, 1, 0.3f}, RAMP_SPLINE}, {1, {1, 2, 0, 0.9f}, RAMP_SPLINE}});
     ramp_get_interp_color(&sp, &c, 0.25f);
-    EXPECT_FLOAT_EQ(c.r, 0.203125f);
-    EXPECT_FLOAT_EQ(c.g, 0.40625f);
-    EXPECT_FLOAT_EQ(c.b, 0.796875f);
+    expectRGB(c, 0.203125f, 0.40625f, 0.796875f, kUlps);
     EXPECT_EQ(c.a, 0.42f);
     ramp_get_interp_color(&sp, &c, -1.0f); // spline end: whole key colour
     EXPECT_EQ(c.g, 0.0f);
@@ -130,7 +126,7 @@ TEST_F(Ramps, EmptyMismatchedAndCapacity)
     Ramp c = color({{0, {1, 1, 1, 1}, RAMP_LINEAR}});
     miColor out{5, 5, 5, 5};
     ramp_get_interp_color(&s, &out, 0.5f);
-    EXPECT_TRUE(out.r == 0 && out.g == 0 && out.b == 0 && out.a == 0);
+    expectColor(out, 0, 0, 0, 0, 0);
     EXPECT_EQ(ramp_get_interp_float(&c, 0.5f), 0.0f);
     ramp_destructor(&s);
     EXPECT_EQ(s.count, 0);
@@ -226,7 +222,7 @@ TEST_F(Ramps, ConnectedFieldsEvaluatedThroughTheRenderer)
     state->shader = mirt::function(cfn);
     Ramp c;
     ramp_constructor(&c, state, state->shader->params, 1);
-    EXPECT_TRUE(c.color[0].r == 0.1f && c.color[0].g == 0.2f && c.color[0].b == 0.3f && c.color[0].a == 0.4f);
+    expectColor(c.color[0], 0.1f, 0.2f, 0.3f, 0.4f, 0);
     state->shader = saved;
     for (const mirt::Message &m : mirt::messages())
         EXPECT_NE(m.level, mirt::Level::Error) << m.text;

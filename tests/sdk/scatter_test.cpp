@@ -295,15 +295,11 @@ TEST_P(AreaPerPoint, RemainderCarriesAcrossTrianglesAndBoxes)
             if (u >= -1e-6f && v >= -1e-6f && u + v <= 1 + 1e-6f && std::fabs(q.z) < 1e-6f) {
                 ++inTri[t];
                 // the state is rebuilt on the triangle the ordinal names
-                EXPECT_NEAR(probe.normals[i].x, normals[t].x, 1e-6f);
-                EXPECT_NEAR(probe.normals[i].y, normals[t].y, 1e-6f);
-                EXPECT_NEAR(probe.normals[i].z, normals[t].z, 1e-6f);
+                expectVec(probe.normals[i], normals[t], 1e-6f);
             }
         }
     }
-    EXPECT_EQ(inTri[0], 2);
-    EXPECT_EQ(inTri[1], 1);
-    EXPECT_EQ(inTri[2], 0);
+    EXPECT_EQ(std::vector<int>(inTri, inTri + 3), (std::vector<int>{2, 1, 0}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Boxes, AreaPerPoint,
@@ -417,14 +413,13 @@ TEST_F(Scatter, RebuiltStateDescribesThePoint)
         EXPECT_NEAR(c->point.x, ls->org.x, 0) << "the light sees the rebuilt point";
         EXPECT_GE(c->point.x, 8.0f);
         EXPECT_LE(c->point.x, 12.0f);
-        EXPECT_NEAR(c->tex_list[0].x, (c->point.x - 10) / 4 + 0.5f, 1e-5f);
-        EXPECT_NEAR(c->tex_list[0].y, c->point.y / 2 + 0.5f, 1e-5f);
-        EXPECT_NEAR(c->derivs[0].x, 4, 1e-4f);
-        EXPECT_NEAR(c->derivs[1].y, 2, 1e-4f);
-        EXPECT_NEAR(c->bump_x_list[0].x, 4, 1e-4f);
-        EXPECT_NEAR(c->bump_y_list[0].y, 2, 1e-4f);
-        EXPECT_NEAR(c->normal.z, 1, 1e-6f);
-        EXPECT_NEAR(c->normal_geom.z, 1, 1e-6f);
+        expectVec(c->tex_list[0], (c->point.x - 10) / 4 + 0.5f, c->point.y / 2 + 0.5f, 0, 1e-5f);
+        for (const miVector *d : {&c->derivs[0], &c->bump_x_list[0]})
+            expectVec(*d, 4, 0, 0, 1e-4f);
+        for (const miVector *d : {&c->derivs[1], &c->bump_y_list[0]})
+            expectVec(*d, 0, 2, 0, 1e-4f);
+        expectVec(c->normal, 0, 0, 1, 1e-6f);
+        expectVec(c->normal_geom, 0, 0, 1, 1e-6f);
         const miVector d{c->point.x - st->org.x, c->point.y - st->org.y, c->point.z - st->org.z};
         const float len = std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
         EXPECT_NEAR(c->dist, len, 1e-4);
@@ -712,9 +707,7 @@ TEST_P(Threads, EightThreadsGiveTheSingleThreadImage)
     int lit = 0;
     for (int i = 0; i < W * W; ++i) {
         lit += one[i].r > 0.05f;
-        ASSERT_NEAR(eight[i].r, one[i].r, 1e-6f) << "pixel " << i;
-        ASSERT_NEAR(eight[i].g, one[i].g, 1e-6f) << "pixel " << i;
-        ASSERT_NEAR(eight[i].b, one[i].b, 1e-6f) << "pixel " << i;
+        expectRGB(eight[i], one[i].r, one[i].g, one[i].b, 1e-6f, ("pixel " + std::to_string(i)).c_str());
     }
     EXPECT_GT(lit, 20);
     if (GetParam() == 0) {
@@ -816,6 +809,11 @@ TEST_F(Scatter, NestedLookupDoesNotWaitOnItself)
     light({0, 0, 100}, {0.5f, 0.5f, 0.5f, 1}, 1, 0);
     p->samples = 50;
     const miVector atA{0.1f, 0.1f, 0}, atB{0.1f, 0.1f, 3};
+    auto expectAll = [](const std::vector<miColor> &results, float grey) {
+        ASSERT_FALSE(results.empty());
+        for (const miColor &c : results)
+            expectRGB(c, grey, grey, grey);
+    };
     for (int slots : {0, 4}) {
         p->cacheSize = slots;
         std::vector<miColor> nested;
@@ -828,14 +826,11 @@ TEST_F(Scatter, NestedLookupDoesNotWaitOnItself)
         withinSeconds(30, [&] { r = lookup(a.instance, atA); });
         expectRGB(r, 0.5f, 0.5f, 0.5f);
         ASSERT_EQ(nested.size(), static_cast<size_t>(probe.lightCalls));
-        for (const miColor &c : nested)
-            expectRGB(c, 0, 0, 0);
+        expectAll(nested, 0);
         // Another instance whose cache was never scanned: no work is started.
         reset(), nested.clear(), target = b.instance, at = atB;
         withinSeconds(30, [&] { lookup(a.instance, atA); });
-        ASSERT_FALSE(nested.empty());
-        for (const miColor &c : nested)
-            expectRGB(c, 0, 0, 0);
+        expectAll(nested, 0);
         // Once that instance is evaluated, nested lookups read its points.
         reset(), nested.clear();
         auto hook = probe.onLight;
@@ -843,9 +838,7 @@ TEST_F(Scatter, NestedLookupDoesNotWaitOnItself)
         expectRGB(lookup(b.instance, atB), 0.5f, 0.5f, 0.5f);
         probe.onLight = hook;
         withinSeconds(30, [&] { lookup(a.instance, atA); });
-        ASSERT_FALSE(nested.empty());
-        for (const miColor &c : nested)
-            expectRGB(c, 0.5f, 0.5f, 0.5f);
+        expectAll(nested, 0.5f);
         probe.onLight = nullptr;
     }
 }

@@ -243,10 +243,7 @@ TEST_F(AreaLightDir, EdgeSearch)
     // mirror ray crosses the square: edge 0 at t = 7.9 / 5.4 is best.
     const miVector hitR{0.1f, 0.2f, 1.0f};
     arealight_max_phong_spec_dir(&o, &hitR, kLight, 0, &out);
-    const miVector want = unit(2 - 7.9 / 5.4, 2, 5);
-    EXPECT_NEAR(out.x, want.x, 1e-6);
-    EXPECT_NEAR(out.y, want.y, 1e-6);
-    EXPECT_NEAR(out.z, want.z, 1e-6);
+    expectVec(out, unit(2 - 7.9 / 5.4, 2, 5), 1e-6f);
 }
 
 TEST_F(Shading, TranslucenceFadeAndFocus)

@@ -30,6 +30,11 @@ void expectColor(const miColor &c, float r, float g, float b, float a, float tol
     expectValue(c.a, a, tol, what);
 }
 
+void expectColor(const miColor &c, const miColor &want, float tol, const char *what)
+{
+    expectColor(c, want.r, want.g, want.b, want.a, tol, what);
+}
+
 void expectRGB(const miColor &c, float r, float g, float b, float tol, const char *what)
 {
     expectValue(c.r, r, tol, what);

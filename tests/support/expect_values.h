@@ -18,6 +18,7 @@ void expectValue(float got, float want, float tol, const char *what = "");
 void expectVec(const miVector &v, float x, float y, float z, float tol = 1e-5f, const char *what = "");
 void expectVec(const miVector &v, const miVector &want, float tol = 1e-5f, const char *what = "");
 void expectColor(const miColor &c, float r, float g, float b, float a, float tol = kUlps, const char *what = "");
+void expectColor(const miColor &c, const miColor &want, float tol = kUlps, const char *what = "");
 /* Red, green and blue only. */
 void expectRGB(const miColor &c, float r, float g, float b, float tol = 1e-5f, const char *what = "");
 

@@ -351,8 +351,7 @@ TEST(ObjModels, RelativeIndicesReachExactlyTheFirstElement)
     parseObj("v 0 0 0\nv 1 0 0\nv 0 1 0\nvt 0.5 0.25\nvn 0 0 1\nf -3/-1/-1 -2/-1/-1 -1/-1/-1\n", "rel.obj", m);
     ASSERT_EQ(m.tris.size(), 1u);
     ASSERT_EQ(m.P.size(), 3u);
-    EXPECT_EQ(m.P[size_t(m.tris[0][0])].x, 0.0f); /* -3 of three: the first vertex */
-    EXPECT_EQ(m.P[size_t(m.tris[0][0])].y, 0.0f);
+    expectVec(m.P[size_t(m.tris[0][0])], 0, 0, 0, 0, "-3 of three: the first vertex");
     EXPECT_EQ(m.P[size_t(m.tris[0][1])].x, 1.0f);
     EXPECT_EQ(m.P[size_t(m.tris[0][2])].y, 1.0f);
     ASSERT_TRUE(m.uv.size() == 3u && m.N.size() == 3u);
@@ -541,10 +540,8 @@ TEST(ContactSheet, MatteTileIsTheFirstRankWeightedByItsCoverage)
     const miColor full = t.at(0, 0), part = t.at(1, 0), none = t.at(2, 0);
     EXPECT_GT(std::min({full.r, full.g, full.b}), 0.0f) << "a fully covered pixel is black";
     EXPECT_EQ(full.a, 1.0f);
-    EXPECT_NEAR(part.r, full.r * 2 / 3, 1e-6f);
-    EXPECT_NEAR(part.g, full.g * 2 / 3, 1e-6f);
-    EXPECT_NEAR(part.b, full.b * 2 / 3, 1e-6f);
-    EXPECT_TRUE(none.r == 0 && none.g == 0 && none.b == 0 && none.a == 0);
+    expectRGB(part, full.r * 2 / 3, full.g * 2 / 3, full.b * 2 / 3, 1e-6f);
+    expectColor(none, 0, 0, 0, 0, 0);
 }
 
 TEST(ContactSheet, FontDrawsItsGlyphsInUpperCaseAndClipsThem)

@@ -123,10 +123,8 @@ TEST(HostOutputs, EveryFileIsProbedBeforeRendering)
     const int status = std::system(cmd.c_str());
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 2);
-    std::ifstream in(log);
-    std::stringstream msg;
-    msg << in.rdbuf();
-    EXPECT_NE(msg.str().find("cannot write " + blocked), std::string::npos) << msg.str();
+    const std::string msg = readFile(log);
+    EXPECT_NE(msg.find("cannot write " + blocked), std::string::npos) << msg;
     struct stat st;
     EXPECT_NE(::stat((dir + "/render.exr").c_str(), &st), 0) << "nothing may be written";
     std::remove(log.c_str());

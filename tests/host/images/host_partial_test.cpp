@@ -208,16 +208,10 @@ TEST_F(Parts, MergedPartsAreTheWholeRendersFiles)
     ASSERT_EQ(::mkdir(mergedDir.c_str(), 0777), 0);
     mergeAndWrite(parts, mergedDir, mergedDir + "/stats.txt");
     for (const std::string &f : outputFileNames(whole.passNames)) {
-        std::ifstream a(dir() + "/" + f, std::ios::binary), b(mergedDir + "/" + f, std::ios::binary);
-        std::stringstream sa, sb;
-        sa << a.rdbuf();
-        sb << b.rdbuf();
-        EXPECT_TRUE(sa.str() == sb.str() && !sa.str().empty()) << f;
+        const std::string bytes = readFile(dir() + "/" + f);
+        EXPECT_TRUE(bytes == readFile(mergedDir + "/" + f) && !bytes.empty()) << f;
     }
-    std::ifstream statsFile(mergedDir + "/stats.txt");
-    std::stringstream stats;
-    stats << statsFile.rdbuf();
-    EXPECT_EQ(stats.str(), formatStats(imageStats(whole)));
+    EXPECT_EQ(readFile(mergedDir + "/stats.txt"), formatStats(imageStats(whole)));
 }
 
 TEST_F(Parts, PartsThatDoNotMakeOneRenderAreRefusedByName)
@@ -249,13 +243,7 @@ TEST_F(Parts, PartsThatDoNotMakeOneRenderAreRefusedByName)
 
     // Damaged files: cut short, a byte changed inside the pixels, a whole
     // render's EXR, no file at all.
-    std::string bytes;
-    {
-        std::ifstream in(parts[1], std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        bytes = ss.str();
-    }
+    const std::string bytes = readFile(parts[1]);
     const std::string cut = dir() + "/cut.exr", flipped = dir() + "/flipped.exr";
     std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() * 2 / 3);
     std::string changed = bytes;

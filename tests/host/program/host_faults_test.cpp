@@ -85,10 +85,7 @@ std::map<std::string, std::string> folder(const std::string &dir)
         const std::string name = e->d_name;
         if (name == "." || name == "..")
             continue;
-        std::ifstream in(dir + "/" + name, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        out[name] = ss.str();
+        out[name] = readFile(dir + "/" + name);
     }
     ::closedir(d);
     return out;
@@ -144,14 +141,6 @@ void expectWholeRender(const std::string &dir, int width)
             readPng(dir + "/" + n, w, h);
             EXPECT_EQ(w, width) << n;
         }
-}
-
-std::string text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
 }
 
 TEST(HostFaults, FullDiskKeepsTheEarlierRenderWhole)
@@ -245,7 +234,7 @@ TEST(HostFaults, InterruptKeepsTheFinishedTilesAndResumeCompletesTheRender)
 
         if (sig == SIGTERM) {
             // A scene that changed since (here: the kept fingerprint) is not resumed.
-            const std::string job = out + "/partial/job", saved = text(job);
+            const std::string job = out + "/partial/job", saved = readFile(job);
             std::string changed = saved;
             changed.replace(changed.find("fingerprint ") + 12, 4, "ffff");
             std::ofstream(job) << changed;
@@ -285,7 +274,7 @@ TEST(HostFaults, StagedFilesMoveAllOrNone)
             std::remove(c.c_str());
         }
         EXPECT_THROW(staged.commit(), std::runtime_error);
-        EXPECT_EQ(text(dir + "/a.txt"), "earlier a") << blocked;
+        EXPECT_EQ(readFile(dir + "/a.txt"), "earlier a") << blocked;
         ::rmdir((dir + "/b.txt").c_str());
     }
     EXPECT_EQ(folder(dir).size(), 1u) << "only a.txt";
@@ -295,8 +284,8 @@ TEST(HostFaults, StagedFilesMoveAllOrNone)
         std::ofstream(staged.stage("b.txt")) << "new b";
         EXPECT_EQ(staged.commit(), (std::vector<std::string>{dir + "/a.txt", dir + "/b.txt"}));
     }
-    EXPECT_EQ(text(dir + "/a.txt"), "new a");
-    EXPECT_EQ(text(dir + "/b.txt"), "new b");
+    EXPECT_EQ(readFile(dir + "/a.txt"), "new a");
+    EXPECT_EQ(readFile(dir + "/b.txt"), "new b");
     EXPECT_EQ(folder(dir).size(), 2u);
 
     // A stop asked for while the files are written: nothing moves.
@@ -469,7 +458,7 @@ TEST(HostFaults, ThreadsTheSystemCannotStart)
             cmd += " " + a;
         const std::string log = dir + "/log";
         const int st = std::system(("sh -c '" + cmd + " " + dir + "/limited.stats --threads 8' 2>" + log).c_str());
-        const std::string err = text(log);
+        const std::string err = readFile(log);
         ASSERT_TRUE(WIFEXITED(st)) << err;
         if (limit == 5) {
             EXPECT_EQ(WEXITSTATUS(st), 0) << err;
@@ -477,7 +466,7 @@ TEST(HostFaults, ThreadsTheSystemCannotStart)
             EXPECT_NE(err.find(" of 8 render threads (Resource temporarily unavailable); rendering with those"),
                       std::string::npos)
                 << err;
-            EXPECT_EQ(text(dir + "/limited.stats"), text(dir + "/free.stats"));
+            EXPECT_EQ(readFile(dir + "/limited.stats"), readFile(dir + "/free.stats"));
         } else {
             EXPECT_EQ(WEXITSTATUS(st), 1) << err;
             EXPECT_NE(err.find("druxrender: render stopped: cannot start a render thread: "), std::string::npos)

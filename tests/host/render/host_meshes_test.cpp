@@ -41,17 +41,12 @@ TEST(HostMeshes, SmoothNormalsOfASphereWithoutNormals)
     t.P = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {5, 5, 5}, {0, 0, 1}};
     t.tris = {{0, 1, 2}, {0, 1, 1}};
     computeVertexNormals(t);
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(t.N[i].x, 0.0f) << i;
-        EXPECT_EQ(t.N[i].y, 0.0f) << i;
-        EXPECT_EQ(t.N[i].z, 1.0f) << i;
-    }
+    for (int i = 0; i < 4; ++i)
+        expectVec(t.N[i], 0, 0, 1, 0, std::to_string(i).c_str());
     t.tris = {{0, 1, 2}, {0, 1, 4}}; // faces +z and -y meet along the x axis, both at 90 degrees at vertex 0
     computeVertexNormals(t);
     const float h = static_cast<float>(std::sqrt(0.5));
-    EXPECT_NEAR(t.N[0].x, 0.0f, 1e-6f);
-    EXPECT_NEAR(t.N[0].y, -h, 1e-6f);
-    EXPECT_NEAR(t.N[0].z, h, 1e-6f);
+    expectVec(t.N[0], 0, -h, h, 1e-6f);
     EXPECT_NEAR(t.N[1].y, -h, 1e-6f) << "45 degrees in each face at vertex 1";
     EXPECT_NEAR(t.N[2].z, 1.0f, 1e-6f) << "only the +z face at vertex 2";
     // 90 degrees of +z and 45 of -y at vertex 0 (equal areas): (0, -1, 2) / sqrt(5).

@@ -60,21 +60,16 @@ TEST(HostRayCasting, SceneFindsWhatTheExactTestFinds)
         ASSERT_EQ(a.instance, b.instance) << "ray " << i;
         for (int k = 0; k < 3; ++k)
             ASSERT_NEAR(a.bary[k], b.bary[k], 1e-6f);
-        ASSERT_LE(maxDiff({a.normal.x, a.normal.y, a.normal.z, 0}, {b.normal.x, b.normal.y, b.normal.z, 0}), 1e-6f);
-        ASSERT_LE(maxDiff({a.normal_geom.x, a.normal_geom.y, a.normal_geom.z, 0},
-                          {b.normal_geom.x, b.normal_geom.y, b.normal_geom.z, 0}),
-                  1e-6f);
+        ASSERT_LE(maxDiff(a.normal, b.normal), 1e-6f);
+        ASSERT_LE(maxDiff(a.normal_geom, b.normal_geom), 1e-6f);
         ASSERT_EQ(a.num_tex, b.num_tex);
         ASSERT_EQ(a.num_bumps, b.num_bumps);
         ASSERT_EQ(a.has_derivs, b.has_derivs);
         if (a.num_tex) {
-            ASSERT_LE(maxDiff({a.tex[0].x, a.tex[0].y, a.tex[0].z, 0}, {b.tex[0].x, b.tex[0].y, b.tex[0].z, 0}),
-                      1e-6f);
+            ASSERT_LE(maxDiff(a.tex[0], b.tex[0]), 1e-6f);
         }
         if (a.has_derivs) {
-            ASSERT_LE(maxDiff({a.derivs[0].x, a.derivs[0].y, a.derivs[0].z, 0},
-                              {b.derivs[0].x, b.derivs[0].y, b.derivs[0].z, 0}),
-                      1e-5f);
+            ASSERT_LE(maxDiff(a.derivs[0], b.derivs[0]), 1e-5f);
         }
         /* tmax cuts the hit off; from just past it the next surface is found */
         mirt::Hit c, d;
@@ -107,10 +102,8 @@ TEST(HostRayCasting, EmptySceneAndAxisAlignedRays)
     flat.build();
     ASSERT_TRUE(flat.intersect({0.25f, 0.5f, 3}, {0, 0, -1}, 1e-4, 1e30, h));
     EXPECT_NEAR(h.dist, 3.0, 1e-9);
-    EXPECT_FLOAT_EQ(h.point.x, 0.25f);
-    EXPECT_FLOAT_EQ(h.point.y, 0.5f);
-    EXPECT_FLOAT_EQ(h.tex[0].x, 0.625f); /* u = (x + 1) / 2 */
-    EXPECT_FLOAT_EQ(h.tex[0].y, 0.75f);
+    expectVec(h.point, 0.25f, 0.5f, 0, kUlps);
+    expectVec(h.tex[0], 0.625f, 0.75f, 0, kUlps, "u = (x + 1) / 2");
     EXPECT_FALSE(flat.intersect({0.25f, 0.5f, 3}, {1, 0, 0}, 1e-4, 1e30, h));
     EXPECT_FALSE(flat.intersect({0.25f, 0.5f, 3}, {0, 0, 1}, 1e-4, 1e30, h));
     EXPECT_FALSE(flat.intersect({3, 0, 0}, {-1, 0, 0}, 1e-4, 1e30, h)); /* in the plane: edge-on */

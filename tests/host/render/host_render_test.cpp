@@ -54,13 +54,11 @@ TEST_F(HostRender, AdditivePassesSumToBeautyAndBeautyIsTheShadedColour)
             EXPECT_GT(maxRGB(*r.pass(name)), 0.01f) << name << " stayed black";
         /* the non-material pass holds its constant colour everywhere */
         const Image *matte = r.pass("matte");
+        const miColor constant{0.25f, 0.5f, 0.75f, 1};
         for (int y = 0; y < s.height; ++y)
             for (int x = 0; x < s.width; ++x) {
                 const miColor c = matte->at(x, y);
-                ASSERT_EQ(c.r, 0.25f);
-                ASSERT_EQ(c.g, 0.5f);
-                ASSERT_EQ(c.b, 0.75f);
-                ASSERT_EQ(c.a, 1.0f);
+                ASSERT_EQ(std::memcmp(&c, &constant, sizeof c), 0) << "pixel " << x << ", " << y;
             }
         EXPECT_EQ(r.stats.errors, 0u);
         EXPECT_EQ(r.stats.warnings, 0u);

@@ -8,6 +8,7 @@
 #include "shader_loader.h"
 
 #include "DruxShaderSDK.h"
+#include "expect_values.h"
 #include "runtime_fixture.h"
 
 #include <gtest/gtest.h>
@@ -88,10 +89,8 @@ TEST_F(RendererLayer, AreaLightHitTestUsesTheRectangleItsAxesSpan)
     for (const Case &k : cases) {
         miVector out{9, 9, 9};
         arealight_max_phong_spec_dir(&origin, &k.r, corners, light, &out);
-        const miVector want = unit(k.want);
-        EXPECT_NEAR(out.x, want.x, 1e-6f) << k.r.x << " " << k.r.y;
-        EXPECT_NEAR(out.y, want.y, 1e-6f) << k.r.x << " " << k.r.y;
-        EXPECT_NEAR(out.z, want.z, 1e-6f) << k.r.x << " " << k.r.y;
+        SCOPED_TRACE(testing::Message() << k.r.x << " " << k.r.y);
+        expectVec(out, unit(k.want), 1e-6f);
     }
 }
 

@@ -10,14 +10,6 @@
 
 namespace {
 
-std::string readFile(const std::string &path)
-{
-    std::ifstream in(path);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 /* The line of `text` numbered `n` (from 1). */
 std::string lineOf(const std::string &text, int n)
 {

@@ -3,6 +3,7 @@
  * library gives the stored image bit for bit; a scene's own shader instances
  * render; link and instance errors carry the scene line.
  */
+#include "expect_values.h"
 #include "image_stats.h"
 #include "render.h"
 #include "runtime.h"
@@ -76,10 +77,7 @@ TEST(HostShaderLibrary, SceneShaderInstancesShadeThroughConnections)
     ASSERT_EQ(s.shaders.size(), 2u);
     EXPECT_EQ(parseScene(writeScene(s)).shaders[1].values, s.shaders[1].values);
     const RenderResult r = render(s, options());
-    const miColor c = r.main.at(4, 4);
-    EXPECT_FLOAT_EQ(c.r, 0.2f);
-    EXPECT_FLOAT_EQ(c.g, 0.4f);
-    EXPECT_FLOAT_EQ(c.b, 0.6f);
+    expectRGB(r.main.at(4, 4), 0.2f, 0.4f, 0.6f, kUlps);
     EXPECT_EQ(r.stats.pinsAfter, 0);
 }
 
