@@ -130,6 +130,30 @@ TEST(HostSceneFormat, WriteThenParseGivesTheSameScene)
     const std::string objText = writeScene(parseScene(obj, DRUXHOST_SCENE_DIR));
     EXPECT_NE(objText.find(obj), std::string::npos) << objText;
     EXPECT_EQ(writeScene(parseScene(objText, DRUXHOST_SCENE_DIR)), objText);
+
+    // The fingerprint parts of a render carry: the same for the same scene,
+    // another for any value that changes pixels, the model file's
+    // triangles included (the scene's text names only the file).
+    EXPECT_EQ(sceneFingerprint(back), sceneFingerprint(s));
+    EXPECT_EQ(sceneFingerprint(s).size(), 16u);
+    SceneDesc other = s;
+    other.samples += 1;
+    EXPECT_NE(sceneFingerprint(other), sceneFingerprint(s));
+    other = s;
+    other.materials[2].ior = 1.41f;
+    EXPECT_NE(sceneFingerprint(other), sceneFingerprint(s));
+    SceneDesc gem = parseScene(obj, DRUXHOST_SCENE_DIR);
+    const std::string before = sceneFingerprint(gem);
+    for (auto member : {&MeshDesc::P, &MeshDesc::N, &MeshDesc::uv}) {
+        std::vector<miVector> &v = gem.meshes[0].*member;
+        if (v.empty())
+            continue;
+        v[0].x += 0.25f;
+        EXPECT_NE(sceneFingerprint(gem), before);
+        v[0].x -= 0.25f;
+    }
+    gem.meshes[0].tris[0][0] = gem.meshes[0].tris[0][1];
+    EXPECT_NE(sceneFingerprint(gem), before);
 }
 
 TEST(HostSceneFormat, CommentsBlanksAndDefaults)
