@@ -1,5 +1,6 @@
 #include "farm.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -343,6 +344,7 @@ std::vector<int> runLocalTiles(const FarmJob &job, const std::vector<int> &todo,
     }
     for (size_t k = next; k < todo.size(); ++k)
         failed.push_back(todo[k]);
+    std::sort(failed.begin(), failed.end());
     return failed;
 }
 

@@ -255,6 +255,85 @@ TEST(HostFaults, InterruptKeepsTheFinishedTilesAndResumeCompletesTheRender)
 }
 
 
+/* Farm options refused before anything runs; a submission through a stand-in
+   sbatch (no cluster needed): the scripts, the dependency, the job ids and
+   sbatch's own refusal; tile tasks that fail are named with their logs. */
+TEST(HostFaults, TiledRendersSayWhatWentWrong)
+{
+    const std::string dir = tempDir();
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refused{
+        {{"--tiles", "2"}, "--tiles needs one of --local and --submit slurm"},
+        {{"--local"}, "--local and --submit need --tiles N"},
+        {{"--tiles", "2", "--local", "--submit", "slurm"}, "--tiles needs one of --local and --submit slurm"},
+        {{"--tiles", "2", "--submit", "pbs"}, "--submit knows only slurm"},
+        {{"--tiles", "2", "--local", "--partition", "p"}, "--partition, --time and --mem go with --submit slurm"},
+        {{"--tile", "3/2"}, "--tile needs I/N with 1 <= I <= N"},
+        {{"--tile", "1/2", "--region", "0,0,4,4"}, "--tile and --region cannot be given together"},
+        {{"--region", "5,5,5,9"}, "--region needs X0,Y0,X1,Y1"},
+        {{"--region", "0,0,99,4", "--resolution", "32x24"}, "--region 0,0-99,4 reaches beyond the 32 x 24 image"},
+        {{"--tiles", "30", "--local", "--resolution", "32x24"}, "--tiles 30 is more than the image's 24 rows"},
+        {{"--status", dir}, dir + " holds no render to resume"},
+    };
+    for (const auto &r : refused) {
+        std::vector<std::string> args{"--out", dir + "/out", "--quiet", "--no-progress"};
+        args.insert(args.end(), r.first.begin(), r.first.end());
+        const Outcome o = druxrender(args);
+        EXPECT_EQ(o.status, 2) << r.second << ": " << o.err;
+        EXPECT_NE(o.err.find(r.second), std::string::npos) << o.err;
+    }
+
+    // A stand-in sbatch that notes its arguments and answers with job ids;
+    // a second one that refuses as Slurm does.
+    const std::string bin = dir + "/bin", calls = dir + "/calls";
+    ASSERT_EQ(::mkdir(bin.c_str(), 0777), 0);
+    std::ofstream(bin + "/sbatch") << "#!/bin/sh\necho \"$*\" >> " << calls
+                                   << "\nn=$(wc -l < " << calls << ")\necho $((100 + n))\n";
+    ::chmod((bin + "/sbatch").c_str(), 0755);
+    const char *path = std::getenv("PATH");
+    const std::string savedPath = path ? path : "";
+    ::setenv("PATH", (bin + ":" + savedPath).c_str(), 1);
+    const std::string out = dir + "/farm";
+    Outcome o = druxrender({"--out", out, "--resolution", "32x24", "--samples", "1", "--tiles", "3", "--submit",
+                            "slurm", "--partition", "render", "--time", "1:00:00", "--quiet"});
+    EXPECT_EQ(o.status, 0) << o.err;
+    const std::string said = readFile(calls);
+    EXPECT_NE(said.find("--parsable --array=1,2,3 " + out + "/partial/tile.sbatch\n"), std::string::npos) << said;
+    EXPECT_NE(said.find("--parsable --dependency=afterok:101 --kill-on-invalid-dep=yes " + out +
+                        "/partial/merge.sbatch\n"),
+              std::string::npos)
+        << said;
+    EXPECT_EQ(readFile(out + "/partial/jobs"), "tiles 101\nmerge 102\n");
+    const std::string tile = readFile(out + "/partial/tile.sbatch"), merge = readFile(out + "/partial/merge.sbatch");
+    for (const std::string &want : {std::string("#SBATCH --partition=render\n"), std::string("#SBATCH --time=1:00:00\n"),
+                                    std::string(" --tile \"$SLURM_ARRAY_TASK_ID/3\" --out '" + out + "/partial'"),
+                                    std::string("'--samples' '1' '--resolution' '32x24'")})
+        EXPECT_NE(tile.find(want), std::string::npos) << want << " not in:\n" << tile;
+    EXPECT_NE(merge.find("/druxmerge' '" + out + "' '" + out + "/partial/tile-1-of-3.exr' '" + out +
+                         "/partial/tile-2-of-3.exr' '" + out + "/partial/tile-3-of-3.exr'\n"),
+              std::string::npos)
+        << merge;
+    std::ofstream(bin + "/sbatch") << "#!/bin/sh\necho 'sbatch: error: invalid partition specified: nope' >&2\nexit 1\n";
+    o = druxrender({"--out", out, "--resolution", "32x24", "--tiles", "3", "--submit", "slurm", "--partition", "nope",
+                    "--quiet"});
+    EXPECT_EQ(o.status, 1) << o.err;
+    EXPECT_NE(o.err.find("failed: sbatch: error: invalid partition specified: nope"), std::string::npos) << o.err;
+    ::setenv("PATH", savedPath.c_str(), 1);
+
+    // Tile tasks that cannot render: each named, with its log, and how to go on.
+    const std::string scene = dir + "/bad.scene";
+    std::ofstream(scene) << "link \"libnot_there.so\"\nresolution 32 24\n";
+    o = druxrender({"--scene", scene, "--out", dir + "/bad", "--tiles", "2", "--local", "--quiet"});
+    EXPECT_EQ(o.status, 1) << o.err;
+    EXPECT_NE(o.err.find("tile tasks 1, 2 of 2 failed (see " + dir + "/bad/partial/logs/tile-1.log); druxrender --resume " +
+                         dir + "/bad renders them again"),
+              std::string::npos)
+        << o.err;
+    EXPECT_NE(readFile(dir + "/bad/partial/logs/tile-1.log").find("libnot_there.so"), std::string::npos);
+    o = druxrender({"--status", dir + "/bad"});
+    EXPECT_EQ(o.status, 0) << o.err;
+    removeAll(dir);
+}
+
 TEST(HostFaults, StagedFilesMoveAllOrNone)
 {
     const std::string dir = tempDir();
