@@ -32,9 +32,22 @@ struct LightLoop {
     miVector org;  /* the point the loop samples for */
 };
 
-/* A state belongs to one thread, so its loops live in thread-local storage. */
-thread_local std::vector<LightLoop> light_loops;
+/* A state belongs to one thread, so its loops live in thread-local storage
+   (initial-exec: this library is loaded with the program, and the loops are
+   reached on every light sample). */
+thread_local std::vector<LightLoop> light_loops __attribute__((tls_model("initial-exec")));
 constexpr size_t kMaxLoops = 256;
+
+/* The loop of (state, light), searched from the newest: the loop in progress
+   is almost always the last one begun, while loops a caller left unfinished
+   stay behind it until they are pushed out.  -1 when there is none. */
+long find_loop(const std::vector<LightLoop> &loops, const miState *state, miTag light)
+{
+    for (long i = static_cast<long>(loops.size()) - 1; i >= 0; --i)
+        if (loops[size_t(i)].state == state && loops[size_t(i)].light == light)
+            return i;
+    return -1;
+}
 
 bool same(const miVector &a, const miVector &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
@@ -151,16 +164,16 @@ miBoolean mi_sample_light(miColor *color, miVector *dir, miScalar *dot_nl, miSta
         return miFALSE;
     }
     auto &loops = light_loops;
-    auto it = std::find_if(loops.begin(), loops.end(),
-                           [&](const LightLoop &l) { return l.state == state && l.light == light_inst; });
-    if (it != loops.end() && !same(it->org, state->point))
-        it->next = 0, it->count = 0; /* abandoned loop: start over */
-    if (it == loops.end()) {
+    long at = find_loop(loops, state, light_inst);
+    if (at >= 0 && !same(loops[size_t(at)].org, state->point))
+        loops[size_t(at)].next = 0, loops[size_t(at)].count = 0; /* abandoned loop: start over */
+    if (at < 0) {
         if (loops.size() >= kMaxLoops)
             loops.erase(loops.begin());
         loops.push_back(LightLoop{state, light_inst, 0, 0, state->point});
-        it = loops.end() - 1;
+        at = static_cast<long>(loops.size()) - 1;
     }
+    auto it = loops.begin() + at;
     if (it->count == 0) {
         it->count = light->area == 1 ? std::max(light->samples, 1) : 1;
         it->org = state->point;
@@ -184,13 +197,13 @@ miBoolean mi_sample_light(miColor *color, miVector *dir, miScalar *dot_nl, miSta
                 *samples = k + 1;
             return miTRUE;
         }
-        it = std::find_if(loops.begin(), loops.end(),
-                          [&](const LightLoop &l) { return l.state == key_state && l.light == light_inst; });
-        if (it == loops.end())
+        at = find_loop(loops, key_state, light_inst);
+        if (at < 0)
             break; /* the loop was ended from inside the shader */
+        it = loops.begin() + at;
     }
     int taken = 0;
-    if (it != loops.end()) {
+    if (at >= 0) {
         taken = it->count;
         loops.erase(it);
     }

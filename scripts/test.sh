@@ -9,7 +9,7 @@
 #   scripts/test.sh            everything (what CI runs)
 #   scripts/test.sh --quick    the normal build's tests only
 #
-# Environment: FUZZ_SECONDS (per target, default 45).
+# Environment: FUZZ_SECONDS (per target, default 30).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -138,7 +138,7 @@ if [ $quick -eq 0 ]; then
   suite asan build/asan -DDRUX_ASAN=ON || status=1
   suite tsan build/tsan -DDRUX_TSAN=ON || status=1
   fuzz_failed=0
-  bash scripts/fuzz.sh "${FUZZ_SECONDS:-45}" || { status=1; fuzz_failed=1; }
+  bash scripts/fuzz.sh "${FUZZ_SECONDS:-30}" || { status=1; fuzz_failed=1; }
 fi
 
 # One closing line over every configuration.
