@@ -10,6 +10,7 @@
 #include <png.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -222,7 +223,11 @@ std::vector<std::pair<std::string, std::string>> readExrAttributes(const std::st
     return out;
 }
 
-unsigned char srgbByte(float v)
+namespace {
+
+/* The sRGB code by the formula: linear segment near black, power 1/2.4
+   above it, rounded to the nearest code. */
+unsigned char srgbCode(float v)
 {
     if (!(v > 0.0f))
         return 0;
@@ -230,6 +235,49 @@ unsigned char srgbByte(float v)
         return 255;
     const float s = v <= 0.0031308f ? 12.92f * v : 1.055f * std::pow(v, 1.0f / 2.4f) - 0.055f;
     return static_cast<unsigned char>(std::lround(s * 255.0f));
+}
+
+/* For each code k from 1 to 255, the smallest float whose code is k or
+   more: the code grows with the value, so a value's code is the number of
+   these it reaches.  Found once by bisecting the float bit patterns of
+   (0, 1) with the formula itself, so every value gets exactly the formula's
+   code at a few compares instead of a power per channel. */
+struct SrgbSteps {
+    float at[256];
+    SrgbSteps()
+    {
+        at[0] = 0.0f;
+        uint32_t one;
+        const float f1 = 1.0f;
+        std::memcpy(&one, &f1, sizeof one);
+        for (int k = 1; k < 256; ++k) {
+            uint32_t lo = 0, hi = one; /* code(lo) < k <= code(hi) */
+            while (hi - lo > 1) {
+                const uint32_t mid = lo + (hi - lo) / 2;
+                float v;
+                std::memcpy(&v, &mid, sizeof v);
+                (srgbCode(v) >= k ? hi : lo) = mid;
+            }
+            std::memcpy(&at[k], &hi, sizeof hi);
+        }
+    }
+};
+
+} // namespace
+
+unsigned char srgbByte(float v)
+{
+    if (!(v > 0.0f))
+        return 0;
+    if (v >= 1.0f)
+        return 255;
+    static const SrgbSteps steps;
+    /* the number of steps at or below v, k = 1 .. 255 */
+    int k = 0;
+    for (int half = 128; half > 0; half >>= 1)
+        if (k + half < 256 && steps.at[k + half] <= v)
+            k += half;
+    return static_cast<unsigned char>(k);
 }
 
 namespace {

@@ -143,6 +143,30 @@ TEST(HostImages, SrgbEncoding)
     EXPECT_EQ(srgbByte(0.18f), 118); /* middle grey */
     EXPECT_EQ(srgbByte(0.5f), 188);
     EXPECT_EQ(srgbByte(0.001f), 3); /* linear segment: 12.92 * 0.001 * 255 = 3.29 */
+    // Every code as the formula gives it, over a sweep of the floats of
+    // (0, 1) and one bit pattern either side of each code's first value.
+    auto formula = [](float v) {
+        const float s = v <= 0.0031308f ? 12.92f * v : 1.055f * std::pow(v, 1.0f / 2.4f) - 0.055f;
+        return static_cast<int>(std::lround(s * 255.0f));
+    };
+    int wrong = 0, firstWrong = -1;
+    uint32_t prev = 0;
+    for (uint32_t bits = 1; bits < 0x3f800000u; bits += 7919) {
+        float v;
+        std::memcpy(&v, &bits, sizeof v);
+        const int want = formula(v);
+        if (want != formula([&] { float p; std::memcpy(&p, &prev, sizeof p); return p; }()))
+            for (uint32_t b = prev; b <= bits; ++b) { /* the step lies in between: check it bit by bit */
+                float u;
+                std::memcpy(&u, &b, sizeof u);
+                if (u > 0.0f && srgbByte(u) != formula(u) && ++wrong == 1)
+                    firstWrong = static_cast<int>(b);
+            }
+        if (srgbByte(v) != want && ++wrong == 1)
+            firstWrong = static_cast<int>(bits);
+        prev = bits;
+    }
+    EXPECT_EQ(wrong, 0) << "first at bit pattern " << firstWrong;
 }
 
 } // namespace
