@@ -109,12 +109,15 @@ std::vector<std::pair<std::string, std::string>> readJobIds(const FarmJob &job)
 
 /* squeue's view of the cluster: job id (123, 123_4) -> state. Pending array
    ranges ("123_[2-4,6%2]") are spread into one entry per task. */
-std::map<std::string, std::string> queuedJobs()
+std::map<std::string, std::string> queuedJobs(std::string *failure = nullptr)
 {
     std::string out;
     std::map<std::string, std::string> jobs;
-    if (runCapture({"squeue", "-h", "-o", "%i %T"}, out) != 0)
+    if (runCapture({"squeue", "-h", "-o", "%i %T"}, out) != 0) {
+        if (failure)
+            *failure = trimmed(out).empty() ? std::string("squeue did not run") : trimmed(out);
         return jobs;
+    }
     std::istringstream lines(out);
     std::string id, state;
     while (lines >> id >> state) {
@@ -423,10 +426,14 @@ void cancelQueuedMerge(const FarmJob &job)
 std::string farmStatus(const FarmJob &job)
 {
     const std::vector<std::string> states = tileStates(job);
+    std::string squeueFailure;
     const std::map<std::string, std::string> queued =
-        job.executor == FarmExecutor::Slurm ? queuedJobs() : std::map<std::string, std::string>();
+        job.executor == FarmExecutor::Slurm ? queuedJobs(&squeueFailure) : std::map<std::string, std::string>();
     const auto ids = readJobIds(job);
     std::ostringstream o;
+    if (!squeueFailure.empty())
+        o << "squeue could not be asked (" << squeueFailure
+          << "): tiles still queued or running show as failed below\n";
     int done = 0, active = 0, failed = 0;
     for (int i = 1; i <= job.tiles; ++i) {
         std::string state = states[size_t(i - 1)], where;

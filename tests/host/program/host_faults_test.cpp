@@ -312,6 +312,30 @@ TEST(HostFaults, TiledRendersSayWhatWentWrong)
                          "/partial/tile-2-of-3.exr' '" + out + "/partial/tile-3-of-3.exr'\n"),
               std::string::npos)
         << merge;
+    // The state of the tiles from a stand-in squeue: a running task, a
+    // pending range, a tile neither done nor queued; then squeue failing.
+    std::ofstream(bin + "/squeue") << "#!/bin/sh\necho '101_2 RUNNING'\necho '101_[3%1] PENDING'\necho '102 PENDING'\n";
+    ::chmod((bin + "/squeue").c_str(), 0755);
+    auto statusOf = [](const std::string &dir) {
+        std::string text;
+        FILE *p = ::popen((std::string(DRUXRENDER_PATH) + " --status '" + dir + "' 2>&1").c_str(), "r");
+        char buf[512];
+        for (size_t n; p && (n = std::fread(buf, 1, sizeof buf, p)) > 0;)
+            text.append(buf, n);
+        EXPECT_EQ(p ? ::pclose(p) : -1, 0) << text;
+        return text;
+    };
+    std::string status = statusOf(out);
+    for (const std::string &want :
+         {std::string("  tile 1/3  failed (missing; see " + out + "/partial/logs/tile-1.log)\n"),
+          std::string("  tile 2/3  RUNNING (job 101_2)\n"), std::string("  tile 3/3  PENDING (job 101_3)\n"),
+          std::string("  merge     PENDING (job 102)\n"),
+          std::string("0 done, 2 queued or running, 1 failed or missing: druxrender --resume " + out)})
+        EXPECT_NE(status.find(want), std::string::npos) << want << " not in:\n" << status;
+    std::ofstream(bin + "/squeue") << "#!/bin/sh\necho 'squeue: error: cannot reach slurmctld' >&2\nexit 1\n";
+    status = statusOf(out);
+    EXPECT_NE(status.find("squeue could not be asked (squeue: error: cannot reach slurmctld)"), std::string::npos)
+        << status;
     std::ofstream(bin + "/sbatch") << "#!/bin/sh\necho 'sbatch: error: invalid partition specified: nope' >&2\nexit 1\n";
     o = druxrender({"--out", out, "--resolution", "32x24", "--tiles", "3", "--submit", "slurm", "--partition", "nope",
                     "--quiet"});
