@@ -7,9 +7,10 @@
  * Each thread has one rendering state (druxFrameBufferState runs operation
  * 0 on it), takes tiles from a shared counter and, per pixel and sample,
  * runs operation 2, traces the camera ray, shades it and runs operation 3,
- * then takes every pass's frame-buffer value of the pixel into the host's
- * own float images (averaged over the samples) and clears it for the next
- * sample.  At the end every thread ends its state (operation 1), the
+ * then takes every pass's value of the sample (the state's sample frame
+ * buffers) into the host's own float images (averaged over the samples) and
+ * clears it for the next sample.  A region renders only its tiles; a stop
+ * can keep the tiles finished (RenderOptions).  At the end every thread ends its state (operation 1), the
  * materials free their scattering caches and every database item made for
  * the render is deleted.
  *
