@@ -1,5 +1,7 @@
 #include "partial.h"
 
+#include "fnv_hash.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -111,20 +113,11 @@ std::vector<Layer> partialLayers(const RenderImages &r)
 
 std::string checksum(const std::vector<Layer> &layers, const std::string &covered)
 {
-    uint64_t h = 0xcbf29ce484222325ull;
-    auto eat = [&h](const void *p, size_t n) {
-        const unsigned char *b = static_cast<const unsigned char *>(p);
-        for (size_t i = 0; i < n; ++i) {
-            h ^= b[i];
-            h *= 0x100000001b3ull;
-        }
-    };
-    eat(covered.data(), covered.size());
+    Fnv1a64 h;
+    h.add(covered.data(), covered.size());
     for (const Layer &l : layers)
-        eat(l.image->rgba.data(), l.image->rgba.size() * sizeof(float));
-    char buf[17];
-    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
-    return buf;
+        h.add(l.image->rgba.data(), l.image->rgba.size() * sizeof(float));
+    return h.hex();
 }
 
 std::string passList(const RenderImages &r)

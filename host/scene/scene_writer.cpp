@@ -7,6 +7,7 @@
 #include "scene.h"
 
 #include "scene_keys.h"
+#include "fnv_hash.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -230,26 +231,17 @@ std::string writeScene(const SceneDesc &s)
 
 std::string sceneFingerprint(const SceneDesc &s)
 {
-    uint64_t h = 0xcbf29ce484222325ull;
-    auto eat = [&h](const void *p, size_t n) {
-        const unsigned char *b = static_cast<const unsigned char *>(p);
-        for (size_t i = 0; i < n; ++i) {
-            h ^= b[i];
-            h *= 0x100000001b3ull;
-        }
-    };
+    Fnv1a64 h;
     const std::string text = std::string("druxrender " DRUX_VERSION "\n") + writeScene(s);
-    eat(text.data(), text.size());
+    h.add(text.data(), text.size());
     for (const MeshDesc &m : s.meshes) {
-        eat(m.P.data(), m.P.size() * sizeof(miVector));
-        eat(m.N.data(), m.N.size() * sizeof(miVector));
-        eat(m.uv.data(), m.uv.size() * sizeof(miVector));
-        eat(m.tris.data(), m.tris.size() * sizeof(m.tris[0]));
-        eat(&m.faceted, 1);
+        h.add(m.P.data(), m.P.size() * sizeof(miVector));
+        h.add(m.N.data(), m.N.size() * sizeof(miVector));
+        h.add(m.uv.data(), m.uv.size() * sizeof(miVector));
+        h.add(m.tris.data(), m.tris.size() * sizeof(m.tris[0]));
+        h.add(&m.faceted, 1);
     }
-    char buf[17];
-    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
-    return buf;
+    return h.hex();
 }
 
 } // namespace druxhost
