@@ -40,6 +40,7 @@
  * the job in DIR/partial/ for --status and --resume (farm.h).
  */
 #include "farm.h"
+#include "file_read.h"
 #include "image_stats.h"
 #include "render.h"
 #include "shader_describe.h"
@@ -159,21 +160,6 @@ int runDebugPixel(const SceneDesc &scene, const std::string &sceneName, const in
     for (size_t p = 0; p < ps.passes.size(); ++p)
         printColor(ps.passNames[p].c_str(), ps.passes[p]);
     return 0;
-}
-
-bool makeDir(const std::string &dir)
-{
-    std::string part;
-    for (size_t i = 0; i <= dir.size(); ++i) {
-        if (i == dir.size() || dir[i] == '/') {
-            if (!part.empty() && ::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST)
-                return false;
-        }
-        if (i < dir.size())
-            part += dir[i];
-    }
-    struct stat st;
-    return ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 std::string bytes(int64_t b)
@@ -439,7 +425,7 @@ bool sceneFor(const Args &args, SceneDesc &scene)
    rather than lose the render at the end. */
 bool outputsWritable(const Args &args, const SceneDesc &scene)
 {
-    if (!makeDir(args.outDir)) {
+    if (!makeDirs(args.outDir)) {
         std::cerr << "druxrender: cannot create the output directory " << args.outDir << ": "
                   << std::strerror(errno) << "\n";
         return false;
@@ -915,7 +901,7 @@ int main(int argc, char **argv)
         return runDebugPixel(scene, args.sceneName(), args.debugPx, ro);
     }
     if (args.partial() || args.tiles) {
-        if (!makeDir(args.outDir)) {
+        if (!makeDirs(args.outDir)) {
             std::cerr << "druxrender: cannot create the output directory " << args.outDir << ": "
                       << std::strerror(errno) << "\n";
             return 2;

@@ -73,4 +73,24 @@ std::string readRegularFile(const std::string &path, uint64_t limit, const char 
     return text;
 }
 
+bool makeDirs(const std::string &dir)
+{
+    std::string part;
+    for (size_t i = 0; i <= dir.size(); ++i) {
+        if ((i == dir.size() || dir[i] == '/') && !part.empty() && ::mkdir(part.c_str(), 0777) != 0 &&
+            errno != EEXIST)
+            return false;
+        if (i < dir.size())
+            part += dir[i];
+    }
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0)
+        return false;
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return false;
+    }
+    return true;
+}
+
 } // namespace druxhost

@@ -22,6 +22,10 @@ inline constexpr uint64_t kObjFileLimit = 1ull << 30;
    have"), never naming the path: the caller adds it. */
 std::string readRegularFile(const std::string &path, uint64_t limit, const char *what);
 
+/* Creates the folder `dir` and any folder above it that is missing; true
+   when `dir` is a folder afterwards (errno says why not otherwise). */
+bool makeDirs(const std::string &dir);
+
 } // namespace druxhost
 
 #endif

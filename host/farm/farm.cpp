@@ -1,5 +1,7 @@
 #include "farm.h"
 
+#include "file_read.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -19,16 +21,11 @@ namespace {
 
 const char *const kExecutors[] = {"local", "slurm", "whole"};
 
-void makeDirs(const std::string &dir)
+/* The folder and those above it, or an error naming the one missing. */
+void needDirs(const std::string &dir)
 {
-    std::string part;
-    for (size_t i = 0; i <= dir.size(); ++i) {
-        if ((i == dir.size() || dir[i] == '/') && !part.empty() && ::mkdir(part.c_str(), 0777) != 0 &&
-            errno != EEXIST)
-            throw std::runtime_error("cannot create " + part + ": " + std::strerror(errno));
-        if (i < dir.size())
-            part += dir[i];
-    }
+    if (!makeDirs(dir))
+        throw std::runtime_error("cannot create " + dir + ": " + std::strerror(errno));
 }
 
 /* A single-quoted word for sh. */
@@ -171,7 +168,7 @@ bool hasJob(const std::string &outDir)
 
 void writeJob(const FarmJob &job)
 {
-    makeDirs(partialDir(job.outDir) + "/logs");
+    needDirs(partialDir(job.outDir) + "/logs");
     std::ostringstream o;
     o << "druxrender-job 1\n"
       << "executor " << kExecutors[static_cast<int>(job.executor)] << "\n"
@@ -190,17 +187,7 @@ void writeJob(const FarmJob &job)
             throw std::runtime_error("an option with a line break cannot be kept for a resume: " + a);
         o << "arg " << a << "\n";
     }
-    StagedFiles staged(partialDir(job.outDir));
-    const std::string temp = staged.stage("job");
-    FILE *f = std::fopen(temp.c_str(), "w");
-    if (!f)
-        throw std::runtime_error("cannot write " + temp + ": " + std::strerror(errno));
-    const std::string text = o.str();
-    const bool wrote = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-    closeWrittenFile(f, temp);
-    if (!wrote)
-        throw std::runtime_error("cannot write " + temp);
-    staged.commit();
+    writeTextFile(partialDir(job.outDir) + "/job", o.str());
 }
 
 FarmJob readJob(const std::string &outDir)
@@ -287,7 +274,7 @@ std::string programPath(const std::string &name)
 std::vector<int> runLocalTiles(const FarmJob &job, const std::vector<int> &todo, int jobs, int threads,
                                const std::atomic<int> *stop)
 {
-    makeDirs(partialDir(job.outDir) + "/logs");
+    needDirs(partialDir(job.outDir) + "/logs");
     const std::string self = programPath("druxrender");
     std::map<pid_t, int> running;
     std::vector<int> failed;
@@ -354,7 +341,7 @@ std::vector<int> runLocalTiles(const FarmJob &job, const std::vector<int> &todo,
 SlurmJobs submitSlurm(const FarmJob &job, const std::vector<int> &todo)
 {
     const std::string dir = partialDir(job.outDir);
-    makeDirs(dir + "/logs");
+    needDirs(dir + "/logs");
     std::string head = "#!/bin/sh\n";
     if (!job.partition.empty())
         head += "#SBATCH --partition=" + job.partition + "\n";

@@ -214,7 +214,11 @@ WrittenOutputs writeOutputsOrFallback(const RenderImages &r, const std::string &
    place: an earlier statistics file stays whole when writing fails. */
 void writeStatsFile(const RenderImages &result, const std::string &path)
 {
-    const std::string text = formatStats(imageStats(result));
+    writeTextFile(path, formatStats(imageStats(result)));
+}
+
+void writeTextFile(const std::string &path, const std::string &text)
+{
     const size_t slash = path.rfind('/');
     StagedFiles staged(slash == std::string::npos ? std::string(".") : path.substr(0, slash));
     const std::string temp = staged.stage(path.substr(slash == std::string::npos ? 0 : slash + 1));

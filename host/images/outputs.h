@@ -98,6 +98,10 @@ WrittenOutputs writeOutputsOrFallback(const RenderImages &result, const std::str
    name moved into place: an earlier file stays whole when writing fails. */
 void writeStatsFile(const RenderImages &images, const std::string &path);
 
+/* `text` written to `path` the same way: checked to the disk under a
+   temporary name in its folder, then moved into place. */
+void writeTextFile(const std::string &path, const std::string &text);
+
 /* Merges partial renders (partial.h) and writes the whole render's files
    into `dir` as writeOutputsOrFallback does, and the statistics to
    `statsPath` when given.  Throws PartialError for parts that do not make

@@ -10,13 +10,14 @@
  * that leave pixels uncovered and damaged files: exit 2, nothing written.
  * Exit 3 when the files went to a fallback folder (named), 1 on other errors.
  */
+#include "file_read.h"
 #include "outputs.h"
 #include "partial.h"
 
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 using namespace druxhost;
@@ -48,8 +49,7 @@ int main(int argc, char **argv)
         std::cerr << "usage: druxmerge [--image-stats FILE] OUT PARTIAL...\n";
         return 2;
     }
-    struct stat st;
-    if (::stat(out.c_str(), &st) != 0 && ::mkdir(out.c_str(), 0777) != 0) {
+    if (!makeDirs(out)) {
         std::cerr << "druxmerge: cannot create " << out << ": " << std::strerror(errno) << "\n";
         return 2;
     }
